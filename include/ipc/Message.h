@@ -1,0 +1,125 @@
+// Message: the unit every other class moves around.
+//
+// A message is a 24-byte header (id, type, flags, dataCount,
+// fileDescriptorCount, 6 reserved bytes; host byte order) followed directly by
+// a packed payload: dataCount data bytes, then fileDescriptorCount descriptors
+// as 4-byte integers, unaligned. Header and payload live in one byte vector so
+// that the transport sends and receives the header in place. Flag bit 0 marks
+// an asynchronous message, bit 1 a reply.
+//
+// Ownership: a message owns its bytes and a shared pointer to the
+// MessageHandler that disposes of it; it does not own the descriptors it
+// carries (the default handler closes them). Messages are moved, never copied;
+// the queue, table and registry hold them by std::unique_ptr.
+//
+// Thread: every header and payload accessor is atomic under the message's own
+// mutex; sequences of calls are not. setMessageHandler() takes no lock.
+// Failure: a header vector of the wrong size, or use of a moved-from message's
+// header, ends the process.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "ipc/Export.h"
+
+namespace Kestrel::ipc {
+
+class MessageHandler;
+
+class IPC_EXPORT Message {
+public:
+    // The unpacked form of a payload. The descriptors are not owned: nothing
+    // closes them when a Payload goes away.
+    struct IPC_EXPORT Payload {
+        Payload() = default;
+        // Unpacks `dataCount` bytes and then `fileDescriptorCount` 4-byte
+        // descriptors from `packed` (byte copies: the block may be unaligned).
+        Payload(const void* packed, uint32_t dataCount, uint16_t fileDescriptorCount);
+
+        std::vector<uint8_t> data;
+        std::vector<int> fds;
+    };
+
+    static constexpr size_t kHeaderSize = 24;
+    static constexpr uint32_t kFlagAsync = 1u << 0;
+    static constexpr uint32_t kFlagReply = 1u << 1;
+
+    // A zeroed header and `handler`, or a new default MessageHandler when null.
+    explicit Message(std::shared_ptr<MessageHandler> handler = nullptr);
+    // Takes `other`'s bytes and handler; `other` is left with no header and no
+    // handler.
+    Message(Message&& other);
+    // Takes `other`'s bytes and swaps handlers: `other` receives this
+    // message's former handler (unlike the move constructor, on purpose).
+    Message& operator=(Message&& other);
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    // Neither calls the handler nor closes descriptors.
+    virtual ~Message();
+
+    uint32_t id() const;
+    uint32_t type() const;
+    uint32_t flags() const;
+    uint32_t dataCount() const;
+    uint16_t fileDescriptorCount() const;
+    // Sets the flags word to 0 and returns its former value.
+    uint32_t clearFlags();
+    bool isAsync() const;
+    bool isReply() const;
+
+    // The header's first byte and its size (24). The pointer is valid until
+    // the storage is reallocated (setPayload, a move); whoever writes through
+    // the non-const form must own the message exclusively.
+    std::pair<const uint8_t*, size_t> header() const;
+    std::pair<uint8_t*, size_t> header();
+
+    // A copy of the payload, unpacked with the header's counts as they stand.
+    // A header-only message logs "no payload exists" and gives an empty one.
+    Payload payload() const;
+
+    // Sets the counts; id, type and flags become 0.
+    void setHeader(uint32_t dataCount, uint16_t fileDescriptorCount);
+    void setHeader(uint32_t id, uint32_t type, uint32_t flags, uint32_t dataCount,
+                   uint16_t fileDescriptorCount);
+    // Copies bytes 0..17 (id through descriptor count) of a 24-byte header;
+    // the reserved bytes stay. Any other size ends the process.
+    void setHeader(const std::vector<uint8_t>& bytes);
+
+    // Resizes the storage to header + data + 4 x descriptors and packs the
+    // payload. An empty data block (or descriptor list) leaves its count in
+    // the header untouched, so emptying a payload keeps the old counts.
+    void setPayload(const Payload& payload);
+
+    // Replaces the handler (null is stored as given), warning when one was
+    // set. Not locked: must not race with readers of the handler.
+    void setMessageHandler(std::shared_ptr<MessageHandler> handler);
+    const std::shared_ptr<MessageHandler>& messageHandler() const { return mHandler; }
+
+    // Waits up to 1 s for the reply bit, re-checked on every wake-up; logs
+    // "waitResponse timed out, message ID(%u) isReply(%d)" on every check.
+    // Returns nothing: ask isReply() afterwards.
+    void waitResponse();
+    // Wakes one waiter. Set the reply bit (setHeader) before calling this.
+    void signalResponse();
+
+private:
+    uint32_t readWord(size_t offset) const;  // caller holds mMutex
+    void writeWord(size_t offset, uint32_t value);
+    void writeDescriptorCount(uint16_t count);
+    void checkHeaderPresent() const;
+
+    size_t mHeaderSize;
+    mutable std::mutex mMutex;
+    std::vector<uint8_t> mStorage;  // guarded by mMutex
+    std::shared_ptr<MessageHandler> mHandler;
+    std::mutex mResponseMutex;
+    std::condition_variable mResponseCondition;
+};
+
+}  // namespace Kestrel::ipc

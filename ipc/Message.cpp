@@ -1,0 +1,221 @@
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/utils/Log.h>
+
+#include <chrono>
+#include <cstring>
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"Message", "ipc/Message", utils::kLogModuleCore};
+
+constexpr size_t kIdOffset = 0;
+constexpr size_t kTypeOffset = 4;
+constexpr size_t kFlagsOffset = 8;
+constexpr size_t kDataCountOffset = 12;
+constexpr size_t kFdCountOffset = 16;
+constexpr size_t kSettableHeaderBytes = 18;  // id through descriptor count
+}  // namespace
+
+Message::Payload::Payload(const void* packed, uint32_t dataCount, uint16_t fileDescriptorCount) {
+    const auto* bytes = static_cast<const uint8_t*>(packed);
+    if (dataCount != 0) {
+        data.resize(dataCount);
+        IPC_LOGD("[%s] data_offset(%zu)", __func__, static_cast<size_t>(dataCount));
+        std::memmove(data.data(), bytes, dataCount);
+    }
+    if (fileDescriptorCount != 0) {
+        fds.resize(fileDescriptorCount);
+        const size_t fdBytes = sizeof(int) * fileDescriptorCount;
+        IPC_LOGD("[%s] fds_offset(%zu)", __func__, fdBytes);
+        std::memmove(fds.data(), bytes + dataCount, fdBytes);
+    }
+}
+
+Message::Message(std::shared_ptr<MessageHandler> handler)
+    : mHeaderSize(kHeaderSize),
+      mStorage(kHeaderSize, 0),
+      mHandler(handler ? std::move(handler) : std::make_shared<MessageHandler>()) {}
+
+Message::Message(Message&& other) : mHeaderSize(kHeaderSize) {
+    std::lock_guard<std::mutex> lock(other.mMutex);
+    mStorage = std::move(other.mStorage);
+    other.mStorage.clear();
+    mHandler.swap(other.mHandler);
+}
+
+Message& Message::operator=(Message&& other) {
+    if (&other == this) {
+        return *this;
+    }
+    std::unique_lock<std::mutex> mine(mMutex, std::defer_lock);
+    std::unique_lock<std::mutex> theirs(other.mMutex, std::defer_lock);
+    std::lock(mine, theirs);
+    mStorage = std::move(other.mStorage);
+    other.mStorage.clear();
+    mHandler.swap(other.mHandler);
+    return *this;
+}
+
+Message::~Message() = default;
+
+void Message::checkHeaderPresent() const {
+    if (mStorage.size() < mHeaderSize) {
+        IPC_FATAL("message has no header (moved from), storage size(%zu)", mStorage.size());
+    }
+}
+
+uint32_t Message::readWord(size_t offset) const {
+    checkHeaderPresent();
+    uint32_t value;
+    std::memcpy(&value, mStorage.data() + offset, sizeof(value));
+    return value;
+}
+
+void Message::writeWord(size_t offset, uint32_t value) {
+    checkHeaderPresent();
+    std::memcpy(mStorage.data() + offset, &value, sizeof(value));
+}
+
+void Message::writeDescriptorCount(uint16_t count) {
+    checkHeaderPresent();
+    std::memcpy(mStorage.data() + kFdCountOffset, &count, sizeof(count));
+}
+
+uint32_t Message::id() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return readWord(kIdOffset);
+}
+
+uint32_t Message::type() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return readWord(kTypeOffset);
+}
+
+uint32_t Message::flags() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return readWord(kFlagsOffset);
+}
+
+uint32_t Message::dataCount() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return readWord(kDataCountOffset);
+}
+
+uint16_t Message::fileDescriptorCount() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    uint16_t count;
+    std::memcpy(&count, mStorage.data() + kFdCountOffset, sizeof(count));
+    return count;
+}
+
+uint32_t Message::clearFlags() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    const uint32_t old = readWord(kFlagsOffset);
+    writeWord(kFlagsOffset, 0);
+    return old;
+}
+
+bool Message::isAsync() const { return (flags() & kFlagAsync) != 0; }
+
+bool Message::isReply() const { return ((flags() >> 1) & 1u) != 0; }
+
+std::pair<const uint8_t*, size_t> Message::header() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    return {mStorage.data(), mHeaderSize};
+}
+
+std::pair<uint8_t*, size_t> Message::header() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    return {mStorage.data(), mHeaderSize};
+}
+
+Message::Payload Message::payload() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+        return Payload();
+    }
+    const uint32_t numData = readWord(kDataCountOffset);
+    uint16_t numFds;
+    std::memcpy(&numFds, mStorage.data() + kFdCountOffset, sizeof(numFds));
+    IPC_LOGD("[%s] num_data(%u) num_fds(%u)", __func__, numData, static_cast<unsigned>(numFds));
+    // The counts are trusted only as far as the storage reaches: a header
+    // whose counts overstate the bytes behind it yields a payload clipped to
+    // what is there rather than a read past the storage.
+    const size_t available = mStorage.size() - mHeaderSize;
+    const uint32_t dataBytes = numData <= available ? numData : static_cast<uint32_t>(available);
+    const size_t fdRoom = (available - dataBytes) / sizeof(int);
+    const auto fdCount = static_cast<uint16_t>(numFds <= fdRoom ? numFds : fdRoom);
+    return Payload(mStorage.data() + mHeaderSize, dataBytes, fdCount);
+}
+
+void Message::setHeader(uint32_t dataCount, uint16_t fileDescriptorCount) {
+    setHeader(0, 0, 0, dataCount, fileDescriptorCount);
+}
+
+void Message::setHeader(uint32_t id, uint32_t type, uint32_t flags, uint32_t dataCount,
+                        uint16_t fileDescriptorCount) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    writeWord(kIdOffset, id);
+    writeWord(kTypeOffset, type);
+    writeWord(kFlagsOffset, flags);
+    writeWord(kDataCountOffset, dataCount);
+    writeDescriptorCount(fileDescriptorCount);
+}
+
+void Message::setHeader(const std::vector<uint8_t>& bytes) {
+    if (bytes.size() != mHeaderSize) {
+        IPC_FATAL("the data size(%zu) is not the same as the header size(%zu)", bytes.size(),
+                  mHeaderSize);
+    }
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    std::memcpy(mStorage.data(), bytes.data(), kSettableHeaderBytes);
+}
+
+void Message::setPayload(const Payload& payload) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    const size_t oldSize = mStorage.size();
+    const size_t dataBytes = payload.data.size();
+    const size_t fdBytes = sizeof(int) * payload.fds.size();
+    const size_t newSize = mHeaderSize + dataBytes + fdBytes;
+    if (newSize != oldSize) {
+        mStorage.resize(newSize, 0);
+    }
+    IPC_LOGD("[%s] adjust storage size from %zu to %zu", __func__, oldSize, newSize);
+    if (dataBytes != 0) {
+        writeWord(kDataCountOffset, static_cast<uint32_t>(dataBytes));
+        std::memcpy(mStorage.data() + mHeaderSize, payload.data.data(), dataBytes);
+    }
+    if (fdBytes != 0) {
+        writeDescriptorCount(static_cast<uint16_t>(payload.fds.size()));
+        std::memcpy(mStorage.data() + mHeaderSize + dataBytes, payload.fds.data(), fdBytes);
+    }
+}
+
+void Message::setMessageHandler(std::shared_ptr<MessageHandler> handler) {
+    if (mHandler) {
+        IPC_LOGW("message handler(0x%lx) is going to be removed",
+                 reinterpret_cast<unsigned long>(mHandler.get()));
+    }
+    mHandler = std::move(handler);
+}
+
+void Message::waitResponse() {
+    std::unique_lock<std::mutex> lock(mResponseMutex);
+    mResponseCondition.wait_for(lock, std::chrono::nanoseconds(1000000000), [this] {
+        IPC_LOGW("waitResponse timed out, message ID(%u) isReply(%d)", id(),
+                 static_cast<int>(isReply()));
+        return isReply();
+    });
+}
+
+void Message::signalResponse() { mResponseCondition.notify_one(); }
+
+}  // namespace Kestrel::ipc

@@ -1,0 +1,35 @@
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/utils/Log.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"MessageHandler", "ipc/MessageHandler", utils::kLogModuleCore};
+
+}  // namespace
+
+MessageHandler::~MessageHandler() = default;
+
+void MessageHandler::handleMessage(Message& message) {
+    const Message::Payload payload = message.payload();
+    std::for_each(payload.fds.begin(), payload.fds.end(), [](int fd) {
+        IPC_LOGD("[%s] close fd(%d)", __func__, fd);
+        ::close(fd);
+    });
+    message.setHeader(message.dataCount(), 0);
+    if (message.fileDescriptorCount() != 0) {
+        IPC_FATAL("cannot reset the file descriptor count to 0 of a message header");
+    }
+}
+
+void MessageHandler::handleMessage(std::unique_ptr<Message> message) {
+    if (message) {
+        MessageHandler::handleMessage(*message);
+    }
+}
+
+}  // namespace Kestrel::ipc

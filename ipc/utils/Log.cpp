@@ -1,0 +1,71 @@
+#include <ipc/utils/Log.h>
+#include <properties/Properties.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace Kestrel::ipc::utils {
+
+int32_t LogSetting::sLogLevel =
+        Kestrel::Utils::Properties::property_get_int32("vendor.debug.ipc.framework.log", 0);
+
+namespace logging {
+
+namespace {
+
+uint32_t uloggerLevel(Level level) { return level == kDebug ? 5u : static_cast<uint32_t>(level); }
+
+// Formats into `buffer` and hands the line to the unified logger; the length
+// passed on is snprintf's result, also when the text was truncated.
+void recordFormatted(const LogSite& site, Level level, const char* format, va_list args) {
+    ULogger* logger = ULogger::sULogger;
+    if (logger == nullptr) {
+        return;
+    }
+    char buffer[kBufferSize] = {};
+    const int length = std::vsnprintf(buffer, sizeof(buffer), format, args);
+    if (length < 0) {
+        return;
+    }
+    buffer[kBufferSize - 1] = '\0';
+    logger->record(site.moduleId, site.tag, uloggerLevel(level), buffer, length);
+}
+
+}  // namespace
+
+void writeFrame(char* buffer, Level level, const LogSite& site, int line, const char* function,
+                const char* format) {
+    std::memset(buffer, 0, kBufferSize);
+    const int length = std::snprintf(buffer, kBufferSize, "%s[%s] %s:%d %s() %s",
+                                     g_logInfoLv[level].prefix, site.tag,
+                                     get_filename_log_control(site.file), line, function, format);
+    if (length < 0 || length >= kBufferSize) {
+        // A frame that does not fit would lose the caller's placeholders.
+        std::abort();
+    }
+}
+
+void record(const LogSite& site, Level level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    recordFormatted(site, level, format, args);
+    va_end(args);
+}
+
+void recordFatal(const LogSite& site, const char* format, ...) {
+    if (!uloggerSelected()) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    recordFormatted(site, kError, format, args);
+    va_end(args);
+    if (ULogger* logger = ULogger::sULogger) {
+        logger->flush(1);
+    }
+}
+
+}  // namespace logging
+}  // namespace Kestrel::ipc::utils

@@ -1,0 +1,63 @@
+// Test helper: captures the library's log lines through the unified logger.
+//
+// Constructing a LogCapture installs it as ULogger::sULogger with sMode 2
+// (unified logger only) and sDetailsLevel 5; destroying it restores what was
+// there. record() may be called from any thread. Create it before starting
+// the threads whose lines a test checks: the ULogger statics are plain
+// variables.
+#pragma once
+
+#include <ulog/ULogger.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace velacam::test {
+
+struct LogLine {
+    uint32_t moduleId;
+    std::string tag;
+    uint32_t level;  // 1 error, 2 warning, 3 info, 5 debug
+    std::string text;
+    int length;
+};
+
+class LogCapture : public Kestrel::Utils::ULog::ULogger {
+public:
+    explicit LogCapture(uint32_t mode = 2);
+    ~LogCapture() override;
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    void record(uint32_t moduleId, const char* tag, uint32_t level, const char* text,
+                int length) override;
+    void flush(int reason) override;
+
+    std::vector<LogLine> lines() const;
+    // Number of lines whose text equals `text` exactly.
+    size_t count(const std::string& text) const;
+    // Number of lines whose text contains `part`.
+    size_t countContaining(const std::string& part) const;
+    bool contains(const std::string& part) const { return countContaining(part) > 0; }
+    // Waits until at least `times` lines contain `part`; false on time-out.
+    bool waitFor(const std::string& part, size_t times = 1,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    int flushCount() const;
+    void clear();
+
+private:
+    mutable std::mutex mLock;
+    mutable std::condition_variable mChanged;
+    std::vector<LogLine> mLines;  // guarded by mLock
+    int mFlushes = 0;             // guarded by mLock
+    ULogger* mPrevious;
+    uint32_t mPreviousMode;
+    uint32_t mPreviousDetails;
+    uint32_t mPreviousMask;
+};
+
+}  // namespace velacam::test

@@ -1,0 +1,48 @@
+#include "support/Waiting.h"
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+namespace velacam::test {
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+struct Watchdog::State {
+    std::mutex lock;
+    std::condition_variable disarmed;
+    bool done = false;
+};
+
+Watchdog::Watchdog(const char* what, std::chrono::milliseconds limit) : mState(std::make_shared<State>()) {
+    mThread = std::thread([state = mState, what, limit] {
+        std::unique_lock<std::mutex> lock(state->lock);
+        if (!state->disarmed.wait_for(lock, limit, [state] { return state->done; })) {
+            std::fprintf(stderr, "watchdog: '%s' did not finish within %lld ms\n", what,
+                         static_cast<long long>(limit.count()));
+            std::fflush(stderr);
+            std::abort();
+        }
+    });
+}
+
+Watchdog::~Watchdog() {
+    {
+        std::lock_guard<std::mutex> lock(mState->lock);
+        mState->done = true;
+    }
+    mState->disarmed.notify_all();
+    mThread.join();
+}
+
+}  // namespace velacam::test

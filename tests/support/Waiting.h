@@ -1,0 +1,32 @@
+// Test helpers that bound every wait, so that a hang fails instead of
+// stalling CI.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace velacam::test {
+
+using namespace std::chrono_literals;
+
+// Polls `condition` every millisecond until it holds; false after `timeout`.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s);
+
+// Aborts the whole test process, naming `what`, unless disarmed (destroyed)
+// within `limit`. Put one around any step that could block forever.
+class Watchdog {
+public:
+    Watchdog(const char* what, std::chrono::milliseconds limit);
+    ~Watchdog();
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    struct State;
+    std::shared_ptr<State> mState;
+    std::thread mThread;
+};
+
+}  // namespace velacam::test
