@@ -58,7 +58,7 @@ TEST(LogGate, WarningsAndErrorsPassWhateverTheProperty) {
 }
 
 class LogSinks : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (LogSetting::logLevel() < 1) {
             GTEST_SKIP() << "needs the debug property";
@@ -135,8 +135,9 @@ TEST_F(LogSinks, ErrorLineEndsWithFunctionLineAndFile) {
     testing::internal::CaptureStderr();
     run(7);
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::regex_match(err, std::regex("E \\[Thread\\] ipc/utils/Thread:([0-9]+) run\\(\\) "
-                                                 "broken 7 \\(run\\)\\{#\\1:ipc/utils/Thread\\}\n")))
+    EXPECT_TRUE(
+            std::regex_match(err, std::regex("E \\[Thread\\] ipc/utils/Thread:([0-9]+) run\\(\\) "
+                                             "broken 7 \\(run\\)\\{#\\1:ipc/utils/Thread\\}\n")))
             << err;
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].text, "broken 7");  // no frame, no suffix
@@ -176,7 +177,7 @@ TEST_F(LogFatalDeathTest, FatalCheckAbortsWithTheMessageAndItsOrigin) {
 // Writes what the fatal path records to standard error, so that the dying
 // child's output shows the order: record, flush, assertion.
 class EchoingLogger : public ULogger {
-public:
+  public:
     void record(uint32_t, const char*, uint32_t level, const char* text, int) override {
         fprintf(stderr, "recorded(%u): %s\n", level, text);
     }

@@ -33,7 +33,7 @@ namespace Kestrel::ipc {
 class MessageHandler;
 
 class IPC_EXPORT Message {
-public:
+  public:
     // The unpacked form of a payload. The descriptors are not owned: nothing
     // closes them when a Payload goes away.
     struct IPC_EXPORT Payload {
@@ -108,7 +108,7 @@ public:
     // Wakes one waiter. Set the reply bit (setHeader) before calling this.
     void signalResponse();
 
-private:
+  private:
     uint32_t readWord(size_t offset) const;  // caller holds mMutex
     void writeWord(size_t offset, uint32_t value);
     void writeDescriptorCount(uint16_t count);

@@ -20,7 +20,7 @@ namespace Kestrel::ipc {
 class Message;
 
 class IPC_EXPORT MessageHandler {
-public:
+  public:
     MessageHandler() = default;
     virtual ~MessageHandler();
 

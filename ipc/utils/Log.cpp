@@ -38,9 +38,9 @@ void recordFormatted(const LogSite& site, Level level, const char* format, va_li
 void writeFrame(char* buffer, Level level, const LogSite& site, int line, const char* function,
                 const char* format) {
     std::memset(buffer, 0, kBufferSize);
-    const int length = std::snprintf(buffer, kBufferSize, "%s[%s] %s:%d %s() %s",
-                                     g_logInfoLv[level].prefix, site.tag,
-                                     get_filename_log_control(site.file), line, function, format);
+    const int length =
+            std::snprintf(buffer, kBufferSize, "%s[%s] %s:%d %s() %s", g_logInfoLv[level].prefix,
+                          site.tag, get_filename_log_control(site.file), line, function, format);
     if (length < 0 || length >= kBufferSize) {
         // A frame that does not fit would lose the caller's placeholders.
         std::abort();

@@ -18,11 +18,11 @@ bool isOpen(int fd);
 // failure) every descriptor opened since and still open, and every one closed
 // that was open before.
 class DescriptorLeakCheck {
-public:
+  public:
     DescriptorLeakCheck();
     void check() const;
 
-private:
+  private:
     std::set<int> mBefore;
 };
 

@@ -27,7 +27,7 @@ struct LogLine {
 };
 
 class LogCapture : public Kestrel::Utils::ULog::ULogger {
-public:
+  public:
     explicit LogCapture(uint32_t mode = 2);
     ~LogCapture() override;
     LogCapture(const LogCapture&) = delete;
@@ -49,7 +49,7 @@ public:
     int flushCount() const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mLock;
     mutable std::condition_variable mChanged;
     std::vector<LogLine> mLines;  // guarded by mLock

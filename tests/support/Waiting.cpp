@@ -24,7 +24,8 @@ struct Watchdog::State {
     bool done = false;
 };
 
-Watchdog::Watchdog(const char* what, std::chrono::milliseconds limit) : mState(std::make_shared<State>()) {
+Watchdog::Watchdog(const char* what, std::chrono::milliseconds limit)
+    : mState(std::make_shared<State>()) {
     mThread = std::thread([state = mState, what, limit] {
         std::unique_lock<std::mutex> lock(state->lock);
         if (!state->disarmed.wait_for(lock, limit, [state] { return state->done; })) {

@@ -17,13 +17,13 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 // Aborts the whole test process, naming `what`, unless disarmed (destroyed)
 // within `limit`. Put one around any step that could block forever.
 class Watchdog {
-public:
+  public:
     Watchdog(const char* what, std::chrono::milliseconds limit);
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 
-private:
+  private:
     struct State;
     std::shared_ptr<State> mState;
     std::thread mThread;

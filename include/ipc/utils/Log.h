@@ -36,7 +36,7 @@ namespace Kestrel::ipc::utils {
 
 // The library-wide verbosity switch, read once at load.
 class IPC_EXPORT LogSetting {
-public:
+  public:
     // The value of "vendor.debug.ipc.framework.log" at load time (0 if unset).
     static int32_t logLevel() { return sLogLevel; }
 
@@ -116,8 +116,8 @@ void emitError(const LogSite& site, int line, const char* function, const char* 
     if (debugPrintSelected(kError)) {
         char buffer[kBufferSize];
         writeFrame(buffer, kError, site, line, function, framed);
-        log_dbg_print(site.tag, static_cast<cam_debug_level_t>(kError), buffer, args...,
-                      function, line, site.file);
+        log_dbg_print(site.tag, static_cast<cam_debug_level_t>(kError), buffer, args..., function,
+                      line, site.file);
     }
     if (uloggerSelected()) {
         record(site, kError, plain, args...);
@@ -136,41 +136,41 @@ template <typename... Args>
 
 #define IPC_LOG_SUFFIX " (%s){#%d:%s}"
 
-#define IPC_LOG_AT(gate, level, format, ...)                                                 \
-    do {                                                                                     \
-        if (gate) {                                                                          \
-            if (false) {                                                                     \
-                ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);          \
-            }                                                                                \
+#define IPC_LOG_AT(gate, level, format, ...)                                                  \
+    do {                                                                                      \
+        if (gate) {                                                                           \
+            if (false) {                                                                      \
+                ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);           \
+            }                                                                                 \
             ::Kestrel::ipc::utils::logging::emit(kLogSite, level, __LINE__, __func__, format, \
-                                                 ##__VA_ARGS__);                             \
-        }                                                                                    \
+                                                 ##__VA_ARGS__);                              \
+        }                                                                                     \
     } while (false)
 
-#define IPC_LOGD(format, ...)                                                              \
-    IPC_LOG_AT(::Kestrel::ipc::utils::logging::debugEnabled(kLogSite),                     \
+#define IPC_LOGD(format, ...)                                          \
+    IPC_LOG_AT(::Kestrel::ipc::utils::logging::debugEnabled(kLogSite), \
                ::Kestrel::ipc::utils::logging::kDebug, format, ##__VA_ARGS__)
-#define IPC_LOGI(format, ...)                                                              \
-    IPC_LOG_AT(::Kestrel::ipc::utils::logging::infoEnabled(),                              \
+#define IPC_LOGI(format, ...)                                 \
+    IPC_LOG_AT(::Kestrel::ipc::utils::logging::infoEnabled(), \
                ::Kestrel::ipc::utils::logging::kInfo, format, ##__VA_ARGS__)
-#define IPC_LOGW(format, ...)                                                              \
-    IPC_LOG_AT(::Kestrel::ipc::utils::logging::warningEnabled(),                           \
+#define IPC_LOGW(format, ...)                                    \
+    IPC_LOG_AT(::Kestrel::ipc::utils::logging::warningEnabled(), \
                ::Kestrel::ipc::utils::logging::kWarning, format, ##__VA_ARGS__)
 
-#define IPC_LOGE(format, ...)                                                                \
-    do {                                                                                     \
-        if (false) {                                                                         \
-            ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);              \
-        }                                                                                    \
-        ::Kestrel::ipc::utils::logging::emitError(kLogSite, __LINE__, __func__, format,      \
-                                                  format IPC_LOG_SUFFIX, ##__VA_ARGS__);     \
+#define IPC_LOGE(format, ...)                                                            \
+    do {                                                                                 \
+        if (false) {                                                                     \
+            ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);          \
+        }                                                                                \
+        ::Kestrel::ipc::utils::logging::emitError(kLogSite, __LINE__, __func__, format,  \
+                                                  format IPC_LOG_SUFFIX, ##__VA_ARGS__); \
     } while (false)
 
-#define IPC_FATAL(format, ...)                                                               \
-    do {                                                                                     \
-        if (false) {                                                                         \
-            ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);              \
-        }                                                                                    \
-        ::Kestrel::ipc::utils::logging::fatal(kLogSite, __LINE__, __func__, format,          \
-                                              format IPC_LOG_SUFFIX, ##__VA_ARGS__);         \
+#define IPC_FATAL(format, ...)                                                       \
+    do {                                                                             \
+        if (false) {                                                                 \
+            ::Kestrel::ipc::utils::logging::checkFormat(format, ##__VA_ARGS__);      \
+        }                                                                            \
+        ::Kestrel::ipc::utils::logging::fatal(kLogSite, __LINE__, __func__, format,  \
+                                              format IPC_LOG_SUFFIX, ##__VA_ARGS__); \
     } while (false)

@@ -1,14 +1,11 @@
 #include <sysutils/FileDescriptor.h>
-
 #include <unistd.h>
 
 namespace Kestrel::utils::sys {
 
 FileDescriptor::FileDescriptor(int fd, int /*flags*/) : mFd(fd) {}
 
-FileDescriptor::FileDescriptor(FileDescriptor&& other) noexcept : mFd(other.mFd) {
-    other.mFd = -1;
-}
+FileDescriptor::FileDescriptor(FileDescriptor&& other) noexcept : mFd(other.mFd) { other.mFd = -1; }
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
     if (this != &other) {

@@ -12,7 +12,7 @@ namespace {
 // The host's default logger: keeps the last lines in a small ring so that a
 // debugger or a core dump shows what happened just before a failure.
 class RecentLinesLogger : public ULogger {
-public:
+  public:
     void record(uint32_t /*moduleId*/, const char* tag, uint32_t level, const char* text,
                 int /*length*/) override {
         std::lock_guard<std::mutex> lock(mLock);
@@ -20,7 +20,7 @@ public:
         mNext = (mNext + 1) % mLines.size();
     }
 
-private:
+  private:
     std::mutex mLock;
     std::array<std::string, 64> mLines;  // guarded by mLock
     size_t mNext = 0;                    // guarded by mLock

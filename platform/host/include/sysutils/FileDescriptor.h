@@ -7,7 +7,7 @@
 namespace Kestrel::utils::sys {
 
 class FileDescriptor {
-public:
+  public:
     FileDescriptor() = default;
     // Takes ownership of `fd`; `flags` is kept for the platform's signature.
     FileDescriptor(int fd, int flags);
@@ -23,7 +23,7 @@ public:
     // Gives the number up without closing it; the wrapper then holds -1.
     int release();
 
-private:
+  private:
     void reset();
 
     int mFd = -1;

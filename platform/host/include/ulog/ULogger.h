@@ -11,7 +11,7 @@
 namespace Kestrel::Utils::ULog {
 
 class ULogger {
-public:
+  public:
     virtual ~ULogger();
     // One line: module identity of the calling file, tag, level
     // (1 error, 2 warning, 3 info, 5 debug), the text and snprintf's result.
