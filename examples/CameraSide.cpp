@@ -1,0 +1,211 @@
+#include "CameraSide.h"
+
+#include <dirent.h>
+#include <ipc/CBRegistry.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/Message.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/SocketPair.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/Process.h>
+#include <ipc/utils/Thread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "DemoProtocol.h"
+#include "FunctionRunnable.h"
+#include "RunReport.h"
+#include "SharedBuffer.h"
+
+namespace demo {
+
+namespace {
+
+using Kestrel::ipc::CBRegistry;
+using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventType;
+using Kestrel::ipc::Message;
+using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::ipc::utils::Process;
+using Kestrel::ipc::utils::Thread;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kReplyTimeout = std::chrono::seconds(5);
+constexpr unsigned long kSocketBufferBytes = 256 * 1024;
+
+long countOpenDescriptors() {
+    long count = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (dirent* entry = readdir(dir)) {
+            count += entry->d_name[0] != '.' ? 1 : 0;
+        }
+        closedir(dir);
+    }
+    return count - 1;  // the listing's own descriptor
+}
+
+// Statuses of the replies that arrived, filled by CBRegistry callbacks on the
+// reactor thread and waited for by the sending thread.
+class ReplyBook {
+  public:
+    void complete(uint32_t id, uint8_t status) {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mStatuses[id] = status;
+        }
+        mArrived.notify_all();
+    }
+
+    std::optional<uint8_t> waitFor(uint32_t id) {
+        std::unique_lock<std::mutex> lock(mLock);
+        if (!mArrived.wait_for(lock, kReplyTimeout, [&] { return mStatuses.count(id) != 0; })) {
+            return std::nullopt;
+        }
+        const uint8_t status = mStatuses[id];
+        mStatuses.erase(id);
+        return status;
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mArrived;
+    std::map<uint32_t, uint8_t> mStatuses;  // guarded by mLock
+};
+
+// Waits up to five seconds for the child to end; kills it if it does not.
+bool reap(pid_t pid) {
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    int status = 0;
+    while (Clock::now() < deadline) {
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) {
+            return true;
+        }
+        if (done < 0) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return false;
+}
+
+}  // namespace
+
+int CameraSide::run() {
+    RunReport report;
+    const long descriptorsBefore = countOpenDescriptors();
+    {
+        Kestrel::ipc::SocketPair pair =
+                UnixDomainSocket::createPairedSocket(kSocketBufferBytes, kSocketBufferBytes, false);
+        if (pair.first.get() < 0) {
+            std::fprintf(stderr, "cannot make the socket pair: %s\n", std::strerror(-pair.first.get()));
+            return 1;
+        }
+
+        // The child keeps its end (not close-on-exec) and closes everything else
+        // it inherited as soon as it starts.
+        Process self;
+        const pid_t parent = getpid();
+        const std::string childEnd = std::to_string(pair.second.get());
+        Process child = self.create(mOptions.program, {"--algorithm-fd", childEnd}, {});
+        if (getpid() != parent) {
+            _exit(127);  // the program could not be executed in the child
+        }
+        if (child.pid() < 0) {
+            std::fprintf(stderr, "cannot start the algorithm process\n");
+            return 1;
+        }
+        pair.second = Kestrel::utils::sys::FileDescriptor();
+
+        CBRegistry registry(1);
+        ReplyBook replies;
+        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+        socket->setRunnable(std::make_shared<FunctionRunnable>([socket = socket.get(), &registry] {
+            auto reply = std::make_unique<Message>();
+            if (socket->receiveMessage(reply.get()) == 0 && reply->isReply()) {
+                registry.unRegisterCB(std::move(reply));
+            }
+        }));
+        DefaultReactor reactor;
+        Thread reactorThread(
+                new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }),
+                true);
+        reactorThread.start();
+        (void)reactor.registerEventHandler(socket);
+
+        const auto start = Clock::now();
+        const size_t progressStep = mOptions.requests >= 10000 ? mOptions.requests / 10 : 0;
+        for (uint32_t id = 1; id <= mOptions.requests; ++id) {
+            std::vector<SharedBuffer> buffers;
+            Message::Payload payload;
+            const auto bytes = static_cast<uint32_t>(mOptions.bufferBytes);
+            payload.data.resize(sizeof(bytes));
+            std::memcpy(payload.data.data(), &bytes, sizeof(bytes));
+            for (size_t b = 0; b < mOptions.fdsPerRequest; ++b) {
+                std::optional<SharedBuffer> buffer =
+                        SharedBuffer::create(mOptions.bufferBytes, id * 131 + b);
+                if (!buffer) {
+                    std::fprintf(stderr, "cannot make a shared buffer\n");
+                    break;
+                }
+                payload.fds.push_back(buffer->fd());
+                buffers.push_back(std::move(*buffer));
+            }
+            Message request;
+            request.setHeader(id, kProcessBuffers, 0, 0, 0);
+            request.setPayload(payload);
+
+            registry.registerCB(request, [&replies, id](uint8_t status) {
+                replies.complete(id, status);
+            });
+            const auto sent = Clock::now();
+            ++report.requests;
+            report.buffersExpected += buffers.size();
+            if (socket->sendMessage(request) != 0) {
+                ++report.repliesLost;
+                break;
+            }
+            report.descriptorsPassed += payload.fds.size();
+            const std::optional<uint8_t> status = replies.waitFor(id);
+            if (!status) {
+                ++report.repliesLost;
+                break;
+            }
+            report.addRoundTrip(Clock::now() - sent);
+            report.failedStatuses += *status == kStatusOk ? 0 : 1;
+            for (const SharedBuffer& buffer : buffers) {
+                report.buffersVerified += buffer.holdsReversedPattern() ? 1 : 0;
+            }
+            if (progressStep != 0 && id % progressStep == 0) {
+                std::printf("  ... %u of %zu requests\n", id, mOptions.requests);
+                std::fflush(stdout);
+            }
+        }
+        report.setElapsed(Clock::now() - start);
+
+        report.childReaped = child.terminate() && reap(child.pid());
+        self.removeFromObservation(child.pid());
+        reactor.requestExit();
+        reactorThread.wait();
+    }
+    report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
+    report.print();
+    return report.success() ? 0 : 1;
+}
+
+}  // namespace demo
