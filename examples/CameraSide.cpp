@@ -198,10 +198,12 @@ int CameraSide::run() {
         }
         report.setElapsed(Clock::now() - start);
 
-        report.childReaped = child.terminate() && reap(child.pid());
-        self.removeFromObservation(child.pid());
+        // Stop listening before the algorithm process goes, so that its hang-up
+        // is not reported by a loop that no longer needs the socket.
         reactor.requestExit();
         reactorThread.wait();
+        report.childReaped = child.terminate() && reap(child.pid());
+        self.removeFromObservation(child.pid());
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
     report.print();
