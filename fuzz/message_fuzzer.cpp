@@ -2,59 +2,30 @@
 // with arbitrary counts and bytes must never read or write outside the
 // message's storage, and a payload that was set must come back as it was.
 #include <ipc/Message.h>
-#include <ulog/ULogger.h>
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
-namespace {
+#include "support/FuzzInput.h"
 
 using Kestrel::ipc::Message;
 
-// Takes `size` bytes from the front of the input, or fewer when it runs out.
-struct Reader {
-    const uint8_t* data;
-    size_t left;
-
-    template <typename T>
-    T take() {
-        T value{};
-        const size_t n = left < sizeof(T) ? left : sizeof(T);
-        std::memcpy(&value, data, n);
-        data += n;
-        left -= n;
-        return value;
-    }
-    std::vector<uint8_t> bytes(size_t n) {
-        n = n < left ? n : left;
-        std::vector<uint8_t> out(data, data + n);
-        data += n;
-        left -= n;
-        return out;
-    }
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    Kestrel::Utils::ULog::ULogger::sMode = 0;
+    velacam::fuzz::DiscardingLogger::install();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Reader in{data, size};
+    velacam::fuzz::FuzzInput in(data, size);
     Message message;
 
     // A raw 24-byte header as a peer would send it.
-    std::vector<uint8_t> header = in.bytes(Message::kHeaderSize);
-    header.resize(Message::kHeaderSize);
-    message.setHeader(header);
+    message.setHeader(in.bytes(Message::kHeaderSize));
     (void)message.payload();  // counts that overstate the (absent) payload
 
     Message::Payload payload;
-    payload.data = in.bytes(in.take<uint16_t>() % 4096);
+    payload.data = in.bytesUpTo(in.take<uint16_t>() % 4096);
     const size_t fdCount = in.take<uint8_t>();
     for (size_t i = 0; i < fdCount; ++i) {
         payload.fds.push_back(in.take<int32_t>());

@@ -1,0 +1,65 @@
+// The far end of a socket pair played from a fuzz input: it writes the two
+// records of a message (header, then payload) as the input dictates, with
+// descriptors and control messages of its choosing, and may stop or close
+// anywhere. The library's receive then reads what is queued on the other end.
+//
+// Input layout (what is missing reads as zero):
+//   u8   shape           bits 0-1 records written: none, the header, the
+//                                 header and the payload, or those and a
+//                                 copy of the payload;
+//                        bit 2    the peer closes its end afterwards;
+//                        bit 3    the header record carries SCM_RIGHTS;
+//                        bit 4    the payload record carries SCM_RIGHTS;
+//                        bit 5    the payload record also carries explicit
+//                                 SCM_CREDENTIALS;
+//                        bit 6    the receiver sets SO_PASSCRED (credentials
+//                                 then come with every record);
+//                        bit 7    the receiver sets SO_TIMESTAMP.
+//   u8   header length   modulo 33 (0 to 32 bytes; the receiver takes 24)
+//   ...  header bytes    the dataCount field (bytes 12-15) is reduced modulo
+//                        kMaxDeclaredData + 1, so that the receive does not
+//                        allocate gigabytes; the other fields stay as given
+//   u8   header fds      modulo 8: descriptors on the header record
+//   u16  payload fds     modulo 261: descriptors on the payload record (the
+//                        kernel refuses more than 253 in one record)
+//   u16  payload length  the payload record's size, up to 65535 bytes
+//   ...  payload bytes
+//
+// Every descriptor sent is a duplicate of /dev/null that the peer closes after
+// sending; the copies in flight are the kernel's until received or until the
+// pair is closed. Both ends are non-blocking, so neither writing nor receiving
+// ever waits: a receive that finds nothing queued returns -11 (EAGAIN), or
+// reads the peer's end of stream when it has closed.
+#pragma once
+
+#include <sysutils/FileDescriptor.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <set>
+
+#include "support/FuzzInput.h"
+
+namespace velacam::fuzz {
+
+// The largest data count a played header may announce.
+inline constexpr uint32_t kMaxDeclaredData = 1u << 16;
+
+// The two ends of a played pair.
+struct PlayedPeer {
+    Kestrel::utils::sys::FileDescriptor receiver;  // the end the library receives on
+    Kestrel::utils::sys::FileDescriptor peer;      // the peer's end; -1 once it has closed
+};
+
+// Plays the peer described by `input` on a new socket pair: the records (and,
+// per the input, the peer's end of stream) are queued on the receiving end
+// when it returns. Aborts when the pair cannot be made.
+PlayedPeer playHostilePeer(FuzzInput& input);
+
+// The descriptors open in this process (the listing's own excluded).
+std::set<int> openDescriptors();
+
+// Aborts, naming them, unless `after` equals `before`.
+void expectSameDescriptors(const std::set<int>& before, const std::set<int>& after);
+
+}  // namespace velacam::fuzz
