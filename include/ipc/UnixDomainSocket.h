@@ -24,6 +24,19 @@
 // receiveDataAndFileDescriptors(). End of stream is not detected: a record
 // read from a closed peer is 0 bytes long and, when no descriptor was
 // expected, reported as success with the buffers unchanged.
+//
+// Sizes the peer decides: recv(Message*) sizes the payload from the header it
+// has just read, before the payload record is read, whatever then arrives. A
+// header may announce up to 4 GiB - 1 data bytes, which the receive allocates
+// and fills twice while moving them into the message (8 GiB at the peak, 4 GiB
+// kept by the message), and up to 65535 descriptors, 4 bytes each for the
+// slots and again for the control buffer (256 KiB each at most). The kernel
+// passes at most 253 descriptors in one record, so a header announcing more
+// always ends in -61. When the memory cannot be had, std::bad_alloc leaves
+// recv() with the header consumed and the payload record still queued, which
+// the next receive would take for a header: treat the connection as broken.
+// A receiver that cannot afford what a peer may announce reads the header
+// record with receiveDataAndFileDescriptors() and checks the counts first.
 #pragma once
 
 #include <ipc/Message.h>
