@@ -255,7 +255,8 @@ void DefaultReactor::setHangUpListener(HangUpListener listener) {
     }
     std::lock_guard<std::mutex> lock(mListenerLock);
     mHangUpListener.swap(installed);
-    // The one replaced is destroyed here, or by a dispatch still calling it.
+    // `installed` now holds the one replaced: it is destroyed after the lock
+    // is released, or later by a dispatch still calling it.
 }
 
 void DefaultReactor::notifyHangUp(int fd, short revents,
