@@ -1,0 +1,57 @@
+// CountingSemaphore: the blocking primitive of the message containers and of
+// the reactor's start gate.
+//
+// A mutex, a condition variable and a count. Producers add units with
+// release(); a consumer takes one with acquire(), which blocks while none is
+// available. A waiter never gives up: it waits in slices of 3000 ms on the
+// steady clock and logs "[acquire] timeout! key:0" at the end of every slice
+// that found no unit, then waits again. Shutdown is the owner's business: an
+// owner sets its own exit flag and releases one unit per blocked waiter.
+//
+// Ownership: owners hold it by std::unique_ptr; it is neither copyable nor
+// movable. Thread: any number of threads may acquire and release at once; the
+// count is guarded by the mutex, and the debug lines are written with the
+// mutex held. Failure: none; acquire() returns only with a unit taken.
+//
+// The number after "key:" in every line is the current count, not the key
+// given to the constructor; the lines have always read that way and tools
+// that follow them rely on it.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "ipc/Export.h"
+
+namespace Kestrel::ipc {
+
+class IPC_EXPORT CountingSemaphore {
+  public:
+    // `key` identifies the owner and is only stored; the count starts at 0.
+    explicit CountingSemaphore(int key);
+    // Must not run while a thread is blocked in acquire().
+    ~CountingSemaphore();
+    CountingSemaphore(const CountingSemaphore&) = delete;
+    CountingSemaphore& operator=(const CountingSemaphore&) = delete;
+
+    // Takes one unit, blocking until the count is positive.
+    // Thread: any. Blocks: for as long as nobody releases (logging once per
+    // 3000 ms slice).
+    void acquire();
+
+    // Adds `n` units (a negative `n` lowers the count) and wakes every waiter.
+    // Thread: any. Never blocks beyond the mutex.
+    void release(int n);
+
+  private:
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    [[maybe_unused]] int64_t mReserved = 0;    // never read; always zero
+    std::chrono::milliseconds mTimeout{3000};  // length of one wait slice
+    int32_t mCount = 0;                        // guarded by mMutex
+    [[maybe_unused]] int32_t mKey;             // the owner's identifier; stored only
+};
+
+}  // namespace Kestrel::ipc

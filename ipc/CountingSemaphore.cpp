@@ -1,0 +1,35 @@
+#include <ipc/CountingSemaphore.h>
+#include <ipc/utils/Log.h>
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"CountingSemaphore", "ipc/CountingSemaphore",
+                                  utils::kLogModuleSync};
+}  // namespace
+
+CountingSemaphore::CountingSemaphore(int key) : mKey(key) {}
+
+CountingSemaphore::~CountingSemaphore() = default;
+
+void CountingSemaphore::acquire() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    const auto available = [this] { return mCount > 0; };
+    if (!available()) {
+        while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
+            IPC_LOGD("[%s] timeout! key:%d", __func__, mCount);
+        }
+        IPC_LOGD("[%s] finishing waiting! key:%d", __func__, mCount);
+    }
+    --mCount;
+}
+
+void CountingSemaphore::release(int n) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    IPC_LOGD("[%s] before releasing! key:%d", __func__, mCount);
+    mCount += n;
+    IPC_LOGD("[%s] after releasing! key:%d", __func__, mCount);
+    mCond.notify_all();
+}
+
+}  // namespace Kestrel::ipc
