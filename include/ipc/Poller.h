@@ -1,0 +1,91 @@
+// Poller: a thread-safe set of descriptors with the poll events wanted on
+// each, and a one-shot wait on that set through ppoll(2).
+//
+// Entries keep their registration order and each descriptor occurs at most
+// once; lookups are linear scans (the set is small: one entry per live event
+// handler plus one). The poller owns no descriptor: it never opens or closes
+// one. The reactor builds a fresh poller each cycle; a socket builds one for
+// its own descriptor (UnixDomainSocket::getPoller).
+//
+// Thread: every operation may be called from any thread. Mutations, the
+// snapshot of registeredPollEvents() and the snapshot step of poll() take the
+// lock exclusively; the copy constructor takes the source's lock shared. The
+// wait itself runs on a private copy without any lock, so registrations made
+// during a wait take effect at the next poll().
+//
+// Failure: poll() reports through an empty result and errno (see poll()).
+// Nothing throws except the lock acquisition in copy assignment, which can
+// raise std::system_error as any standard lock can.
+#pragma once
+
+#include <poll.h>
+#include <time.h>
+
+#include <chrono>
+#include <shared_mutex>
+#include <utility>
+#include <vector>
+
+#include "ipc/Export.h"
+
+namespace Kestrel::ipc {
+
+namespace utils {
+
+// {d / 1 s, d % 1 s} with truncating division: a negative duration gives
+// fields that are zero or negative (ppoll rejects such a time-out).
+IPC_EXPORT timespec durationToTimespec(std::chrono::nanoseconds d);
+
+}  // namespace utils
+
+class IPC_EXPORT Poller {
+  public:
+    // (descriptor, events) as registered, or (descriptor, revents) from poll().
+    using PollEvent = std::pair<int, short>;
+
+    Poller() = default;
+    // Copies the entries (fd, events and revents of each); the lock is not
+    // copied.
+    Poller(const Poller& other);
+    // Self-assignment does nothing. Otherwise takes this poller's lock
+    // exclusively and `other`'s shared, both at once without risk of
+    // deadlock, and copies the entries.
+    Poller& operator=(const Poller& other);
+
+    // Adds `fd` with `events`, or overwrites the mask of an entry already
+    // present for `fd` in place (its position and revents stay).
+    void registerPollEvent(int fd, short events);
+
+    // Removes the entry of `fd`, keeping the others in order. False, with the
+    // warning "fd(%d) is not registered before, do nothing", when absent.
+    bool unregisterPollEvent(int fd);
+
+    // Logs the table: one debug line per entry, or the warning
+    // "mPollfds is empty". Takes no lock: call it only while holding the lock
+    // or owning the poller alone.
+    void dump() const;
+
+    // The (fd, events) entries in registration order.
+    std::vector<PollEvent> registeredPollEvents() const;
+
+    // Waits once on a copy of the set and returns one (fd, revents) pair per
+    // entry in registration order, zero revents included: callers skip those.
+    // A `timeout` of exactly 0 ms waits WITHOUT limit (it does not mean
+    // "return at once"); a negative one fails with EINVAL. A signal that
+    // interrupts the wait restarts it with the full `timeout`.
+    // An empty result is told apart only by errno:
+    //   unchanged  nothing registered (no system call made),
+    //   ETIME      the time-out expired with nothing ready,
+    //   other      ppoll failed with that error.
+    // Blocks: up to `timeout`, without holding the lock.
+    std::vector<PollEvent> poll(std::chrono::milliseconds timeout);
+
+    // Removes every entry.
+    void clear();
+
+  private:
+    mutable std::shared_mutex mMutex;
+    std::vector<pollfd> mPollfds;  // guarded by mMutex
+};
+
+}  // namespace Kestrel::ipc

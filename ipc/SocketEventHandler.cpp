@@ -1,0 +1,84 @@
+#include <ipc/SocketEventHandler.h>
+#include <ipc/utils/Log.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"SocketEventHandler", "ipc/SocketEventHandler",
+                                  utils::kLogModuleCore};
+}  // namespace
+
+SocketEventHandler::SocketEventHandler(Kestrel::utils::sys::FileDescriptor&& fd, EventType type)
+    : EventHandler(fd.get(), type) {
+    mSocket.bind(std::move(fd));
+}
+
+SocketEventHandler::~SocketEventHandler() = default;  // mRunnable goes first, then mSocket
+
+void SocketEventHandler::handleEvent() {
+    if (!mRunnable) {
+        IPC_LOGE("The runnable is invalid, do nothing");
+        return;
+    }
+    mRunnable->run();
+}
+
+void SocketEventHandler::setRunnable(std::shared_ptr<utils::Runnable> runnable) {
+    mRunnable = std::move(runnable);
+}
+
+int SocketEventHandler::sendMessage(const Message& message) {
+    const int result = mSocket.send(message);
+    if (result != 0) {
+        // Says "string" for every message: the text is kept as it has always read.
+        IPC_LOGE("send string failed (%s)", std::strerror(-result));
+    }
+    return result;
+}
+
+int SocketEventHandler::receiveMessage(Message* message) {
+    const int result = mSocket.recv(message);
+    if (result != 0) {
+        IPC_LOGE("receive string failed(%s)", std::strerror(-result));
+    }
+    return result;
+}
+
+void SocketEventHandler::setString(const std::string& text, Message* message) {
+    if (message == nullptr) {
+        IPC_LOGE("invalid result message");
+        return;
+    }
+    size_t length = text.size();
+    if (length >= kStringSize) {
+        IPC_LOGE("string length(%zu) exceeds %u characters, cut", length, kStringSize - 1);
+        length = kStringSize - 1;
+    }
+    message->setHeader(kStringSize, 0);
+    Message::Payload payload;
+    payload.data.resize(kStringSize);  // the NUL and the padding are zero bytes
+    std::memcpy(payload.data.data(), text.data(), length);
+    message->setPayload(payload);
+}
+
+void SocketEventHandler::sendString(const std::string& text) {
+    Message message;
+    setString(text, &message);
+    (void)sendMessage(message);  // a failure is logged there; nobody to tell
+}
+
+std::string SocketEventHandler::receiveString() {
+    Message message;
+    (void)receiveMessage(&message);  // on failure the message has no payload: "" below
+    const Message::Payload payload = message.payload();
+    for (int fd : payload.fds) {
+        ::close(fd);
+    }
+    return std::string(payload.data.begin(), payload.data.end());
+}
+
+}  // namespace Kestrel::ipc
