@@ -1,0 +1,262 @@
+#include <errno.h>
+#include <ipc/CountingSemaphore.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/Poller.h>
+#include <ipc/utils/Log.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"DefaultReactor", "ipc/DefaultReactor", utils::kLogModuleCore};
+
+using PollEvent = std::pair<int, short>;
+using HandlerList = std::vector<std::shared_ptr<EventHandler>>;
+
+bool byDescriptor(const std::shared_ptr<EventHandler>& a, const std::shared_ptr<EventHandler>& b) {
+    return a->fd() < b->fd();
+}
+
+// "{ 7 5 }" for handlers of descriptors 7 and 5, in list order.
+std::string describeDescriptors(const HandlerList& handlers) {
+    std::string text = "{ ";
+    for (const auto& handler : handlers) {
+        text += std::to_string(handler->fd()) + " ";
+    }
+    return text + "}";
+}
+
+// The failure flags of `revents`, in a fixed order.
+std::string describeFailure(short revents) {
+    std::string text;
+    if ((revents & POLLERR) != 0) {
+        text += "|error condition|";
+    }
+    if ((revents & POLLNVAL) != 0) {
+        text += "|invalid file descriptor|";
+    }
+    if ((revents & POLLHUP) != 0) {
+        text += "|hand up|";
+    }
+    return text;
+}
+}  // namespace
+
+DefaultReactor::DefaultReactor() {
+    mExitEventFd = Kestrel::utils::sys::FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), 0);
+    if (mExitEventFd.get() < 0) {
+        IPC_FATAL("create event notification failed (%s)", strerror(errno));
+    }
+    mSemaphore = std::make_unique<CountingSemaphore>(1);
+}
+
+DefaultReactor::~DefaultReactor() = default;
+
+bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
+    const std::shared_ptr<EventHandler> strong = handler.lock();
+    if (!strong) {
+        IPC_LOGE("event handler is expired");
+        return false;
+    }
+    bool added = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const int key = strong->fd();
+        added = mEventHandlers.try_emplace(key, std::move(handler)).second;
+        if (added) {
+            IPC_LOGD("[%s] handler(key: %d) registered", __func__, key);
+        } else {
+            IPC_LOGW("handler(key: %d) already existed", key);
+        }
+    }
+    mSemaphore->release(1);
+    IPC_LOGD("[%s] Release Semaphore of Reactor", __func__);
+    return added;
+}
+
+bool DefaultReactor::removeEventHandler(std::weak_ptr<EventHandler> handler) {
+    const std::shared_ptr<EventHandler> strong = handler.lock();
+    if (!strong) {
+        IPC_LOGE("event handler is expired");
+        return false;
+    }
+    return removeEventHandlerByFd(strong->fd());
+}
+
+bool DefaultReactor::removeEventHandlerByFd(int fd) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return eraseEntryLocked(fd, false);
+}
+
+bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
+    const auto entry = mEventHandlers.find(fd);
+    if (entry == mEventHandlers.end()) {
+        IPC_LOGW("handler(key: %d) does not registered before", fd);
+        return false;
+    }
+    if (onlyIfExpired && !entry->second.expired()) {
+        IPC_LOGD("[%s] handler(key: %d) registered again, keep it", __func__, fd);
+        return false;
+    }
+    mEventHandlers.erase(entry);
+    IPC_LOGD("[%s] handler(key: %d) removed", "removeEventHandlerByFd", fd);
+    return true;
+}
+
+void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
+    Poller poller;
+    HandlerList activeHandlers;
+    std::vector<int> expiredKeys;
+    std::vector<PollEvent> result;
+
+    IPC_LOGD("[%s] Block to wait for signal", __func__);
+    mSemaphore->acquire();
+    IPC_LOGD("[%s] Being signaled", __func__);
+
+    while (true) {
+        IPC_LOGD("[%s] (1)", __func__);
+        poller.clear();
+        activeHandlers.clear();
+        expiredKeys.clear();
+
+        // Wait for a handler. A spin on purpose, with no wake-up owed to it:
+        // the gate above opened on a registration or an exit request, so it is
+        // short unless every handler has since been removed.
+        while (!mExitRequested.load()) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (!mEventHandlers.empty()) {
+                break;
+            }
+            IPC_LOGW("no available handlers, continue to wait...");
+        }
+
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            for (const auto& [key, weakHandler] : mEventHandlers) {
+                std::shared_ptr<EventHandler> handler = weakHandler.lock();
+                if (!handler) {
+                    IPC_LOGW("handler(key: %d) expired, remove it", key);
+                    expiredKeys.push_back(key);
+                    continue;
+                }
+                IPC_LOGD("[%s] handler(key: %d) active, add it", __func__, key);
+                poller.registerPollEvent(key, pollEventsOf(handler->type()));
+                activeHandlers.push_back(std::move(handler));
+            }
+            std::sort(activeHandlers.begin(), activeHandlers.end(), byDescriptor);
+        }
+        for (const int key : expiredKeys) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            eraseEntryLocked(key, true);
+        }
+
+        IPC_LOGD("[%s] mExitEventFd(%d) (2)", __func__, mExitEventFd.get());
+        poller.registerPollEvent(mExitEventFd.get(), POLLIN);
+        IPC_LOGD("[%s] The registered PollEvent count(%zu) timeout milliseconds(%lld)", __func__,
+                 poller.registeredPollEvents().size(), static_cast<long long>(timeout.count()));
+
+        result = poller.poll(timeout);
+        const int pollError = errno;
+        IPC_LOGD("[%s] The result PollEvent count(%zu) (3)", __func__, result.size());
+        if (result.empty()) {
+            if (pollError == ETIME) {
+                IPC_LOGW("poll timed out");
+            } else {
+                IPC_LOGE("poll failed(%s) errno(%d)", strerror(pollError), pollError);
+            }
+            IPC_LOGD("[%s] (4)", __func__);
+            continue;
+        }
+
+        const bool exit = handleExitEvent(result.back());
+        result.pop_back();
+        handlePollEvent(result, activeHandlers);
+        if (exit) {
+            IPC_LOGD("[%s] reactor exits now", __func__);
+            return;
+        }
+        IPC_LOGD("[%s] (4)", __func__);
+    }
+}
+
+bool DefaultReactor::handleExitEvent(const std::pair<int, short>& event) {
+    if ((event.second & POLLIN) == 0) {
+        return false;
+    }
+    IPC_LOGD("[%s] exit event happened", __func__);
+    uint64_t value = 0;
+    ssize_t bytesRead = 0;
+    do {
+        bytesRead = read(mExitEventFd.get(), &value, sizeof(value));
+    } while (bytesRead < 0 && errno == EINTR);
+    if (bytesRead != static_cast<ssize_t>(sizeof(value))) {
+        IPC_FATAL("handle exit event failed (%s)", strerror(errno));
+    }
+    return true;
+}
+
+void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& events,
+                                     const HandlerList& ascendingActiveHandlers) {
+    if (!std::is_sorted(ascendingActiveHandlers.begin(), ascendingActiveHandlers.end(),
+                        byDescriptor)) {
+        IPC_FATAL("ascendingActiveHandlers is not in ascending order: %s",
+                  describeDescriptors(ascendingActiveHandlers).c_str());
+    }
+    for (const auto& [fd, revents] : events) {
+        if (revents == 0) {
+            IPC_LOGW("fd(%d): skip output event with zero revents fields", fd);
+            continue;
+        }
+        if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+            IPC_LOGE("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
+            continue;
+        }
+        const auto found =
+                std::lower_bound(ascendingActiveHandlers.begin(), ascendingActiveHandlers.end(), fd,
+                                 [](const std::shared_ptr<EventHandler>& handler, int key) {
+                                     return handler->fd() < key;
+                                 });
+        if (found == ascendingActiveHandlers.end() || (*found)->fd() != fd) {
+            IPC_FATAL("cannot find event handler (fd:%d)", fd);
+        }
+        EventHandler& handler = **found;
+        const short wanted = pollEventsOf(handler.type());
+        if ((wanted & ~revents) == 0) {
+            IPC_LOGD("[%s] dispatch to event handler(fd:%d)", __func__, fd);
+            handler.handleEvent();
+        } else {
+            IPC_LOGE("event handler (fd:%d) cannot handle poll events (%hd)", fd, revents);
+        }
+    }
+}
+
+void DefaultReactor::requestExit() {
+    const uint64_t one = 1;
+    ssize_t written = 0;
+    do {
+        written = write(mExitEventFd.get(), &one, sizeof(one));
+    } while (written < 0 && errno == EINTR);
+    IPC_LOGD("[%s] bytes_sent(%zd)", __func__, written);
+    if (written == static_cast<ssize_t>(sizeof(one))) {
+        mExitRequested.store(true);
+        mSemaphore->release(1);
+        IPC_LOGD("[%s] Release Semaphore of Reactor", __func__);
+        return;
+    }
+    // errno is never negative, so this exemption never applies and every
+    // failed or short write is fatal; the comparison is kept as it has always
+    // been written.
+    if (errno != -11) {
+        IPC_FATAL("request Reactor to exit failed (%s)", strerror(errno));
+    }
+}
+
+}  // namespace Kestrel::ipc

@@ -1,0 +1,336 @@
+// A request crossing two processes and its reply coming back.
+//
+// The camera side (this process) sends requests, each carrying a pipe's write
+// end, over a socket pair; its reactor thread receives the replies and matches
+// them to callbacks through a CBRegistry. The algorithm side (a forked child)
+// receives each request on its reactor thread, queues it on a MessageLoop
+// whose thread hands it to the request's handler; the handler writes into the
+// pipe it was given, closes it, and replies with a status byte.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <ipc/CBRegistry.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/MessageLoop.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/Runnable.h>
+#include <sys/wait.h>
+#include <sysutils/FileDescriptor.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "support/Descriptors.h"
+#include "support/Waiting.h"
+
+namespace {
+
+using Kestrel::ipc::CBRegistry;
+using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventType;
+using Kestrel::ipc::Message;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::MessageLoop;
+using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::ipc::utils::Runnable;
+using Kestrel::utils::sys::FileDescriptor;
+using velacam::test::DescriptorLeakCheck;
+using velacam::test::openDescriptors;
+using velacam::test::Watchdog;
+using namespace std::chrono_literals;
+
+constexpr uint32_t kWork = 1;
+constexpr uint32_t kQuit = 2;
+constexpr uint32_t kFirstId = 100;
+constexpr uint32_t kRequests = 32;
+
+// What the algorithm side's handler answers for a request carrying `seed`;
+// it is also the byte it writes into the request's pipe.
+uint8_t answerFor(uint8_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
+
+class FunctionRunnable : public Runnable {
+  public:
+    explicit FunctionRunnable(std::function<void()> work) : mWork(std::move(work)) {}
+    void run() override { mWork(); }
+
+  private:
+    std::function<void()> mWork;
+};
+
+// Exit codes of the algorithm side.
+enum ServiceResult : int {
+    kServiceOk = 0,
+    kServiceReceiveFailed = 10,
+    kServiceBadRequest = 11,
+    kServiceReplyFailed = 12,
+    kServiceWrongCount = 13,
+    kServiceLeakedDescriptor = 14,
+};
+
+// The algorithm side's handler of requests, called on its loop's thread.
+class ServiceHandler : public MessageHandler {
+  public:
+    ServiceHandler(SocketEventHandler& socket, DefaultReactor& reactor, MessageLoop& loop)
+        : mSocket(socket), mReactor(reactor), mLoop(loop) {}
+
+    using MessageHandler::handleMessage;
+    void handleMessage(std::unique_ptr<Message> request) override {
+        if (request->type() == kQuit) {
+            mReactor.requestExit();
+            mLoop.requestExit();
+            return;
+        }
+        const uint32_t id = request->id();
+        const Message::Payload payload = request->payload();
+        if (request->type() != kWork || payload.data.size() != 1 || payload.fds.size() != 1) {
+            fail(kServiceBadRequest);
+            return;
+        }
+        ++mHandled[id];
+        const uint8_t answer = answerFor(payload.data[0]);
+        if (write(payload.fds[0], &answer, 1) != 1) {
+            fail(kServiceBadRequest);
+        }
+        MessageHandler::handleMessage(*request);  // closes the descriptor it carried
+
+        Message reply;
+        Message::Payload status;
+        status.data = {answer};
+        reply.setPayload(status);
+        reply.setHeader(id, kWork, Message::kFlagReply, 1, 0);
+        if (mSocket.sendMessage(reply) != 0) {
+            fail(kServiceReplyFailed);
+        }
+    }
+
+    // Read after the loop's thread has been joined.
+    int result() const {
+        if (mResult != kServiceOk) {
+            return mResult;
+        }
+        if (mHandled.size() != kRequests) {
+            return kServiceWrongCount;
+        }
+        for (const auto& [id, count] : mHandled) {
+            if (count != 1) {
+                return kServiceWrongCount;
+            }
+        }
+        return kServiceOk;
+    }
+    void fail(int result) {
+        mResult = result;
+        mReactor.requestExit();
+        mLoop.requestExit();
+    }
+
+  private:
+    SocketEventHandler& mSocket;
+    DefaultReactor& mReactor;
+    MessageLoop& mLoop;
+    std::map<uint32_t, int> mHandled;  // loop thread only
+    int mResult = kServiceOk;          // loop thread only
+};
+
+// The algorithm side, run in the child on its end of the pair. Returns one
+// of the ServiceResult codes.
+int runService(FileDescriptor end) {
+    Watchdog watchdog("algorithm side", 20s);
+    const int socketFd = end.get();
+    std::set<int> expected = openDescriptors();
+    expected.erase(socketFd);
+
+    int result = kServiceOk;
+    {
+        DefaultReactor reactor;
+        MessageLoop loop;
+        auto socket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+        auto service = std::make_shared<ServiceHandler>(*socket, reactor, loop);
+        std::atomic<bool> receiveFailed{false};
+        // Runs on the reactor's thread: read the request, queue it for the loop.
+        socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+            auto request = std::make_unique<Message>(service);
+            if (raw->receiveMessage(request.get()) != 0) {
+                receiveFailed = true;
+                reactor.requestExit();
+                loop.requestExit();
+                return;
+            }
+            loop.messageQueue().enqueueMessage(std::move(request), 0ms);
+        }));
+        if (!reactor.registerEventHandler(socket)) {
+            return kServiceReceiveFailed;
+        }
+        std::thread reactorThread([&] { reactor.loop(0ms); });
+        std::thread loopThread([&] { loop.dispatchMessages(); });
+        reactorThread.join();
+        loopThread.join();
+        result = receiveFailed ? kServiceReceiveFailed : service->result();
+    }
+    if (result == kServiceOk && openDescriptors() != expected) {
+        result = kServiceLeakedDescriptor;
+    }
+    return result;
+}
+
+// Collects the camera side's callbacks, which run on its reactor's thread.
+class Replies {
+  public:
+    std::function<void(uint8_t)> callbackFor(uint32_t id) {
+        return [this, id](uint8_t status) {
+            std::lock_guard<std::mutex> lock(mLock);
+            mStatuses[id].push_back(status);
+            mChanged.notify_all();
+        };
+    }
+    bool waitForAll(size_t count) {
+        std::unique_lock<std::mutex> lock(mLock);
+        return mChanged.wait_for(lock, 10s, [&] { return mStatuses.size() >= count; });
+    }
+    std::map<uint32_t, std::vector<uint8_t>> statuses() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mStatuses;
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::map<uint32_t, std::vector<uint8_t>> mStatuses;  // guarded by mLock
+};
+
+// Runs `action` when the scope ends, so that a failed assertion still stops
+// threads and reaps the child.
+class ScopeExit {
+  public:
+    explicit ScopeExit(std::function<void()> action) : mAction(std::move(action)) {}
+    ~ScopeExit() { mAction(); }
+    ScopeExit(const ScopeExit&) = delete;
+    ScopeExit& operator=(const ScopeExit&) = delete;
+
+  private:
+    std::function<void()> mAction;
+};
+
+// Waits up to `limit` for `pid`; kills it when it does not end in time.
+int waitForChild(pid_t pid, std::chrono::milliseconds limit) {
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            ADD_FAILURE() << "the algorithm side did not end in time";
+            return -1;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return status;
+}
+
+TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) {
+    DescriptorLeakCheck leaks;
+    {
+        Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+        ASSERT_GE(pair.first.get(), 0);
+        std::fflush(nullptr);
+        const pid_t child = fork();  // no other thread exists yet
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            pair.first = FileDescriptor();
+            _exit(runService(std::move(pair.second)));
+        }
+        pair.second = FileDescriptor();
+        bool reaped = false;
+        const ScopeExit reapChild([&] {
+            if (!reaped) {
+                kill(child, SIGKILL);
+                waitpid(child, nullptr, 0);
+            }
+        });
+
+        Watchdog watchdog("camera side", 30s);
+        DefaultReactor reactor;
+        CBRegistry registry(1);
+        Replies replies;
+        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+        std::atomic<int> receiveFailures{0};
+        socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+            auto reply = std::make_unique<Message>();
+            if (raw->receiveMessage(reply.get()) != 0) {
+                ++receiveFailures;
+                return;
+            }
+            registry.unRegisterCB(std::move(reply));
+        }));
+        ASSERT_TRUE(reactor.registerEventHandler(socket));
+        std::thread reactorThread([&] { reactor.loop(0ms); });
+        const ScopeExit stopReactor([&] {
+            if (reactorThread.joinable()) {
+                reactor.requestExit();
+                reactorThread.join();
+            }
+        });
+
+        std::vector<FileDescriptor> readEnds;
+        for (uint32_t i = 0; i < kRequests; ++i) {
+            int ends[2];
+            ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+            readEnds.emplace_back(ends[0], 0);
+            const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
+
+            Message request;
+            Message::Payload payload;
+            payload.data = {static_cast<uint8_t>(i)};
+            payload.fds = {writeEnd.get()};
+            request.setPayload(payload);
+            request.setHeader(kFirstId + i, kWork, 0, 1, 1);
+            registry.registerCB(request, replies.callbackFor(kFirstId + i));
+            ASSERT_EQ(socket->sendMessage(request), 0);
+        }
+
+        ASSERT_TRUE(replies.waitForAll(kRequests));
+        reactor.requestExit();
+        reactorThread.join();
+        EXPECT_EQ(receiveFailures.load(), 0);
+
+        const auto statuses = replies.statuses();
+        for (uint32_t i = 0; i < kRequests; ++i) {
+            const auto found = statuses.find(kFirstId + i);
+            ASSERT_NE(found, statuses.end()) << "no reply for request " << i;
+            EXPECT_EQ(found->second, std::vector<uint8_t>{answerFor(static_cast<uint8_t>(i))});
+        }
+
+        // While the peer still runs, each pipe holds the handler's one byte
+        // and then ends: the only other write end, the one the peer received,
+        // has been closed by its handler.
+        for (uint32_t i = 0; i < kRequests; ++i) {
+            uint8_t bytes[2] = {0, 0};
+            EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 1) << "pipe " << i;
+            EXPECT_EQ(bytes[0], answerFor(static_cast<uint8_t>(i)));
+            EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
+        }
+
+        Message quit;
+        quit.setHeader(0, kQuit, 0, 0, 0);
+        ASSERT_EQ(socket->sendMessage(quit), 0);
+        const int status = waitForChild(child, 20s);
+        reaped = true;
+        ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+        EXPECT_EQ(WEXITSTATUS(status), kServiceOk);
+    }
+    leaks.check();
+}
+
+}  // namespace
