@@ -28,8 +28,7 @@ class DiscardingLogger : public ULogger {
 // Installs `logger` as the unified logger's only sink for its lifetime.
 class LoggerOnly {
   public:
-    explicit LoggerOnly(ULogger* logger)
-        : mMode(ULogger::sMode), mLogger(ULogger::sULogger) {
+    explicit LoggerOnly(ULogger* logger) : mMode(ULogger::sMode), mLogger(ULogger::sULogger) {
         ULogger::sMode = 2;
         ULogger::sULogger = logger;
     }
