@@ -46,10 +46,10 @@ int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount)
 bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,
                const int* fds, size_t fdCount, uint8_t* replyData);
 
-// Serving side: until a stop header arrives or the peer goes away, waits with
-// ppoll() on `socket` and on the `idleCount` descriptors of `idle` (watched
-// but never ready, as idle handlers would be) and echoes each message back.
-// Returns 0 on a stop header, 1 on any failure.
+// Serving side: until a stop header arrives (a header record alone) or the peer goes away, waits
+// with ppoll() on `socket` and on the `idleCount` descriptors of `idle` (watched but never ready,
+// as idle handlers would be) and echoes each message back. Returns 0 on a stop header, 1 on any
+// failure.
 int serveEcho(int socket, const int* idle, size_t idleCount);
 
 }  // namespace velacam::bench::raw

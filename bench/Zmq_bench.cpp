@@ -1,16 +1,18 @@
 // The peer: ZeroMQ's ipc:// transport (a REQ and a REP socket in two
 // processes) carrying the same 64-byte request and reply, without
-// descriptors, as the library's round trip it is compared with.
+// descriptors, measured in pairs against the library's round trip.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 #include <zmq.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "CpuPinning.h"
 #include "ForkedPeer.h"
+#include "RoundTripChannel.h"
 #include "RoundTripSetup.h"
 
 namespace velacam::bench {
@@ -71,52 +73,79 @@ int serveReplies(const std::string& endpoint, size_t payload) {
     }
 }
 
-bool roundTrip(void* socket, const std::vector<uint8_t>& request, std::vector<uint8_t>& reply) {
-    const int size = static_cast<int>(request.size());
-    return zmq_send(socket, request.data(), request.size(), 0) == size &&
-           zmq_recv(socket, reply.data(), reply.size(), 0) == size;
+class ZmqChannel : public RoundTripChannel {
+  public:
+    ZmqChannel(std::string path, std::unique_ptr<ForkedPeer> server, size_t payload)
+        : mPath(std::move(path)),
+          mServer(std::move(server)),
+          mRequest(ZMQ_REQ),
+          mData(payload, 0x5a),
+          mReply(kMaxMessage) {
+        const std::string endpoint = "ipc://" + mPath;
+        mConnected = mRequest.socket() != nullptr &&
+                     zmq_connect(mRequest.socket(), endpoint.c_str()) == 0;
+    }
+    ~ZmqChannel() override { (void)finish(); }
+
+    bool roundTrip() override {
+        const int size = static_cast<int>(mData.size());
+        return mConnected && zmq_send(mRequest.socket(), mData.data(), mData.size(), 0) == size &&
+               zmq_recv(mRequest.socket(), mReply.data(), mReply.size(), 0) == size;
+    }
+
+    bool finish() override {
+        if (!mServer) {
+            return true;
+        }
+        const uint8_t stop = 0;
+        const bool stopped = mConnected && zmq_send(mRequest.socket(), &stop, 1, 0) == 1 &&
+                             zmq_recv(mRequest.socket(), mReply.data(), mReply.size(), 0) == 0;
+        const bool joined = mServer->join();
+        mServer.reset();
+        unlink(mPath.c_str());
+        return stopped && joined;
+    }
+
+  private:
+    std::string mPath;
+    std::unique_ptr<ForkedPeer> mServer;
+    ZmqEndpoint mRequest;
+    std::vector<uint8_t> mData;
+    std::vector<uint8_t> mReply;
+    bool mConnected = false;
+};
+
+std::unique_ptr<RoundTripChannel> makeZmqChannel(const RoundTripShape& shape) {
+    static int sRun = 0;
+    std::string path = "/tmp/velacam-bench-zmq-" + std::to_string(getpid()) + "-" +
+                       std::to_string(++sRun) + ".ipc";
+    const std::string endpoint = "ipc://" + path;
+    const size_t payload = shape.payload;
+    auto server = std::make_unique<ForkedPeer>([&] { return serveReplies(endpoint, payload); });
+    if (!server->started()) {
+        return nullptr;
+    }
+    return std::make_unique<ZmqChannel>(std::move(path), std::move(server), shape.payload);
 }
 
-void ZeroMQ_ipc(benchmark::State& state) {
+void Library_vs_ZeroMQ(benchmark::State& state) {
     const RoundTripShape shape(state);
     CpuPinning pinning(shape.pinned);
     if (!pinning.ok()) {
-        state.SkipWithError("cannot pin");
+        state.SkipWithError("cannot pin to one CPU");
         return;
     }
-    static int sRun = 0;
-    const std::string path = "/tmp/velacam-bench-zmq-" + std::to_string(getpid()) + "-" +
-                             std::to_string(++sRun) + ".ipc";
-    const std::string endpoint = "ipc://" + path;
-    ForkedPeer server([&] { return serveReplies(endpoint, shape.payload); });
-
-    bool ok = true;
-    {
-        ZmqEndpoint request(ZMQ_REQ);
-        std::vector<uint8_t> data(shape.payload, 0x5a);
-        std::vector<uint8_t> reply(kMaxMessage);
-        ok = request.socket() != nullptr && zmq_connect(request.socket(), endpoint.c_str()) == 0;
-        // The first exchange waits for the connection; it is not measured.
-        ok = ok && roundTrip(request.socket(), data, reply);
-        for (auto _ : state) {
-            if (!ok || !roundTrip(request.socket(), data, reply)) {
-                ok = false;
-                break;
-            }
-        }
-        const uint8_t stop = 0;
-        if (request.socket() != nullptr && zmq_send(request.socket(), &stop, 1, 0) == 1) {
-            zmq_recv(request.socket(), reply.data(), reply.size(), 0);
-        }
+    // The library's server is forked first, before ZeroMQ starts its threads.
+    const auto library = makeLibraryChannel(shape, false);
+    const auto zmq = makeZmqChannel(shape);
+    if (!library || !zmq) {
+        state.SkipWithError("cannot set up the channels");
+        return;
     }
-    const bool joined = server.join();
-    unlink(path.c_str());
-    if (!ok || !joined) {
-        state.SkipWithError("ZeroMQ round trip failed");
-    }
+    runPaired(state, *library, *zmq);
 }
 
-BENCHMARK(ZeroMQ_ipc)->Apply(addPeerCases);
+BENCHMARK(Library_vs_ZeroMQ)->Apply(addPeerCases);
 
 }  // namespace
 }  // namespace velacam::bench
