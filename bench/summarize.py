@@ -28,27 +28,29 @@ def round_trip(kind, pinned, payload=64, fds=0, idle=0):
 def comparisons():
     """(name, ours, reference, target) for every line of the summary.
 
-    A target is (kind, bound): "ratio<=" bounds the ratio, "ours<" bounds
-    ours in ns."""
+    ours and reference are benchmark names, or (benchmark, side) for the
+    paired round trips, whose two sides are counters of one benchmark. A
+    target is (kind, bound): "ratio<=" bounds the ratio, "ours<" bounds ours
+    in ns."""
     lines = []
     for mode, pinned in MODES:
         for payload in (64, 4096):
             for fds in (0, 1, 4, 16):
                 target = ("ratio<=", 1.15) if payload == 64 and fds in (0, 1) else None
                 size = "64 B" if payload == 64 else "4 KiB"
-                lines.append((f"round trip {size}, {fds} fds ({mode})",
-                              round_trip("Library", pinned, payload, fds),
-                              round_trip("Floor", pinned, payload, fds), target))
+                pair = round_trip("Library_vs_Floor", pinned, payload, fds)
+                lines.append((f"round trip {size}, {fds} fds ({mode})", (pair, "ours"),
+                              (pair, "reference"), target))
         for idle in (16, 256):
-            lines.append((f"round trip 64 B, {idle} idle handlers vs floor polling {idle} idle fds ({mode})",
-                          round_trip("Library", pinned, idle=idle),
-                          round_trip("Floor", pinned, idle=idle), None))
-        lines.append((f"round trip 64 B, 0 fds, default host logging ({mode})",
-                      round_trip("Library_hostLogging", pinned),
-                      round_trip("Floor", pinned), None))
-        lines.append((f"round trip 64 B vs ZeroMQ ipc:// ({mode})",
-                      round_trip("Library", pinned),
-                      round_trip("ZeroMQ_ipc", pinned), ("ratio<", 1.0)))
+            pair = round_trip("Library_vs_Floor", pinned, idle=idle)
+            lines.append((f"round trip 64 B, {idle} idle handlers, floor polling {idle} idle fds "
+                          f"({mode})", (pair, "ours"), (pair, "reference"), None))
+        pair = round_trip("LibraryHostLogging_vs_Floor", pinned)
+        lines.append((f"round trip 64 B, 0 fds, default host logging ({mode})", (pair, "ours"),
+                      (pair, "reference"), None))
+        pair = round_trip("Library_vs_ZeroMQ", pinned)
+        lines.append((f"round trip 64 B vs ZeroMQ ipc:// ({mode})", (pair, "ours"),
+                      (pair, "reference"), ("ratio<", 1.0)))
     for producers in (1, 4):
         target = ("ratio<=", round(1 / 0.7, 3)) if producers == 1 else None
         lines.append((f"queue, ns per message, {producers} producer{'s' if producers > 1 else ''}",
@@ -85,11 +87,19 @@ def per_run_ns(entry):
 
 
 def medians(results):
+    """Median over the repetitions of every figure: a benchmark's time per
+    operation, or each side of a paired round trip (run name + "#ours" /
+    "#reference", already the median of its single round trips)."""
     samples = {}
     for entry in results["benchmarks"]:
         if entry.get("run_type") != "iteration" or entry.get("error_occurred"):
             continue
-        samples.setdefault(entry["run_name"], []).append(per_run_ns(entry))
+        name = entry["run_name"]
+        if "ours_ns" in entry:
+            samples.setdefault(name + "#ours", []).append(entry["ours_ns"])
+            samples.setdefault(name + "#reference", []).append(entry["reference_ns"])
+        else:
+            samples.setdefault(name, []).append(per_run_ns(entry))
     table = {}
     for name, values in samples.items():
         median = statistics.median(values)
@@ -102,6 +112,11 @@ def medians(results):
             "spread": (max(values) - min(values)) / (2 * median) if median else 0.0,
         }
     return table
+
+
+def key(figure):
+    """The medians-table key of a benchmark name or a (benchmark, side)."""
+    return figure if isinstance(figure, str) else f"{figure[0]}#{figure[1]}"
 
 
 def verdict(target, ours, ratio):
@@ -128,7 +143,8 @@ def main(argv):
     table = medians(results)
     summary = {"context": results.get("context", {}), "comparisons": [], "medians": table}
     targets = []
-    for name, ours_name, ref_name, target in comparisons():
+    for name, ours_key, ref_key, target in comparisons():
+        ours_name, ref_name = key(ours_key), key(ref_key)
         ours, ref = table.get(ours_name), table.get(ref_name)
         if ours is None or ref is None:
             missing = ours_name if ours is None else ref_name
