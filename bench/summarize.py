@@ -89,6 +89,7 @@ def medians(results):
     operation, or each side of a paired round trip (run name + "#ours" /
     "#reference", already the median of its single round trips)."""
     samples = {}
+    ratios = {}
     for entry in results["benchmarks"]:
         if entry.get("run_type") != "iteration" or entry.get("error_occurred"):
             continue
@@ -96,6 +97,7 @@ def medians(results):
         if "ours_ns" in entry:
             samples.setdefault(name + "#ours", []).append(entry["ours_ns"])
             samples.setdefault(name + "#reference", []).append(entry["reference_ns"])
+            ratios.setdefault(name, []).append(entry["ratio"])
         else:
             samples.setdefault(name, []).append(per_run_ns(entry))
     table = {}
@@ -109,6 +111,11 @@ def medians(results):
             # Half the min-to-max range, as a share of the median.
             "spread": (max(values) - min(values)) / (2 * median) if median else 0.0,
         }
+    # A paired benchmark's own ratio in each repetition: how far the pairing
+    # kept the comparison steady while the times themselves moved.
+    for name, values in ratios.items():
+        for side in ("#ours", "#reference"):
+            table[name + side]["ratio_range"] = [min(values), max(values)]
     return table
 
 
@@ -155,6 +162,8 @@ def main(argv):
         line = {"name": name, "ours": ours_name, "reference": ref_name,
                 "ours_ns": ours["median_ns"], "reference_ns": ref["median_ns"], "ratio": ratio,
                 "ours_spread": ours["spread"], "reference_spread": ref["spread"]}
+        if "ratio_range" in ours:
+            line["ratio_range_over_repetitions"] = ours["ratio_range"]
         if target is not None:
             line["target"] = describe(target)
             line["met"] = verdict(target, ours["median_ns"], ratio)
