@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -127,11 +128,22 @@ TEST(SocketPairTest, CopyOwnsDuplicates) {
 }
 
 TEST(SocketPairTest, SocketpairFailure_GivesTheNegativeErrnoAndLogs) {
-    // In a child: with no descriptor left to allocate, socketpair fails.
+    // In a child: with one descriptor number left below the limit, socketpair
+    // (which needs two) fails.
     const pid_t child = forkPeer([] {
         LogCapture capture;
-        const rlimit none{0, 0};
-        if (setrlimit(RLIMIT_NOFILE, &none) != 0) {
+        // One line logged beforehand: UBSan checks the logger's type once per
+        // type, with a pipe, which the limit would make fail.
+        (void)Message().payload();
+        capture.clear();
+        const std::set<int> open = velacam::test::openDescriptors();
+        int firstFree = 0;
+        while (open.count(firstFree) != 0) {
+            ++firstFree;
+        }
+        const rlim_t limit = static_cast<rlim_t>(firstFree) + 1;
+        const rlimit oneLeft{limit, limit};
+        if (setrlimit(RLIMIT_NOFILE, &oneLeft) != 0) {
             return 10;
         }
         const SocketPair pair = UnixDomainSocket::createPairedSocket(4096, 4096, false);
