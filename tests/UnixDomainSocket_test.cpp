@@ -256,6 +256,15 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_NE(payload.fds[1], second.get());
     EXPECT_TRUE(sameFile(payload.fds[0], first.get()));
     EXPECT_TRUE(sameFile(payload.fds[1], second.get()));
+    if (debugLogged()) {
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
+                                "cmsg_data_size(8)"),
+                  1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)"), 1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
+                                "cmsg_space(24)"),
+                  1u);
+    }
     MessageHandler().handleMessage(received);  // closes what arrived
 
     // The same message object takes the next one: the old payload goes.
