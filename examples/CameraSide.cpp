@@ -113,7 +113,8 @@ int CameraSide::run() {
         Kestrel::ipc::SocketPair pair =
                 UnixDomainSocket::createPairedSocket(kSocketBufferBytes, kSocketBufferBytes, false);
         if (pair.first.get() < 0) {
-            std::fprintf(stderr, "cannot make the socket pair: %s\n", std::strerror(-pair.first.get()));
+            std::fprintf(stderr, "cannot make the socket pair: %s\n",
+                         std::strerror(-pair.first.get()));
             return 1;
         }
 
@@ -170,9 +171,8 @@ int CameraSide::run() {
             request.setHeader(id, kProcessBuffers, 0, 0, 0);
             request.setPayload(payload);
 
-            registry.registerCB(request, [&replies, id](uint8_t status) {
-                replies.complete(id, status);
-            });
+            registry.registerCB(request,
+                                [&replies, id](uint8_t status) { replies.complete(id, status); });
             const auto sent = Clock::now();
             ++report.requests;
             report.buffersExpected += buffers.size();
