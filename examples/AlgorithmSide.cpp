@@ -102,8 +102,7 @@ int AlgorithmSide::run() {
 
     DefaultReactor reactor;
     Thread reactorThread(
-            new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }),
-            true);
+            new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }), true);
     reactorThread.start();
     (void)reactor.registerEventHandler(socket);
 

@@ -113,7 +113,8 @@ int CameraSide::run() {
         Kestrel::ipc::SocketPair pair =
                 UnixDomainSocket::createPairedSocket(kSocketBufferBytes, kSocketBufferBytes, false);
         if (pair.first.get() < 0) {
-            std::fprintf(stderr, "cannot make the socket pair: %s\n", std::strerror(-pair.first.get()));
+            std::fprintf(stderr, "cannot make the socket pair: %s\n",
+                         std::strerror(-pair.first.get()));
             return 1;
         }
 
@@ -170,9 +171,8 @@ int CameraSide::run() {
             request.setHeader(id, kProcessBuffers, 0, 0, 0);
             request.setPayload(payload);
 
-            registry.registerCB(request, [&replies, id](uint8_t status) {
-                replies.complete(id, status);
-            });
+            registry.registerCB(request,
+                                [&replies, id](uint8_t status) { replies.complete(id, status); });
             const auto sent = Clock::now();
             ++report.requests;
             report.buffersExpected += buffers.size();
@@ -198,10 +198,12 @@ int CameraSide::run() {
         }
         report.setElapsed(Clock::now() - start);
 
-        report.childReaped = child.terminate() && reap(child.pid());
-        self.removeFromObservation(child.pid());
+        // Stop listening before the algorithm process goes, so that its hang-up
+        // is not reported by a loop that no longer needs the socket.
         reactor.requestExit();
         reactorThread.wait();
+        report.childReaped = child.terminate() && reap(child.pid());
+        self.removeFromObservation(child.pid());
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
     report.print();

@@ -36,9 +36,10 @@ void RunReport::print() const {
     std::printf("  %-24s %zu\n", "replies lost", repliesLost);
     std::printf("  %-24s %zu\n", "failed statuses", failedStatuses);
     std::printf("  %-24s %ld\n", "leaked descriptors", leakedDescriptors);
-    std::printf("  %-24s %s\n", "algorithm process", childReaped ? "terminated and reaped" : "NOT reaped");
-    std::printf("\nverdict: %s\n", success() ? "every buffer came back transformed"
-                                             : "FAILED (see the table above)");
+    std::printf("  %-24s %s\n", "algorithm process",
+                childReaped ? "terminated and reaped" : "NOT reaped");
+    std::printf("\nverdict: %s\n",
+                success() ? "every buffer came back transformed" : "FAILED (see the table above)");
     std::fflush(stdout);
 }
 

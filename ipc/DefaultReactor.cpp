@@ -107,6 +107,7 @@ bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
         return false;
     }
     mEventHandlers.erase(entry);
+    // Named after the public operation, which is what both callers perform.
     IPC_LOGD("[%s] handler(key: %d) removed", "removeEventHandlerByFd", fd);
     return true;
 }

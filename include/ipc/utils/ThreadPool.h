@@ -1,0 +1,90 @@
+// ThreadPool: a fixed number of named worker threads that take tasks from
+// one shared first-in first-out queue.
+//
+// The workers ("ThreadPool-0", "ThreadPool-1", ...) are made and started by
+// the constructor. Each waits for a task in slices of 10 seconds, warning
+// "timed out, queue size(%zu) isExiting(%s)" after every slice that passes
+// without work. requestExit() or destruction ends the pool: a worker that
+// wakes for exit still runs one queued task, if there is one, before it
+// returns; the destructor joins every worker and discards the tasks left.
+//
+// Ownership: the pool owns its workers and the queued tasks. An exit
+// listener is only referred to (weakly) and told once, at destruction, if it
+// is still alive.
+// Thread: addTask() and requestExit() from any thread, also from a task;
+// setExitListener() and destruction from the owner.
+// Failure: a pool of zero workers only warns ("do nothing since thread number
+// is 0") and never runs a task; a worker that cannot be created makes the
+// constructor throw std::system_error (see Thread::start()).
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "ipc/Export.h"
+#include "ipc/utils/Thread.h"
+
+namespace Kestrel::ipc::utils {
+
+class IPC_EXPORT ThreadPool {
+  public:
+    // Told when the pool it listens to has joined its workers.
+    class IPC_EXPORT ExitListener {
+      public:
+        virtual ~ExitListener();
+        // Called once, on the thread destroying the pool, after every worker
+        // has returned and before the queued tasks are discarded.
+        virtual void onThreadPoolExit() = 0;
+    };
+
+    // Makes `n` workers and starts them.
+    explicit ThreadPool(unsigned long n);
+    // Requests exit if no one did, joins every worker, tells the exit
+    // listener, then discards the tasks that were never run.
+    // Blocks: until every worker's current task returns.
+    ~ThreadPool();
+    ThreadPool(const ThreadPool&) = delete;
+    ThreadPool& operator=(const ThreadPool&) = delete;
+
+    // Queues `task` (any callable with no arguments; its result is dropped)
+    // at the back and wakes ONE waiting worker. After requestExit() a task
+    // may still run (at most one per worker) or be discarded.
+    template <typename Task>
+    void addTask(Task&& task) {
+        {
+            std::lock_guard<std::mutex> lock(mTasksLock);
+            mTasks.emplace_back(std::forward<Task>(task));
+        }
+        mTasksCond.notify_one();
+    }
+
+    // Marks the pool as exiting for good and wakes every worker. Does not
+    // wait for them.
+    void requestExit();
+
+    // Sets the object told at destruction; the pool does not keep it alive.
+    void setExitListener(std::weak_ptr<ExitListener> listener);
+
+  private:
+    class Worker;
+
+    // Starts every worker, in order.
+    void dispatch();
+    void wakeAllForExit();
+
+    std::mutex mWorkersLock;                   // serialises dispatch()
+    std::vector<Thread> mWorkers;              // each owns its Worker
+    std::deque<std::function<void()>> mTasks;  // guarded by mTasksLock
+    std::mutex mTasksLock;
+    std::condition_variable mTasksCond;         // workers wait here under mTasksLock
+    std::atomic<bool> mIsExiting{false};        // set once; also read under mTasksLock
+    std::weak_ptr<ExitListener> mExitListener;  // owner thread only
+};
+
+}  // namespace Kestrel::ipc::utils

@@ -1,0 +1,409 @@
+// UnixDomainSocket and SocketPair: the pair and its buffer sizes, the wire
+// format read back with raw recvmsg, round trips in one process and between
+// two, descriptor ownership, and the return codes and lines of each failure.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/Log.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/Descriptors.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+
+namespace {
+
+using Kestrel::ipc::Message;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::SocketPair;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::utils::sys::FileDescriptor;
+using velacam::test::contentsOf;
+using velacam::test::forkPeer;
+using velacam::test::LogCapture;
+using velacam::test::memoryFile;
+using velacam::test::readRecord;
+using velacam::test::sameFile;
+using velacam::test::waitPeer;
+
+int socketOption(int fd, int option) {
+    int value = 0;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, option, &value, &length), 0);
+    return value;
+}
+
+// What the kernel makes of a buffer size: capped by the system maximum, then
+// doubled for its bookkeeping.
+int kernelBufferSize(unsigned long requested, const char* maximumPath) {
+    unsigned long maximum = 0;
+    std::ifstream(maximumPath) >> maximum;
+    return static_cast<int>(2 * std::min(requested, maximum));
+}
+
+bool debugLogged() { return Kestrel::ipc::utils::LogSetting::logLevel() >= 1; }
+
+Message makeMessage(uint32_t id, const std::vector<uint8_t>& data, const std::vector<int>& fds) {
+    Message message;
+    message.setHeader(id, id + 1, 3, static_cast<uint32_t>(data.size()),
+                      static_cast<uint16_t>(fds.size()));
+    Message::Payload payload;
+    payload.data = data;
+    payload.fds = fds;
+    message.setPayload(payload);
+    return message;
+}
+
+TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBufferSizes) {
+    velacam::test::DescriptorLeakCheck leaks;
+    {
+        LogCapture capture;
+        const SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 98304, false);
+        const int s0 = pair.first.get();
+        const int s1 = pair.second.get();
+        ASSERT_GE(s0, 0);
+        ASSERT_GE(s1, 0);
+        const int receive = kernelBufferSize(65536, "/proc/sys/net/core/rmem_max");
+        const int send = kernelBufferSize(98304, "/proc/sys/net/core/wmem_max");
+        EXPECT_EQ(socketOption(s0, SO_RCVBUF), receive);
+        EXPECT_EQ(socketOption(s0, SO_SNDBUF), send);
+        EXPECT_EQ(socketOption(s1, SO_SNDBUF), send);
+        EXPECT_EQ(socketOption(s1, SO_RCVBUF), receive);
+        for (int end : {s0, s1}) {
+            EXPECT_EQ(socketOption(end, SO_TYPE), SOCK_SEQPACKET);
+            EXPECT_EQ(socketOption(end, SO_DOMAIN), AF_UNIX);
+            EXPECT_EQ(fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
+            EXPECT_EQ(fcntl(end, F_GETFL) & O_NONBLOCK, 0);
+        }
+        if (debugLogged()) {
+            EXPECT_EQ(capture.count("[createPairedSocket] socketpair created (" +
+                                    std::to_string(s0) + ", " + std::to_string(s1) + ")"),
+                      1u);
+        }
+        const char ping = 'p';
+        ASSERT_EQ(::write(s1, &ping, 1), 1);
+        char got = 0;
+        EXPECT_EQ(::read(s0, &got, 1), 1);
+        EXPECT_EQ(got, ping);
+    }
+    leaks.check();
+}
+
+TEST(SocketPairTest, OneWayPair_KeepsTheReverseDirectionMinimal) {
+    const SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 98304, true);
+    EXPECT_EQ(socketOption(pair.first.get(), SO_RCVBUF),
+              kernelBufferSize(65536, "/proc/sys/net/core/rmem_max"));
+    EXPECT_EQ(socketOption(pair.second.get(), SO_SNDBUF),
+              kernelBufferSize(98304, "/proc/sys/net/core/wmem_max"));
+    EXPECT_EQ(socketOption(pair.first.get(), SO_SNDBUF), 8192);
+    EXPECT_EQ(socketOption(pair.second.get(), SO_RCVBUF), 8192);
+}
+
+TEST(SocketPairTest, CopyOwnsDuplicates) {
+    velacam::test::DescriptorLeakCheck leaks;
+    {
+        const SocketPair pair = UnixDomainSocket::createPairedSocket(4096, 4096, false);
+        {
+            const SocketPair copy(pair);
+            EXPECT_NE(copy.first.get(), pair.first.get());
+            EXPECT_NE(copy.second.get(), pair.second.get());
+            EXPECT_TRUE(sameFile(copy.first.get(), pair.first.get()));
+            EXPECT_TRUE(sameFile(copy.second.get(), pair.second.get()));
+        }
+        EXPECT_TRUE(velacam::test::isOpen(pair.first.get()));
+        EXPECT_TRUE(velacam::test::isOpen(pair.second.get()));
+    }
+    leaks.check();
+}
+
+TEST(SocketPairTest, SocketpairFailure_GivesTheNegativeErrnoAndLogs) {
+    // In a child: with one descriptor number left below the limit, socketpair
+    // (which needs two) fails.
+    const pid_t child = forkPeer([] {
+        LogCapture capture;
+        // One line logged beforehand: UBSan checks the logger's type once per
+        // type, with a pipe, which the limit would make fail.
+        (void)Message().payload();
+        capture.clear();
+        const std::set<int> open = velacam::test::openDescriptors();
+        int firstFree = 0;
+        while (open.count(firstFree) != 0) {
+            ++firstFree;
+        }
+        const rlim_t limit = static_cast<rlim_t>(firstFree) + 1;
+        const rlimit oneLeft{limit, limit};
+        if (setrlimit(RLIMIT_NOFILE, &oneLeft) != 0) {
+            return 10;
+        }
+        const SocketPair pair = UnixDomainSocket::createPairedSocket(4096, 4096, false);
+        if (pair.first.get() != -EMFILE || pair.second.get() != -1) {
+            return 11;
+        }
+        return capture.count("create paired sockets failed(Too many open files)") == 1 ? 0 : 12;
+    });
+    EXPECT_EQ(waitPeer(child), 0);
+}
+
+class UnixDomainSocketTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+        ASSERT_GE(pair.first.get(), 0);
+        rawReceiver = pair.first.get();
+        rawSender = pair.second.get();
+        receiver.bind(std::move(pair.first));
+        sender.bind(std::move(pair.second));
+    }
+    void TearDown() override {
+        // Both sockets are part of the fixture: compare without them.
+        receiver.bind(FileDescriptor());
+        sender.bind(FileDescriptor());
+        leaks.check();
+    }
+
+    velacam::test::DescriptorLeakCheck leaks;
+    LogCapture capture;
+    UnixDomainSocket receiver;
+    UnixDomainSocket sender;
+    int rawReceiver = -1;
+    int rawSender = -1;
+};
+
+TEST_F(UnixDomainSocketTest, WireFormat_IsAHeaderRecordThenADataRecordWithTheDescriptors) {
+    FileDescriptor first = memoryFile("first");
+    FileDescriptor second = memoryFile("second");
+    const Message message = makeMessage(7, {'a', 'b', 'c'}, {first.get(), second.get()});
+    ASSERT_EQ(sender.send(message), 0);
+
+    const auto [headerBytes, headerSize] = message.header();
+    const std::vector<uint8_t> expectedHeader(headerBytes, headerBytes + headerSize);
+    const auto header = readRecord(rawReceiver);
+    EXPECT_EQ(header.result, 24);
+    EXPECT_EQ(header.data, expectedHeader);
+    EXPECT_TRUE(header.controls.empty());  // an empty SCM_RIGHTS message arrives as none
+    EXPECT_EQ(header.flags, 0);
+
+    const auto data = readRecord(rawReceiver);
+    EXPECT_EQ(data.data, (std::vector<uint8_t>{'a', 'b', 'c'}));
+    EXPECT_EQ(data.flags, 0);
+    ASSERT_EQ(data.controls.size(), 1u);
+    EXPECT_EQ(data.controls[0].level, SOL_SOCKET);
+    EXPECT_EQ(data.controls[0].type, SCM_RIGHTS);
+    EXPECT_EQ(data.controls[0].length, CMSG_LEN(2 * sizeof(int)));
+    ASSERT_EQ(data.controls[0].fds.size(), 2u);
+    EXPECT_TRUE(sameFile(data.controls[0].fds[0].get(), first.get()));
+    EXPECT_TRUE(sameFile(data.controls[0].fds[1].get(), second.get()));
+
+    // Exactly two records: nothing else is waiting.
+    EXPECT_EQ(readRecord(rawReceiver, 64, 4, MSG_DONTWAIT).error, EAGAIN);
+    if (debugLogged()) {
+        EXPECT_EQ(capture.count("[sendDataAndFileDescriptors] cmsg_space(16) cmsg_len(16)"), 1u);
+        EXPECT_EQ(capture.count("[sendDataAndFileDescriptors] bytes_sent(24) FDS_CMSG_SIZE(0)"),
+                  1u);
+        EXPECT_EQ(capture.count("[sendDataAndFileDescriptors] cmsg_space(24) cmsg_len(24)"), 1u);
+        EXPECT_EQ(capture.count("[sendDataAndFileDescriptors] bytes_sent(3) FDS_CMSG_SIZE(8)"), 1u);
+    }
+}
+
+TEST_F(UnixDomainSocketTest, EmptyMessage_TravelsAsAHeaderAndAnEmptyRecord) {
+    const Message empty;
+    ASSERT_EQ(sender.send(empty), 0);
+    EXPECT_EQ(capture.count("no payload exists"), 1u);
+    EXPECT_EQ(readRecord(rawReceiver).result, 24);
+    const auto second = readRecord(rawReceiver);
+    EXPECT_EQ(second.result, 0);
+    EXPECT_TRUE(second.controls.empty());
+    EXPECT_EQ(readRecord(rawReceiver, 64, 4, MSG_DONTWAIT).error, EAGAIN);
+}
+
+TEST_F(UnixDomainSocketTest, EmptyMessage_ArrivesAsABareHeader) {
+    ASSERT_EQ(sender.send(Message()), 0);
+    Message received = makeMessage(9, {1, 2}, {});  // an old payload, to be replaced
+    capture.clear();
+    ASSERT_EQ(receiver.recv(&received), 0);
+    EXPECT_EQ(received.header().second, 24u);
+    EXPECT_EQ(capture.count("no ancillary data, do not handle the cmsg part"), 2u);
+    EXPECT_TRUE(received.payload().data.empty());
+}
+
+TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForTheSameFiles) {
+    FileDescriptor first = memoryFile("first");
+    FileDescriptor second = memoryFile("second");
+    ASSERT_EQ(sender.send(makeMessage(41, {1, 2, 3}, {first.get(), second.get()})), 0);
+    ASSERT_EQ(sender.send(makeMessage(42, {9}, {})), 0);
+
+    Message received;
+    ASSERT_EQ(receiver.recv(&received), 0);
+    EXPECT_EQ(received.id(), 41u);
+    EXPECT_EQ(received.type(), 42u);
+    EXPECT_EQ(received.flags(), 3u);
+    EXPECT_EQ(received.header().second, 24u);
+    const Message::Payload payload = received.payload();
+    EXPECT_EQ(payload.data, (std::vector<uint8_t>{1, 2, 3}));
+    ASSERT_EQ(payload.fds.size(), 2u);
+    EXPECT_NE(payload.fds[0], first.get());
+    EXPECT_NE(payload.fds[1], second.get());
+    EXPECT_TRUE(sameFile(payload.fds[0], first.get()));
+    EXPECT_TRUE(sameFile(payload.fds[1], second.get()));
+    if (debugLogged()) {
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
+                                "cmsg_data_size(8)"),
+                  1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)"), 1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
+                                "cmsg_space(24)"),
+                  1u);
+    }
+    MessageHandler().handleMessage(received);  // closes what arrived
+
+    // The same message object takes the next one: the old payload goes.
+    ASSERT_EQ(receiver.recv(&received), 0);
+    EXPECT_EQ(received.id(), 42u);
+    EXPECT_EQ(received.fileDescriptorCount(), 0u);
+    EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{9}));
+}
+
+TEST_F(UnixDomainSocketTest, ManyDescriptors_TravelAndTheKernelLimitShowsAsSendError) {
+    FileDescriptor file = memoryFile();
+    std::vector<int> fds(200, file.get());  // the same descriptor each time: 200 new numbers
+    ASSERT_EQ(sender.sendDataAndFileDescriptors(fds.data(), fds.size(), "x", 1), 0);
+    std::vector<int> received(200, -1);
+    char byte = 0;
+    ASSERT_EQ(receiver.receiveDataAndFileDescriptors(received.data(), received.size(), &byte, 1),
+              0);
+    EXPECT_EQ(byte, 'x');
+    for (int fd : received) {
+        EXPECT_TRUE(sameFile(fd, file.get()));
+        ::close(fd);
+    }
+
+    std::vector<int> tooMany(300, file.get());
+    EXPECT_EQ(sender.sendDataAndFileDescriptors(tooMany.data(), tooMany.size(), "x", 1), -EINVAL);
+    EXPECT_EQ(capture.count("sendmsg failed (Invalid argument)"), 1u);
+}
+
+TEST_F(UnixDomainSocketTest, PayloadRecords_UseTheCallersBuffers) {
+    FileDescriptor file = memoryFile();
+    Message::Payload out;
+    out.data = {5, 6, 7, 8};
+    out.fds = {file.get()};
+    ASSERT_EQ(sender.send(out), 0);
+    Message::Payload in;
+    in.data.resize(4);
+    in.fds.resize(1);
+    ASSERT_EQ(receiver.recv(&in), 0);
+    EXPECT_EQ(in.data, out.data);
+    EXPECT_TRUE(sameFile(in.fds[0], file.get()));
+    ::close(in.fds[0]);
+}
+
+TEST_F(UnixDomainSocketTest, TwoProcesses_ExchangeMessagesAndDescriptors) {
+    FileDescriptor shared = memoryFile("ping");
+    const pid_t child = forkPeer([this] {
+        Message request;
+        if (receiver.recv(&request) != 0 || request.id() != 5) {
+            return 1;
+        }
+        const Message::Payload payload = request.payload();
+        if (payload.fds.size() != 1 || contentsOf(payload.fds[0]) != "ping") {
+            return 2;
+        }
+        if (::pwrite(payload.fds[0], "pong", 4, 0) != 4) {
+            return 3;
+        }
+        FileDescriptor answer = memoryFile("answer");
+        std::vector<uint8_t> reversed(payload.data.rbegin(), payload.data.rend());
+        return receiver.send(makeMessage(6, reversed, {answer.get()})) == 0 ? 0 : 4;
+    });
+    ASSERT_EQ(sender.send(makeMessage(5, {1, 2, 3, 4}, {shared.get()})), 0);
+    Message reply;
+    ASSERT_EQ(sender.recv(&reply), 0);
+    EXPECT_EQ(waitPeer(child), 0);
+    EXPECT_EQ(reply.id(), 6u);
+    const Message::Payload payload = reply.payload();
+    EXPECT_EQ(payload.data, (std::vector<uint8_t>{4, 3, 2, 1}));
+    ASSERT_EQ(payload.fds.size(), 1u);
+    EXPECT_EQ(contentsOf(payload.fds[0]), "answer");  // the child's file, now ours
+    EXPECT_EQ(contentsOf(shared.get()), "pong");      // our file, written by the child
+    ::close(payload.fds[0]);
+}
+
+TEST_F(UnixDomainSocketTest, ClosedPeer_ReadsEmptyRecordsAndReportsSuccess) {
+    sender.bind(FileDescriptor());
+    Message received;
+    EXPECT_EQ(receiver.recv(&received), 0);  // end of stream is not detected here
+    EXPECT_EQ(received.dataCount(), 0u);
+    uint8_t buffer[4] = {7, 7, 7, 7};
+    EXPECT_EQ(receiver.receiveDataAndFileDescriptors(nullptr, 0, buffer, sizeof(buffer)), 0);
+    EXPECT_EQ(buffer[0], 7);
+}
+
+TEST_F(UnixDomainSocketTest, ClosedPeer_MakesSendFailWithBrokenPipeInsteadOfASignal) {
+    receiver.bind(FileDescriptor());
+    EXPECT_EQ(sender.send(makeMessage(1, {1}, {})), -EPIPE);
+    EXPECT_EQ(capture.count("sendmsg failed (Broken pipe)"), 1u);
+    EXPECT_EQ(capture.count("send message header failed (Broken pipe)"), 1u);
+}
+
+TEST_F(UnixDomainSocketTest, WouldBlock_GivesMinus11WithoutALine) {
+    ASSERT_EQ(fcntl(rawReceiver, F_SETFL, O_NONBLOCK), 0);
+    ASSERT_EQ(fcntl(rawSender, F_SETFL, O_NONBLOCK), 0);
+    uint8_t byte = 0;
+    EXPECT_EQ(receiver.receiveDataAndFileDescriptors(nullptr, 0, &byte, 1), -EAGAIN);
+    const std::vector<uint8_t> block(4096, 1);
+    int result = 0;
+    for (int i = 0; i < 10000 && result == 0; ++i) {
+        result = sender.sendDataAndFileDescriptors(nullptr, 0, block.data(), block.size());
+    }
+    EXPECT_EQ(result, -EAGAIN);
+    EXPECT_EQ(capture.countContaining("failed"), 0u);
+}
+
+TEST_F(UnixDomainSocketTest, NullTargets_GiveMinus14WithTheirLines) {
+    EXPECT_EQ(receiver.recv(static_cast<Message*>(nullptr)), -EFAULT);
+    EXPECT_EQ(capture.count("invalid message"), 1u);
+    EXPECT_EQ(receiver.recv(static_cast<Message::Payload*>(nullptr)), -EFAULT);
+    EXPECT_EQ(capture.count("The data size is not aligned to sizeof(int)"), 1u);
+}
+
+TEST_F(UnixDomainSocketTest, GetPoller_WatchesTheSocket) {
+    Kestrel::ipc::Poller poller = receiver.getPoller(POLLIN);
+    EXPECT_EQ(poller.registeredPollEvents(),
+              (std::vector<Kestrel::ipc::Poller::PollEvent>{{rawReceiver, POLLIN}}));
+    ASSERT_EQ(sender.send(Message()), 0);
+    EXPECT_EQ(poller.poll(std::chrono::milliseconds(1000)),
+              (std::vector<Kestrel::ipc::Poller::PollEvent>{{rawReceiver, POLLIN}}));
+}
+
+TEST(UnboundSocketTest, EverySendAndReceiveGivesMinus2Silently) {
+    LogCapture capture;
+    UnixDomainSocket socket;
+    EXPECT_FALSE(socket.isBound());
+    Message message;
+    Message::Payload payload;
+    int fd = -1;
+    uint8_t byte = 0;
+    EXPECT_EQ(socket.send(Message::Payload()), -2);
+    EXPECT_EQ(socket.recv(&payload), -2);
+    EXPECT_EQ(socket.sendDataAndFileDescriptors(&fd, 1, &byte, 1), -2);
+    EXPECT_EQ(socket.receiveDataAndFileDescriptors(&fd, 1, &byte, 1), -2);
+    EXPECT_EQ(capture.lines().size(), 0u);
+    // The message paths add their own error line on top.
+    EXPECT_EQ(socket.send(message), -2);
+    EXPECT_EQ(socket.recv(&message), -2);
+    EXPECT_EQ(capture.countContaining("send message header failed"), 1u);
+    EXPECT_EQ(capture.countContaining("recv message header failed"), 1u);
+}
+
+}  // namespace
