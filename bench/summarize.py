@@ -8,7 +8,10 @@ benchmark's median and spread, to the summary JSON file.
 
 Medians are taken over the repetitions of each benchmark (the per-repetition
 entries of the JSON), so a run with --benchmark_repetitions=N quotes the
-median of N. Ratios are ours / reference of times: below 1 is faster.
+median of N. The paired benchmarks (round trips, queues) carry both sides as
+counters, ours_ns and reference_ns, each already the median of its single
+round trips or batches in that repetition. Ratios are ours / reference of
+times: below 1 is faster.
 
 usage: summarize.py RESULTS_JSON SUMMARY_JSON
 """
