@@ -83,8 +83,9 @@ void closeDescriptors(const cmsghdr* cmsg, size_t count) {
 
 // Hands the descriptors of a received record to `fds`, or refuses the record.
 // Only numbers inside an SCM_RIGHTS message are ever taken for descriptors;
-// every one that arrived ends up in `fds` or closed.
-int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
+// every one that arrived ends up in `fds` or closed. Debug lines name
+// `caller`, the receive they belong to.
+int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t fdCount) {
     const cmsghdr* rights = nullptr;
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
          cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
@@ -97,7 +98,7 @@ int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
     // zeroed buffer says nothing, so nothing arrived.
     const size_t cmsgLen = rights != nullptr ? rights->cmsg_len : 0;
     const size_t arrived = rights != nullptr ? descriptorsIn(header, rights) : 0;
-    IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", __func__, cmsgLen,
+    IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", caller, cmsgLen,
              static_cast<size_t>(CMSG_LEN(0)), arrived * sizeof(int));
 
     int result = 0;
@@ -121,7 +122,7 @@ int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
             result = -ENODATA;
         }
     }
-    IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", __func__, sizeof(int) * fdCount);
+    IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", caller, sizeof(int) * fdCount);
 
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
          cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
@@ -309,7 +310,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
         return 0;
     }
-    return takeDescriptors(header, fds, fdCount);
+    return takeDescriptors(__func__, header, fds, fdCount);
 }
 
 Poller UnixDomainSocket::getPoller(short events) const {
