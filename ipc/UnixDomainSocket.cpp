@@ -216,7 +216,9 @@ int UnixDomainSocket::recv(Message* message) {
     }
     Message::Payload payload;
     payload.data.resize(message->dataCount());
-    payload.fds.resize(message->fileDescriptorCount());
+    // -1 rather than 0 in every slot: a slot whose descriptor was lost keeps
+    // it, so that whoever closes the slots never closes descriptor 0.
+    payload.fds.assign(message->fileDescriptorCount(), -1);
     result = recv(&payload);
     if (result < 0) {
         IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));

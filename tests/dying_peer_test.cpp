@@ -303,8 +303,7 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
     FileDescriptor reportRead(report[0], 0);
     FileDescriptor reportWrite(report[1], 0);
 
-    // The receiver: a child, so that the lowered limit and the descriptor 0
-    // it loses stay there. It writes what it saw as one line of text.
+    // The receiver: a child, so that the lowered limit stays there. It writes what it saw as one line of text.
     const pid_t child = forkPeer([&] {
         pair.second = FileDescriptor();
         reportRead = FileDescriptor();
@@ -341,10 +340,10 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
         seen += " some:" + std::to_string(someResult) +
                 " data:" + std::string(payload.data.begin(), payload.data.end()) + " slots:";
         for (int fd : payload.fds) {
-            seen += fd == 0 ? "0," : (contentsOf(fd) + ",");
+            seen += fd < 0 ? std::to_string(fd) + "," : (contentsOf(fd) + ",");
         }
         // The default handler closes every slot: the descriptor that arrived,
-        // and descriptor 0 for each one lost.
+        // and nothing for the lost ones, which hold -1.
         MessageHandler().handleMessage(some);
         seen += velacam::test::isOpen(0) ? " stdin:open" : " stdin:closed";
         seen += " lines:" + std::to_string(capture.count(
@@ -377,8 +376,8 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
     char text[256] = {};
     ASSERT_GT(read(reportRead.get(), text, sizeof(text) - 1), 0);
     EXPECT_STREQ(text,
-                 "whole:0 slots:first,second,third, none:-61 some:0 data:abc slots:first,0,0, "
-                 "stdin:closed lines:1\n");
+                 "whole:0 slots:first,second,third, none:-61 some:0 data:abc slots:first,-1,-1, "
+                 "stdin:open lines:1\n");
 }
 
 }  // namespace

@@ -69,9 +69,9 @@ class IPC_EXPORT UnixDomainSocket {
     // payload. -14 for a null message.
     // When only some of the announced descriptors arrive (see
     // receiveDataAndFileDescriptors) the result is 0 and the payload's fds
-    // hold the k that arrived followed by 0 for each one lost: a handler
-    // closing them all (the default MessageHandler does) closes descriptor
-    // 0 of this process once per lost descriptor.
+    // hold the k that arrived followed by -1 for each one lost, so a handler
+    // closing them all (the default MessageHandler does) closes only what
+    // arrived; the header still announces every descriptor sent.
     // A peer that closes between the two records: the payload read sees end
     // of stream, which is -61 when descriptors were announced, and 0 with
     // the new payload's data bytes all zero when none were.
