@@ -7,10 +7,10 @@
 #include <ipc/MessageHandler.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -61,7 +61,8 @@ TEST(MessageHeader, FieldsSitAtTheirOffsetsAndNoSetterWritesTheReservedBytes) {
 
     message.setHeader(7, 8, 3, 1, 1);
     message.setHeader(5, 2);  // resets id, type and flags
-    EXPECT_EQ(message.id() + message.type() + message.flags(), 0u);
+    EXPECT_EQ(std::make_tuple(message.id(), message.type(), message.flags()),
+              std::make_tuple(0u, 0u, 0u));
     EXPECT_EQ(message.dataCount(), 5u);
     EXPECT_EQ(message.fileDescriptorCount(), 2u);
 
@@ -172,25 +173,6 @@ TEST(MessageResponse, ReturnsAtOnceOnASetReplyBitAndAfterAboutOneSecondOtherwise
     EXPECT_GE(elapsed, std::chrono::milliseconds(990));
     EXPECT_LT(elapsed, std::chrono::seconds(10));
     EXPECT_FALSE(message.isReply());
-
-    // A reply signalled by another thread once the wait has begun ends it
-    // early; the signal is repeated, since one sent before the wait is lost.
-    message.setHeader(78, 0, 0, 0, 0);
-    std::atomic<bool> returned{false};
-    std::thread replier([&] {
-        ASSERT_TRUE(capture.waitFor("message ID(78) isReply(0)"));
-        message.setHeader(78, 0, Message::kFlagReply, 0, 0);
-        while (!returned) {
-            message.signalResponse();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-    const auto signalled = std::chrono::steady_clock::now();
-    message.waitResponse();
-    EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::milliseconds(900));
-    returned = true;
-    replier.join();
-    EXPECT_TRUE(message.isReply());
 }
 
 TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount) {
@@ -211,7 +193,8 @@ TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount)
     EXPECT_TRUE(velacam::test::isOpen(bystander));
     EXPECT_EQ(message->fileDescriptorCount(), 0u);
     EXPECT_EQ(message->dataCount(), 2u);
-    EXPECT_EQ(message->id() + message->type() + message->flags(), 0u);
+    EXPECT_EQ(std::make_tuple(message->id(), message->type(), message->flags()),
+              std::make_tuple(0u, 0u, 0u));
     std::vector<std::string> closes;
     for (const auto& line : capture.lines()) {
         if (line.text.rfind("[operator()] close fd(", 0) == 0) {

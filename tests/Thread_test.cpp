@@ -23,7 +23,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 #include "support/LogCapture.h"
 #include "support/Waiting.h"
@@ -109,6 +108,7 @@ TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
     std::promise<Seen> dispatcherSeen;
     std::promise<Seen> holderSeen;
     std::promise<void> leave;
+    std::shared_future<void> left = leave.get_future().share();
     Thread dispatcher;
     Thread holder;
     auto body = [](Thread& self, std::promise<Seen>& seen, std::function<void(MessageLoop*)> then) {
@@ -122,9 +122,8 @@ TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
     dispatcher = Thread(
             body(dispatcher, dispatcherSeen, [](MessageLoop* loop) { loop->dispatchMessages(); }),
             true);
-    holder = Thread(body(holder, holderSeen,
-                         [&leave](MessageLoop*) { leave.get_future().wait_for(kLimit); }),
-                    true);
+    holder =
+            Thread(body(holder, holderSeen, [left](MessageLoop*) { left.wait_for(kLimit); }), true);
     dispatcher.start();
     holder.start();
     auto dispatcherFuture = dispatcherSeen.get_future();
@@ -164,32 +163,11 @@ TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
               (std::set<std::pair<uint32_t, int>>{{1, a.kernelTid}, {3, a.kernelTid}}));
 }
 
-// Appends "ran" when its run() ends and "destroyed" when it is destroyed.
-class OrderRecordingRunnable : public Runnable {
-  public:
-    OrderRecordingRunnable(std::shared_future<void> gate, std::mutex& lock,
-                           std::vector<std::string>& events)
-        : mGate(std::move(gate)), mLock(lock), mEvents(events) {}
-    ~OrderRecordingRunnable() override {
-        std::lock_guard<std::mutex> guard(mLock);
-        mEvents.push_back("destroyed");
-    }
-    void run() override {
-        mGate.wait_for(kLimit);
-        std::lock_guard<std::mutex> guard(mLock);
-        mEvents.push_back("ran");
-    }
-
-  private:
-    std::shared_future<void> mGate;
-    std::mutex& mLock;
-    std::vector<std::string>& mEvents;  // guarded by mLock
-};
-
-TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnable) {
-    std::mutex lock;
-    std::vector<std::string> events;  // guarded by lock
+TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> ranBeforeDestruction{false};
     std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
     // The gate opens a little after the destructor has begun, so that a
     // destructor that did not join would destroy the runnable first.
     std::thread opener([&gate] {
@@ -197,22 +175,28 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnable) {
         gate.set_value();
     });
     {
-        Thread thread(new OrderRecordingRunnable(gate.get_future().share(), lock, events), true);
+        Thread thread(new FunctionRunnable(
+                              [&, opened] {
+                                  opened.wait_for(kLimit);
+                                  ranBeforeDestruction = destroyed == 0;
+                              },
+                              &destroyed),
+                      true);
         thread.start();
     }
     opener.join();
-    EXPECT_EQ(events, (std::vector<std::string>{"ran", "destroyed"}));
+    EXPECT_TRUE(ranBeforeDestruction);
+    EXPECT_EQ(destroyed, 1);
 
-    std::atomic<int> notOwnedDestroyed{0};
     {
-        FunctionRunnable notOwned([] {}, &notOwnedDestroyed);
+        FunctionRunnable notOwned([] {}, &destroyed);
         {
             Thread thread(&notOwned, false);
             thread.start();
         }
-        EXPECT_EQ(notOwnedDestroyed, 0);
+        EXPECT_EQ(destroyed, 1);
     }
-    EXPECT_EQ(notOwnedDestroyed, 1);
+    EXPECT_EQ(destroyed, 2);
 }
 
 TEST_F(ThreadTest, MoveTakesTheRunnableButNotTheRunningThread) {
