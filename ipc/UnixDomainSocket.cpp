@@ -113,8 +113,14 @@ int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t f
         IPC_LOGE("The number of received fds is larger than expected");
         result = -EMSGSIZE;
     } else if (arrived < fdCount) {
+        // Fewer than announced: the peer sent fewer, or this process ran out of
+        // descriptor numbers and the kernel closed the rest (MSG_CTRUNC). Some
+        // arrived: they are handed over in the first slots and the record
+        // stands, as it always has. None arrived: nothing to hand over.
         IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived, fdCount);
-        result = -ENODATA;
+        if (arrived == 0) {
+            result = -ENODATA;
+        }
     }
     IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", caller, sizeof(int) * fdCount);
 
@@ -136,7 +142,7 @@ int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t f
         std::fill(fds, fds + fdCount, -1);
         return result;
     }
-    std::memcpy(fds, CMSG_DATA(rights), sizeof(int) * fdCount);
+    std::memcpy(fds, CMSG_DATA(rights), sizeof(int) * arrived);
     return 0;
 }
 
