@@ -29,8 +29,6 @@ void LogCapture::record(uint32_t moduleId, const char* tag, uint32_t level, cons
     mChanged.notify_all();
 }
 
-void LogCapture::flush(int /*reason*/) {}
-
 std::vector<LogLine> LogCapture::lines() const {
     std::lock_guard<std::mutex> lock(mLock);
     return mLines;

@@ -35,7 +35,6 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
 
     void record(uint32_t moduleId, const char* tag, uint32_t level, const char* text,
                 int length) override;
-    void flush(int reason) override;
 
     std::vector<LogLine> lines() const;
     // Number of lines whose text equals `text` exactly.
