@@ -9,7 +9,9 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +27,7 @@ namespace demo {
 namespace {
 
 using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventHandler;
 using Kestrel::ipc::EventType;
 using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
@@ -101,14 +104,29 @@ int AlgorithmSide::run() {
     }));
 
     DefaultReactor reactor;
+    // The camera process is gone (its end of the socket closed): nobody is
+    // left to serve. Stop polling the socket, end the loop, and wake the main
+    // thread with the stop signal it waits for (pending, since every thread
+    // blocks it, until sigwait takes it).
+    std::atomic<bool> cameraGone{false};
+    reactor.setHangUpListener(
+            [&reactor, &cameraGone](int fd, short, std::shared_ptr<EventHandler>) {
+                (void)reactor.removeEventHandlerByFd(fd);
+                reactor.requestExit();
+                cameraGone = true;
+                kill(getpid(), SIGTERM);
+            });
     Thread reactorThread(
-            new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }),
-            true);
+            new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }), true);
     reactorThread.start();
     (void)reactor.registerEventHandler(socket);
 
     int signal = 0;
     sigwait(&stopSignals, &signal);
+    if (cameraGone) {
+        std::printf("algorithm: the camera process has gone (hang-up on the socket); exiting\n");
+        std::fflush(stdout);
+    }
 
     reactor.requestExit();
     reactorThread.wait();

@@ -35,6 +35,7 @@ namespace {
 
 using Kestrel::ipc::CBRegistry;
 using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventHandler;
 using Kestrel::ipc::EventType;
 using Kestrel::ipc::Message;
 using Kestrel::ipc::SocketEventHandler;
@@ -58,50 +59,72 @@ long countOpenDescriptors() {
 }
 
 // Statuses of the replies that arrived, filled by CBRegistry callbacks on the
-// reactor thread and waited for by the sending thread.
+// reactor thread and waited for by the sending thread. The reactor's hang-up
+// listener marks the peer gone, which ends every wait at once.
 class ReplyBook {
   public:
+    enum class Outcome { kArrived, kPeerGone, kTimedOut };
+
     void complete(uint32_t id, uint8_t status) {
         {
             std::lock_guard<std::mutex> lock(mLock);
             mStatuses[id] = status;
         }
-        mArrived.notify_all();
+        mChanged.notify_all();
     }
 
-    std::optional<uint8_t> waitFor(uint32_t id) {
-        std::unique_lock<std::mutex> lock(mLock);
-        if (!mArrived.wait_for(lock, kReplyTimeout, [&] { return mStatuses.count(id) != 0; })) {
-            return std::nullopt;
+    void peerGone() {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mPeerGone = true;
         }
-        const uint8_t status = mStatuses[id];
-        mStatuses.erase(id);
-        return status;
+        mChanged.notify_all();
+    }
+
+    // Waits for the reply to `id`, the peer's hang-up, or the time-out; a reply
+    // that arrived before the hang-up still counts.
+    Outcome waitFor(uint32_t id, uint8_t* status) {
+        std::unique_lock<std::mutex> lock(mLock);
+        mChanged.wait_for(lock, kReplyTimeout,
+                          [&] { return mStatuses.count(id) != 0 || mPeerGone; });
+        const auto found = mStatuses.find(id);
+        if (found == mStatuses.end()) {
+            return mPeerGone ? Outcome::kPeerGone : Outcome::kTimedOut;
+        }
+        *status = found->second;
+        mStatuses.erase(found);
+        return Outcome::kArrived;
     }
 
   private:
     std::mutex mLock;
-    std::condition_variable mArrived;
+    std::condition_variable mChanged;
     std::map<uint32_t, uint8_t> mStatuses;  // guarded by mLock
+    bool mPeerGone = false;                 // guarded by mLock
 };
 
 // Waits up to five seconds for the child to end; kills it if it does not.
-bool reap(pid_t pid) {
+// Returns its wait status, or nullopt when it had to be killed or was not ours.
+std::optional<int> reap(pid_t pid) {
     const auto deadline = Clock::now() + std::chrono::seconds(5);
     int status = 0;
     while (Clock::now() < deadline) {
         const pid_t done = waitpid(pid, &status, WNOHANG);
         if (done == pid) {
-            return true;
+            return status;
         }
         if (done < 0) {
-            return false;
+            return std::nullopt;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
-    return false;
+    return std::nullopt;
+}
+
+double millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
 }  // namespace
@@ -113,7 +136,8 @@ int CameraSide::run() {
         Kestrel::ipc::SocketPair pair =
                 UnixDomainSocket::createPairedSocket(kSocketBufferBytes, kSocketBufferBytes, false);
         if (pair.first.get() < 0) {
-            std::fprintf(stderr, "cannot make the socket pair: %s\n", std::strerror(-pair.first.get()));
+            std::fprintf(stderr, "cannot make the socket pair: %s\n",
+                         std::strerror(-pair.first.get()));
             return 1;
         }
 
@@ -132,6 +156,13 @@ int CameraSide::run() {
         }
         pair.second = Kestrel::utils::sys::FileDescriptor();
 
+        if (mOptions.algorithmPidFd >= 0) {
+            const int32_t pid = child.pid();
+            if (write(mOptions.algorithmPidFd, &pid, sizeof(pid)) != sizeof(pid)) {
+                std::fprintf(stderr, "cannot report the algorithm's pid\n");
+            }
+        }
+
         CBRegistry registry(1);
         ReplyBook replies;
         auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
@@ -142,6 +173,16 @@ int CameraSide::run() {
             }
         }));
         DefaultReactor reactor;
+        // The algorithm process is gone (its end of the socket closed): stop
+        // polling the socket, end the loop, and wake the sender. Without this
+        // the loop would report the hang-up on every cycle and the sender would
+        // wait out the reply time-out.
+        reactor.setHangUpListener(
+                [&reactor, &replies](int fd, short, std::shared_ptr<EventHandler>) {
+                    (void)reactor.removeEventHandlerByFd(fd);
+                    reactor.requestExit();
+                    replies.peerGone();
+                });
         Thread reactorThread(
                 new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }),
                 true);
@@ -151,6 +192,23 @@ int CameraSide::run() {
         const auto start = Clock::now();
         const size_t progressStep = mOptions.requests >= 10000 ? mOptions.requests / 10 : 0;
         for (uint32_t id = 1; id <= mOptions.requests; ++id) {
+            if (mOptions.cameraDiesAfter && id > *mOptions.cameraDiesAfter) {
+                std::printf(
+                        "camera: ending abruptly after %zu requests, leaving the algorithm "
+                        "process (pid %d) running\n",
+                        *mOptions.cameraDiesAfter, child.pid());
+                std::fflush(stdout);
+                _exit(kCameraDiedOnPurpose);
+            }
+            if (mOptions.killAlgorithmAfter && id == *mOptions.killAlgorithmAfter + 1) {
+                std::printf(
+                        "camera: killing the algorithm process (pid %d) with SIGKILL after "
+                        "%zu requests\n",
+                        child.pid(), *mOptions.killAlgorithmAfter);
+                std::fflush(stdout);
+                kill(child.pid(), SIGKILL);
+                report.algorithmKilled = true;
+            }
             std::vector<SharedBuffer> buffers;
             Message::Payload payload;
             const auto bytes = static_cast<uint32_t>(mOptions.bufferBytes);
@@ -170,24 +228,27 @@ int CameraSide::run() {
             request.setHeader(id, kProcessBuffers, 0, 0, 0);
             request.setPayload(payload);
 
-            registry.registerCB(request, [&replies, id](uint8_t status) {
-                replies.complete(id, status);
-            });
+            registry.registerCB(request,
+                                [&replies, id](uint8_t status) { replies.complete(id, status); });
             const auto sent = Clock::now();
             ++report.requests;
             report.buffersExpected += buffers.size();
             if (socket->sendMessage(request) != 0) {
-                ++report.repliesLost;
+                report.lostRequests.push_back(id);  // the peer is gone already
                 break;
             }
             report.descriptorsPassed += payload.fds.size();
-            const std::optional<uint8_t> status = replies.waitFor(id);
-            if (!status) {
-                ++report.repliesLost;
+            uint8_t status = kStatusFailed;
+            const ReplyBook::Outcome outcome = replies.waitFor(id, &status);
+            if (outcome != ReplyBook::Outcome::kArrived) {
+                report.lostRequests.push_back(id);
+                if (outcome == ReplyBook::Outcome::kPeerGone) {
+                    report.hangUpNoticedAfterMs = millisecondsSince(sent);
+                }
                 break;
             }
             report.addRoundTrip(Clock::now() - sent);
-            report.failedStatuses += *status == kStatusOk ? 0 : 1;
+            report.failedStatuses += status == kStatusOk ? 0 : 1;
             for (const SharedBuffer& buffer : buffers) {
                 report.buffersVerified += buffer.holdsReversedPattern() ? 1 : 0;
             }
@@ -197,12 +258,16 @@ int CameraSide::run() {
             }
         }
         report.setElapsed(Clock::now() - start);
+        report.neverSent = mOptions.requests - report.requests;
 
         // Stop listening before the algorithm process goes, so that its hang-up
         // is not reported by a loop that no longer needs the socket.
         reactor.requestExit();
         reactorThread.wait();
-        report.childReaped = child.terminate() && reap(child.pid());
+        if (!report.algorithmKilled) {
+            (void)child.terminate();  // a dead child is reaped all the same
+        }
+        report.algorithmStatus = reap(child.pid());
         self.removeFromObservation(child.pid());
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;

@@ -1,7 +1,12 @@
 #include "RunReport.h"
 
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <string>
 
 namespace demo {
 
@@ -19,8 +24,9 @@ double percentileMicros(std::vector<std::chrono::nanoseconds> values, double fra
 }  // namespace
 
 bool RunReport::success() const {
-    return repliesLost == 0 && failedStatuses == 0 && buffersVerified == buffersExpected &&
-           leakedDescriptors == 0 && childReaped;
+    return lostRequests.empty() && neverSent == 0 && failedStatuses == 0 &&
+           buffersVerified == buffersExpected && leakedDescriptors == 0 && !algorithmKilled &&
+           algorithmStatus && WIFEXITED(*algorithmStatus) && WEXITSTATUS(*algorithmStatus) == 0;
 }
 
 void RunReport::print() const {
@@ -33,13 +39,55 @@ void RunReport::print() const {
     std::printf("  %-24s %.1f us\n", "round trip, 99th pct", percentileMicros(mLatencies, 0.99));
     std::printf("  %-24s %.0f requests/s\n", "throughput", perSecond);
     std::printf("  %-24s %zu / %zu\n", "buffers transformed", buffersVerified, buffersExpected);
-    std::printf("  %-24s %zu\n", "replies lost", repliesLost);
+    std::printf("  %-24s %zu%s\n", "replies lost", lostRequests.size(),
+                lostRequests.empty() ? "" : (" (requests " + idList() + ")").c_str());
+    if (neverSent != 0) {
+        std::printf("  %-24s %zu\n", "requests never sent", neverSent);
+    }
+    if (hangUpNoticedAfterMs >= 0) {
+        std::printf("  %-24s %.1f ms after the last request\n", "peer hang-up noticed",
+                    hangUpNoticedAfterMs);
+    }
     std::printf("  %-24s %zu\n", "failed statuses", failedStatuses);
     std::printf("  %-24s %ld\n", "leaked descriptors", leakedDescriptors);
-    std::printf("  %-24s %s\n", "algorithm process", childReaped ? "terminated and reaped" : "NOT reaped");
-    std::printf("\nverdict: %s\n", success() ? "every buffer came back transformed"
-                                             : "FAILED (see the table above)");
+    std::printf("  %-24s %s\n", "algorithm process", algorithmFate().c_str());
+    if (success()) {
+        std::printf("\nverdict: every buffer came back transformed\n");
+    } else if (algorithmDied()) {
+        std::printf("\nverdict: FAILED: the algorithm process died; lost requests: %s\n",
+                    lostRequests.empty() ? "none" : idList().c_str());
+    } else {
+        std::printf("\nverdict: FAILED (see the table above)\n");
+    }
     std::fflush(stdout);
+}
+
+bool RunReport::algorithmDied() const {
+    return algorithmKilled || (algorithmStatus && WIFSIGNALED(*algorithmStatus) &&
+                               WTERMSIG(*algorithmStatus) != SIGTERM);
+}
+
+std::string RunReport::algorithmFate() const {
+    if (!algorithmStatus) {
+        return "NOT reaped";
+    }
+    const int status = *algorithmStatus;
+    if (WIFSIGNALED(status)) {
+        return std::string(algorithmKilled ? "killed on purpose" : "died") + " (" +
+               strsignal(WTERMSIG(status)) + "), reaped";
+    }
+    if (WEXITSTATUS(status) == 0) {
+        return "terminated and reaped";
+    }
+    return "exited with status " + std::to_string(WEXITSTATUS(status)) + ", reaped";
+}
+
+std::string RunReport::idList() const {
+    std::string text;
+    for (const uint32_t id : lostRequests) {
+        text += (text.empty() ? "" : ", ") + std::to_string(id);
+    }
+    return text;
 }
 
 }  // namespace demo

@@ -17,7 +17,8 @@ uint32_t patternWord(uint32_t seed, size_t index) {
 class Mapping {
   public:
     Mapping(int fd, size_t bytes)
-        : mBytes(bytes), mAddress(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) {}
+        : mBytes(bytes),
+          mAddress(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) {}
     ~Mapping() {
         if (valid()) {
             munmap(mAddress, mBytes);

@@ -34,6 +34,18 @@ std::string describeDescriptors(const HandlerList& handlers) {
     return text + "}";
 }
 
+// The handler of descriptor `fd` in the sorted list, or null.
+const std::shared_ptr<EventHandler>* findHandler(const HandlerList& ascendingHandlers, int fd) {
+    const auto found = std::lower_bound(ascendingHandlers.begin(), ascendingHandlers.end(), fd,
+                                        [](const std::shared_ptr<EventHandler>& handler, int key) {
+                                            return handler->fd() < key;
+                                        });
+    if (found == ascendingHandlers.end() || (*found)->fd() != fd) {
+        return nullptr;
+    }
+    return &*found;
+}
+
 // The failure flags of `revents`, in a fixed order.
 std::string describeFailure(short revents) {
     std::string text;
@@ -107,6 +119,7 @@ bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
         return false;
     }
     mEventHandlers.erase(entry);
+    // Named after the public operation, which is what both callers perform.
     IPC_LOGD("[%s] handler(key: %d) removed", "removeEventHandlerByFd", fd);
     return true;
 }
@@ -217,14 +230,11 @@ void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& e
         }
         if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
             IPC_LOGE("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
+            notifyHangUp(fd, revents, ascendingActiveHandlers);
             continue;
         }
-        const auto found =
-                std::lower_bound(ascendingActiveHandlers.begin(), ascendingActiveHandlers.end(), fd,
-                                 [](const std::shared_ptr<EventHandler>& handler, int key) {
-                                     return handler->fd() < key;
-                                 });
-        if (found == ascendingActiveHandlers.end() || (*found)->fd() != fd) {
+        const std::shared_ptr<EventHandler>* found = findHandler(ascendingActiveHandlers, fd);
+        if (found == nullptr) {
             IPC_FATAL("cannot find event handler (fd:%d)", fd);
         }
         EventHandler& handler = **found;
@@ -236,6 +246,36 @@ void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& e
             IPC_LOGE("event handler (fd:%d) cannot handle poll events (%hd)", fd, revents);
         }
     }
+}
+
+void DefaultReactor::setHangUpListener(HangUpListener listener) {
+    std::shared_ptr<const HangUpListener> installed;
+    if (listener) {
+        installed = std::make_shared<const HangUpListener>(std::move(listener));
+    }
+    std::lock_guard<std::mutex> lock(mListenerLock);
+    mHangUpListener.swap(installed);
+    // `installed` now holds the one replaced: it is destroyed after the lock
+    // is released, or later by a dispatch still calling it.
+}
+
+void DefaultReactor::notifyHangUp(int fd, short revents,
+                                  const HandlerList& ascendingActiveHandlers) {
+    std::shared_ptr<const HangUpListener> listener;
+    {
+        std::lock_guard<std::mutex> lock(mListenerLock);
+        listener = mHangUpListener;
+    }
+    if (!listener) {
+        return;
+    }
+    // Every polled descriptor but the exit eventfd comes from the active list.
+    const std::shared_ptr<EventHandler>* handler = findHandler(ascendingActiveHandlers, fd);
+    if (handler == nullptr) {
+        return;
+    }
+    IPC_LOGD("[%s] hang-up notice for event handler(fd:%d)", __func__, fd);
+    (*listener)(fd, revents, *handler);
 }
 
 void DefaultReactor::requestExit() {

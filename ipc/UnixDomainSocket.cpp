@@ -83,8 +83,9 @@ void closeDescriptors(const cmsghdr* cmsg, size_t count) {
 
 // Hands the descriptors of a received record to `fds`, or refuses the record.
 // Only numbers inside an SCM_RIGHTS message are ever taken for descriptors;
-// every one that arrived ends up in `fds` or closed.
-int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
+// every one that arrived ends up in `fds` or closed. Debug lines name
+// `caller`, the receive they belong to.
+int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t fdCount) {
     const cmsghdr* rights = nullptr;
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
          cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
@@ -97,7 +98,7 @@ int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
     // zeroed buffer says nothing, so nothing arrived.
     const size_t cmsgLen = rights != nullptr ? rights->cmsg_len : 0;
     const size_t arrived = rights != nullptr ? descriptorsIn(header, rights) : 0;
-    IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", __func__, cmsgLen,
+    IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", caller, cmsgLen,
              static_cast<size_t>(CMSG_LEN(0)), arrived * sizeof(int));
 
     int result = 0;
@@ -112,10 +113,16 @@ int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
         IPC_LOGE("The number of received fds is larger than expected");
         result = -EMSGSIZE;
     } else if (arrived < fdCount) {
+        // Fewer than announced: the peer sent fewer, or this process ran out of
+        // descriptor numbers and the kernel closed the rest (MSG_CTRUNC). Some
+        // arrived: they are handed over in the first slots and the record
+        // stands, as it always has. None arrived: nothing to hand over.
         IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived, fdCount);
-        result = -ENODATA;
+        if (arrived == 0) {
+            result = -ENODATA;
+        }
     }
-    IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", __func__, sizeof(int) * fdCount);
+    IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", caller, sizeof(int) * fdCount);
 
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
          cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
@@ -135,7 +142,7 @@ int takeDescriptors(const msghdr& header, int* fds, size_t fdCount) {
         std::fill(fds, fds + fdCount, -1);
         return result;
     }
-    std::memcpy(fds, CMSG_DATA(rights), sizeof(int) * fdCount);
+    std::memcpy(fds, CMSG_DATA(rights), sizeof(int) * arrived);
     return 0;
 }
 
@@ -209,7 +216,9 @@ int UnixDomainSocket::recv(Message* message) {
     }
     Message::Payload payload;
     payload.data.resize(message->dataCount());
-    payload.fds.resize(message->fileDescriptorCount());
+    // -1 rather than 0 in every slot: a slot whose descriptor was lost keeps
+    // it, so that whoever closes the slots never closes descriptor 0.
+    payload.fds.assign(message->fileDescriptorCount(), -1);
     result = recv(&payload);
     if (result < 0) {
         IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
@@ -303,7 +312,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
         return 0;
     }
-    return takeDescriptors(header, fds, fdCount);
+    return takeDescriptors(__func__, header, fds, fdCount);
 }
 
 Poller UnixDomainSocket::getPoller(short events) const {

@@ -1,119 +1,82 @@
 // The command-line navigator: its prompt line on standard output and its wait
-// for one character on standard input. It runs in a forked child whose
-// standard input and output are pipes held by the test.
+// for one character on standard input, in a forked child whose standard input
+// and output are pipes held by the test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/utils/CommandLineUtils.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <iostream>
 #include <string>
 
 #include "support/Descriptors.h"
+#include "support/RawPeer.h"
 #include "support/Waiting.h"
 
 namespace {
 
-using velacam::test::Watchdog;
+using velacam::test::FileDescriptor;
 using namespace std::chrono_literals;
 
-class NavigatorTest : public ::testing::Test {
-  protected:
-    // Starts a child that calls navigator(message) with its standard input
-    // and output on pipes, then exits with the next character it reads (or
-    // 200 at end of input), which shows how much the navigator consumed.
-    void startChild(const std::string& message) {
-        int input[2];
-        int output[2];
-        ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
-        ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
-        std::cout.flush();
-        std::fflush(nullptr);
-        mPid = fork();
-        ASSERT_NE(mPid, -1);
-        if (mPid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive a failed test
-            dup2(input[0], STDIN_FILENO);
-            dup2(output[1], STDOUT_FILENO);
-            for (int fd : {input[0], input[1], output[0], output[1]}) {
-                close(fd);
-            }
-            Kestrel::CommandLineUtils::navigator(message);
-            const int next = std::getchar();
-            _exit(next == EOF ? 200 : next);
-        }
-        close(input[0]);
-        close(output[1]);
-        mInput = input[1];
-        mOutput = output[0];
-    }
-
-    // Reads the child's standard output up to and including the first newline.
-    std::string readLine() {
-        Watchdog watchdog("the prompt line", 20s);
-        std::string line;
-        char c;
-        while (read(mOutput, &c, 1) == 1) {
-            line += c;
-            if (c == '\n') {
-                break;
-            }
-        }
-        return line;
-    }
-
-    int reap() {
-        Watchdog watchdog("waitpid", 20s);
-        int status = 0;
-        while (waitpid(mPid, &status, 0) == -1 && errno == EINTR) {
-        }
-        return status;
-    }
-
-    void TearDown() override {
-        if (mInput >= 0) {
-            close(mInput);
-        }
-        if (mOutput >= 0) {
-            close(mOutput);
-        }
-        mLeaks.check();
-    }
-
-    velacam::test::DescriptorLeakCheck mLeaks;
-    pid_t mPid = -1;
-    int mInput = -1;
-    int mOutput = -1;
+struct Child {
+    pid_t pid;
+    FileDescriptor input;  // the child's standard input
+    std::string prompt;    // the first line of its standard output
 };
 
-TEST_F(NavigatorTest, PrintsThePromptThenConsumesExactlyOneCharacter) {
-    startChild("continue");
-    EXPECT_EQ(readLine(),
-              "[----------] PID(" + std::to_string(mPid) + ") Press ENTER to continue...\n");
-    // The prompt is out and the child waits for input.
-    int status = 0;
-    EXPECT_EQ(waitpid(mPid, &status, WNOHANG), 0);
-
-    ASSERT_EQ(write(mInput, "\nx", 2), 2);
-    status = reap();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 'x');
+// Starts a child that calls navigator(message) and then exits with the next
+// character it reads (200 at end of input), which shows how much the
+// navigator consumed.
+Child startChild(const std::string& message) {
+    int input[2];
+    int output[2];
+    EXPECT_EQ(pipe2(input, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
+    std::cout.flush();
+    std::fflush(nullptr);
+    const pid_t pid = velacam::test::forkPeer([&] {
+        dup2(input[0], STDIN_FILENO);
+        dup2(output[1], STDOUT_FILENO);
+        for (int fd : {input[0], input[1], output[0], output[1]}) {
+            close(fd);
+        }
+        Kestrel::CommandLineUtils::navigator(message);
+        const int next = std::getchar();
+        return next == EOF ? 200 : next;
+    });
+    close(input[0]);
+    close(output[1]);
+    const FileDescriptor out(output[0], 0);
+    std::string prompt;
+    velacam::test::Watchdog watchdog("the prompt line", 20s);
+    char c;
+    while (prompt.empty() || prompt.back() != '\n') {
+        if (read(out.get(), &c, 1) != 1) {
+            break;
+        }
+        prompt += c;
+    }
+    return {pid, FileDescriptor(input[1], 0), prompt};
 }
 
-TEST_F(NavigatorTest, ReturnsAtEndOfInput) {
-    startChild("attach a debugger");
-    EXPECT_EQ(readLine(), "[----------] PID(" + std::to_string(mPid) +
-                                  ") Press ENTER to attach a debugger...\n");
-    close(mInput);
-    mInput = -1;
-    const int status = reap();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 200);
+TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput) {
+    velacam::test::DescriptorLeakCheck leaks;
+    Child child = startChild("continue");
+    EXPECT_EQ(child.prompt,
+              "[----------] PID(" + std::to_string(child.pid) + ") Press ENTER to continue...\n");
+    int status = 0;
+    EXPECT_EQ(waitpid(child.pid, &status, WNOHANG), 0);  // the prompt is out; it waits for input
+    ASSERT_EQ(write(child.input.get(), "\nx", 2), 2);
+    EXPECT_EQ(velacam::test::waitPeer(child.pid), 'x');
+
+    child = startChild("attach a debugger");
+    EXPECT_EQ(child.prompt, "[----------] PID(" + std::to_string(child.pid) +
+                                    ") Press ENTER to attach a debugger...\n");
+    child.input = FileDescriptor();  // end of input
+    EXPECT_EQ(velacam::test::waitPeer(child.pid), 200);
+    leaks.check();
 }
 
 }  // namespace

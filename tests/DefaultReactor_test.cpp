@@ -392,8 +392,11 @@ TEST(DefaultReactorDeathTest, ExitEventThatCannotBeReadAborts) {
                  "handle exit event failed \\(Resource temporarily unavailable\\)");
 }
 
-// Leaves this process no descriptor to spare, then makes a reactor.
+// Leaves this process no descriptor to spare, then makes a reactor. One
+// reactor is made first, while descriptors can still be opened, because the
+// undefined-behaviour checker needs one to check a type it has not seen.
 void constructWithoutDescriptorsToSpare() {
+    { DefaultReactor first; }
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
     DefaultReactor reactor;

@@ -25,10 +25,9 @@ class CountingRunnable : public Runnable {
     std::thread::id thread;
 };
 
-TEST(DequeHandlerTest, WithoutRunnable_LogsAndDoesNothingElse) {
+TEST(DequeHandlerTest, WithoutRunnable_LogsAnErrorAndDoesNothingElse) {
     LogCapture capture;
-    DequeHandler handler(3);
-    handler.handleDeque();
+    DequeHandler(3).handleDeque();
     ASSERT_EQ(capture.lines().size(), 1u);
     const auto line = capture.lines()[0];
     EXPECT_EQ(line.text, "The runnable is invalid, do nothing");
@@ -37,38 +36,28 @@ TEST(DequeHandlerTest, WithoutRunnable_LogsAndDoesNothingElse) {
     EXPECT_EQ(line.moduleId, 0x101006u);  // a synchronisation building block
 }
 
-TEST(DequeHandlerTest, RunsTheRunnableOncePerCallOnTheCallingThread) {
+TEST(DequeHandlerTest, RunsTheRunnableItTookOverOnTheCallingThreadAndSharesItsLifetime) {
     LogCapture capture;
-    DequeHandler handler(7);
-    EXPECT_EQ(handler.id(), 7);
     auto runnable = std::make_shared<CountingRunnable>();
-    CountingRunnable* raw = runnable.get();
-    std::weak_ptr<CountingRunnable> watch = runnable;
-    handler.setRunnable(std::move(runnable));
-    EXPECT_EQ(runnable, nullptr);  // taken over
-    handler.handleDeque();
-    handler.handleDeque();
-    EXPECT_EQ(raw->runs, 2);
-    EXPECT_EQ(raw->thread, std::this_thread::get_id());
-    EXPECT_FALSE(watch.expired());  // the handler keeps it alive
-    EXPECT_EQ(capture.lines().size(), 0u);
-
-    std::shared_ptr<Runnable> next = std::make_shared<CountingRunnable>();
-    handler.setRunnable(std::move(next));
-    EXPECT_TRUE(watch.expired());  // the previous one had no other owner
-}
-
-TEST(DequeHandlerTest, SharedRunnableOutlivesTheHandler) {
-    auto runnable = std::make_shared<CountingRunnable>();
+    auto moved = runnable;
     {
-        DequeHandler handler(1);
-        std::shared_ptr<CountingRunnable> copy = runnable;
-        handler.setRunnable(std::move(copy));
+        DequeHandler handler(7);
+        handler.setRunnable(std::move(moved));
+        EXPECT_EQ(moved, nullptr);  // NOLINT(bugprone-use-after-move): taken over
         EXPECT_EQ(runnable.use_count(), 2);
         handler.handleDeque();
+        handler.handleDeque();
+        EXPECT_EQ(runnable->runs, 2);
+        EXPECT_EQ(runnable->thread, std::this_thread::get_id());
+
+        handler.setRunnable(std::make_shared<CountingRunnable>());
+        EXPECT_EQ(runnable.use_count(), 1);  // the handler let the previous one go
+        moved = runnable;
+        handler.setRunnable(std::move(moved));
+        EXPECT_EQ(runnable.use_count(), 2);
     }
-    EXPECT_EQ(runnable.use_count(), 1);
-    EXPECT_EQ(runnable->runs, 1);
+    EXPECT_EQ(runnable.use_count(), 1);  // and drops it with itself
+    EXPECT_EQ(capture.lines().size(), 0u);
 }
 
 }  // namespace

@@ -8,10 +8,8 @@
 #include <ipc/utils/Log.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -24,9 +22,6 @@ using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
 using Kestrel::ipc::MessageLoop;
 using Kestrel::ipc::MessageQueue;
-using Kestrel::ipc::utils::LogSetting;
-using velacam::test::LogCapture;
-using velacam::test::waitUntil;
 using velacam::test::Watchdog;
 using namespace std::chrono_literals;
 
@@ -41,109 +36,100 @@ class CountedMessage : public Message {
     std::atomic<int>& mDestroyed;
 };
 
-// Records the ids it is handed, on the dispatching thread. `gate`, when set,
-// holds the first call until it is opened.
+std::unique_ptr<Message> makeMessage(uint32_t id, std::shared_ptr<MessageHandler> handler,
+                                     std::atomic<int>* destroyed = nullptr) {
+    auto message = destroyed != nullptr
+                           ? std::make_unique<CountedMessage>(std::move(handler), *destroyed)
+                           : std::make_unique<Message>(std::move(handler));
+    message->setHeader(id, 0, 0, 0, 0);
+    return message;
+}
+
+// Records the ids it is handed; asks its loop to exit when handed `exitAt`.
 class RecordingHandler : public MessageHandler {
   public:
+    RecordingHandler(MessageLoop& loop, uint32_t exitAt) : mLoop(loop), mExitAt(exitAt) {}
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> message) override {
-        {
-            std::unique_lock<std::mutex> lock(mLock);
-            mIds.push_back(message->id());
-            mChanged.notify_all();
-            mChanged.wait(lock, [this] { return !mHoldFirst || mIds.size() > 1 || mOpen; });
+        ids.push_back(message->id());
+        if (message->id() == mExitAt) {
+            mLoop.requestExit();
         }
     }
-
-    void holdFirstCall() { mHoldFirst = true; }
-    void open() {
-        std::lock_guard<std::mutex> lock(mLock);
-        mOpen = true;
-        mChanged.notify_all();
-    }
-    bool waitForCalls(size_t n) {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mChanged.wait_for(lock, 10s, [&] { return mIds.size() >= n; });
-    }
-    std::vector<uint32_t> ids() {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mIds;
-    }
+    std::vector<uint32_t> ids;
 
   private:
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::vector<uint32_t> mIds;  // guarded by mLock
-    bool mHoldFirst = false;     // set before the loop starts
-    bool mOpen = false;          // guarded by mLock
+    MessageLoop& mLoop;
+    const uint32_t mExitAt;
 };
-
-std::unique_ptr<Message> makeMessage(uint32_t id, std::shared_ptr<MessageHandler> handler) {
-    auto message = std::make_unique<Message>(std::move(handler));
-    message->setHeader(id, 0, 0, 0, 0);
-    return message;
-}
-
-std::unique_ptr<Message> makeCounted(uint32_t id, std::shared_ptr<MessageHandler> handler,
-                                     std::atomic<int>& destroyed) {
-    auto message = std::make_unique<CountedMessage>(std::move(handler), destroyed);
-    message->setHeader(id, 0, 0, 0, 0);
-    return message;
-}
 
 class MessageQueueTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (LogSetting::logLevel() < 1) {
+        if (Kestrel::ipc::utils::LogSetting::logLevel() < 1) {
             GTEST_SKIP() << "needs the debug property";
         }
     }
-    // Waits until the consumer has logged that it blocks on the semaphore
-    // for the `n`th time.
+    // Waits until the consumer has logged that it blocks for the `n`th time.
     bool waitForConsumerBlocked(size_t n = 1) {
         return capture.waitFor("[nextMessage] Block to wait for signal", n);
     }
 
-    LogCapture capture;
+    velacam::test::LogCapture capture;
     Watchdog watchdog{"MessageQueue test", 30s};
+    std::atomic<int> destroyed{0};
 };
 
-TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrder) {
-    auto handler = std::make_shared<RecordingHandler>();
-    MessageLoop loop;
-    std::thread consumer([&] { loop.dispatchMessages(); });
-    for (uint32_t id : {11u, 12u, 13u}) {
-        loop.messageQueue().enqueueMessage(makeMessage(id, handler), 0ms);
+TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrderUntilExitAndDestroysWhatIsLeft) {
+    {
+        MessageLoop loop;
+        auto handler = std::make_shared<RecordingHandler>(loop, 12);
+        auto orphan = makeMessage(1, nullptr, &destroyed);
+        orphan->setMessageHandler(nullptr);
+        loop.messageQueue().enqueueMessage(std::move(orphan), 0ms);
+        for (uint32_t id : {11u, 12u, 13u}) {
+            loop.messageQueue().enqueueMessage(makeMessage(id, handler, &destroyed), 0ms);
+        }
+        loop.dispatchMessages();  // returns once message 12 has asked for the exit
+        EXPECT_EQ(handler->ids, (std::vector<uint32_t>{11, 12}));
+        EXPECT_EQ(destroyed.load(), 3);  // the one without a handler is counted and destroyed
+        EXPECT_EQ(capture.count("[dispatchMessages] (1 message dispatched) -"), 1u);
+        EXPECT_EQ(capture.count("[dispatchMessages] (3 message dispatched) -"), 1u);
+        EXPECT_EQ(capture.count("message queue leaves us, exit now..."), 1u);
+
+        loop.messageQueue().enqueueMessage(makeMessage(14, handler, &destroyed), 0ms);
+        EXPECT_EQ(destroyed.load(), 4);  // dropped at once
+        EXPECT_EQ(capture.count("message queue is exiting, skip enqueueMessage()"), 1u);
     }
-    ASSERT_TRUE(handler->waitForCalls(3));
-    loop.requestExit();
-    consumer.join();
-    EXPECT_EQ(handler->ids(), (std::vector<uint32_t>{11, 12, 13}));
-    EXPECT_EQ(capture.count("[dispatchMessages] (3 message dispatched) -"), 1u);
+    EXPECT_EQ(destroyed.load(), 5);  // message 13 went with the loop, undispatched
 }
 
-TEST_F(MessageQueueTest, EnqueueLogsTheQueuedCount) {
-    MessageQueue queue;
-    queue.enqueueMessage(std::make_unique<Message>(), 0ms);
-    queue.enqueueMessage(std::make_unique<Message>(), 0ms);
-    EXPECT_EQ(capture.count("[enqueueMessage] Release Semaphore of MessageQueue"), 2u);
-    EXPECT_EQ(capture.count("[enqueueMessage] an available message arrived: 1 in total"), 1u);
-    EXPECT_EQ(capture.count("[enqueueMessage] an available message arrived: 2 in total"), 1u);
-    EXPECT_TRUE(queue.nextMessage(0ms).message);
-    EXPECT_EQ(capture.count("[nextMessage] retrieve one message: 1 remained"), 1u);
-}
-
-TEST_F(MessageQueueTest, NextMessageBlocksPastItsTimeoutUntilAnEnqueue) {
+TEST_F(MessageQueueTest, NextMessageBlocksPastItsTimeoutUntilAnEnqueueOrAnExit) {
     MessageQueue queue;
     auto next = std::async(std::launch::async, [&] { return queue.nextMessage(100ms); });
     ASSERT_TRUE(waitForConsumerBlocked());
     EXPECT_EQ(next.wait_for(300ms), std::future_status::timeout);
     queue.enqueueMessage(makeMessage(4, nullptr), 0ms);
     ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
-    const MessageQueue::NextMessage result = next.get();
+    MessageQueue::NextMessage result = next.get();
     EXPECT_FALSE(result.timedOut);
     ASSERT_TRUE(result.message);
     EXPECT_EQ(result.message->id(), 4u);
+    EXPECT_EQ(capture.count("[nextMessage] retrieve one message: 0 remained"), 1u);
+
+    // With a timeout of 1 ms or more, an exit seen after waking says "skip".
+    next = std::async(std::launch::async, [&] { return queue.nextMessage(1ms); });
+    ASSERT_TRUE(waitForConsumerBlocked(2));
+    queue.requestExit();
+    ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
+    EXPECT_FALSE(next.get().message);
+    EXPECT_EQ(capture.count("message queue is exiting, skip nextMessage()"), 1u);
+    EXPECT_EQ(capture.count("message queue is exiting, cannot get the next message now"), 0u);
+    // Once exiting, a later call returns at once.
+    result = queue.nextMessage(0ms);
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_FALSE(result.message);
+    EXPECT_EQ(capture.count("message queue is exiting, skip nextMessage()"), 2u);
 }
 
 TEST_F(MessageQueueTest, RequestExitEndsABlockedLoopWithItsLines) {
@@ -162,85 +148,18 @@ TEST_F(MessageQueueTest, RequestExitEndsABlockedLoopWithItsLines) {
     }
 }
 
-TEST_F(MessageQueueTest, ExitSeenAfterWakingWithATimeoutSkipsNextMessage) {
-    MessageQueue queue;
-    auto next = std::async(std::launch::async, [&] { return queue.nextMessage(1ms); });
-    ASSERT_TRUE(waitForConsumerBlocked());
-    queue.requestExit();
-    ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
-    EXPECT_FALSE(next.get().message);
-    EXPECT_EQ(capture.count("message queue is exiting, skip nextMessage()"), 1u);
-    EXPECT_EQ(capture.count("message queue is exiting, cannot get the next message now"), 0u);
-
-    // Once exiting, a later call returns at once.
-    const MessageQueue::NextMessage again = queue.nextMessage(0ms);
-    EXPECT_FALSE(again.timedOut);
-    EXPECT_FALSE(again.message);
-    EXPECT_EQ(capture.count("message queue is exiting, skip nextMessage()"), 2u);
-}
-
-TEST_F(MessageQueueTest, EnqueueAfterExitDestroysTheMessageUndispatched) {
-    auto handler = std::make_shared<RecordingHandler>();
-    std::atomic<int> destroyed{0};
-    MessageLoop loop;
-    loop.requestExit();
-    loop.messageQueue().enqueueMessage(makeCounted(1, handler, destroyed), 0ms);
-    EXPECT_EQ(destroyed.load(), 1);
-    EXPECT_EQ(capture.count("message queue is exiting, skip enqueueMessage()"), 1u);
-    loop.dispatchMessages();  // returns at once: the queue is exiting
-    EXPECT_TRUE(handler->ids().empty());
-}
-
-TEST_F(MessageQueueTest, MessagesQueuedAtExitAreDestroyedWithTheLoopNotDispatched) {
-    auto handler = std::make_shared<RecordingHandler>();
-    handler->holdFirstCall();
-    std::atomic<int> destroyed{0};
-    {
-        MessageLoop loop;
-        for (uint32_t id : {1u, 2u, 3u}) {
-            loop.messageQueue().enqueueMessage(makeCounted(id, handler, destroyed), 0ms);
-        }
-        std::thread consumer([&] { loop.dispatchMessages(); });
-        ASSERT_TRUE(handler->waitForCalls(1));  // message 1 is in hand
-        loop.requestExit();
-        handler->open();
-        consumer.join();
-        EXPECT_EQ(handler->ids(), (std::vector<uint32_t>{1}));
-        EXPECT_EQ(destroyed.load(), 1);
-    }
-    EXPECT_EQ(destroyed.load(), 3);
-    EXPECT_EQ(handler->ids().size(), 1u);
-}
-
 TEST_F(MessageQueueTest, EnqueueNeverWaitsWhateverItsTimeout) {
-    std::atomic<int> destroyed{0};
     {
         MessageQueue queue;
         for (uint32_t id = 0; id < 1000; ++id) {
-            queue.enqueueMessage(makeCounted(id, nullptr, destroyed), 5000ms);
+            queue.enqueueMessage(makeMessage(id, nullptr, &destroyed), 5000ms);
         }
+        EXPECT_EQ(capture.count("[enqueueMessage] Release Semaphore of MessageQueue"), 1000u);
+        EXPECT_EQ(capture.count("[enqueueMessage] an available message arrived: 1 in total"), 1u);
         EXPECT_EQ(capture.count("[enqueueMessage] an available message arrived: 1000 in total"),
                   1u);
     }
     EXPECT_EQ(destroyed.load(), 1000);
-}
-
-TEST_F(MessageQueueTest, MessageWithoutHandlerIsCountedAndDestroyed) {
-    std::atomic<int> destroyed{0};
-    auto handler = std::make_shared<RecordingHandler>();
-    MessageLoop loop;
-    auto orphan = makeCounted(1, nullptr, destroyed);
-    orphan->setMessageHandler(nullptr);
-    loop.messageQueue().enqueueMessage(std::move(orphan), 0ms);
-    loop.messageQueue().enqueueMessage(makeMessage(2, handler), 0ms);
-    std::thread consumer([&] { loop.dispatchMessages(); });
-    ASSERT_TRUE(handler->waitForCalls(1));
-    loop.requestExit();
-    consumer.join();
-    EXPECT_EQ(destroyed.load(), 1);
-    EXPECT_EQ(handler->ids(), (std::vector<uint32_t>{2}));
-    EXPECT_EQ(capture.count("[dispatchMessages] (1 message dispatched) -"), 1u);
-    EXPECT_EQ(capture.count("[dispatchMessages] (2 message dispatched) -"), 1u);
 }
 
 // Per producer, the consumer must see every message, in that producer's
@@ -252,9 +171,8 @@ class SequenceChecker : public MessageHandler {
     explicit SequenceChecker(size_t producers) : mNext(producers, 0) {}
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> message) override {
-        const uint32_t id = message->id();
-        const uint32_t producer = id >> kProducerShift;
-        const uint32_t sequence = id & ((1u << kProducerShift) - 1);
+        const uint32_t producer = message->id() >> kProducerShift;
+        const uint32_t sequence = message->id() & ((1u << kProducerShift) - 1);
         if (producer >= mNext.size() || mNext[producer] != sequence) {
             ++mOutOfOrder;
         } else {
@@ -288,7 +206,7 @@ TEST(MessageQueueStress, SeveralProducersOneConsumerLoseNothing) {
     for (auto& producer : producers) {
         producer.join();
     }
-    ASSERT_TRUE(waitUntil(
+    ASSERT_TRUE(velacam::test::waitUntil(
             [&] {
                 return checker->mHandled.load(std::memory_order_acquire) ==
                        static_cast<int>(kProducers * kPerProducer);

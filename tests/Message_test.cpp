@@ -1,5 +1,6 @@
 // Message and MessageHandler: header layout, packed payload, moves, the reply
-// wait and the default handler's disposal of descriptors.
+// wait and the default handler's disposal of descriptors. The fatal size check
+// of setHeader(vector) is in Log_test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -20,39 +22,29 @@ namespace {
 using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
 using velacam::test::LogCapture;
+using Bytes = std::vector<uint8_t>;
 
-std::vector<uint8_t> storageOf(const Message& message, size_t size) {
+Bytes storageOf(const Message& message, size_t size) {
     const auto [bytes, headerSize] = message.header();
     EXPECT_EQ(headerSize, 24u);
-    return std::vector<uint8_t>(bytes, bytes + size);
+    return Bytes(bytes, bytes + size);
 }
 
-uint32_t wordAt(const std::vector<uint8_t>& bytes, size_t offset) {
+uint32_t wordAt(const Bytes& bytes, size_t offset) {
     uint32_t value;
     std::memcpy(&value, bytes.data() + offset, sizeof(value));
     return value;
 }
 
-TEST(MessageHeader, NewMessageHasZeroHeaderAndNoPayload) {
-    LogCapture capture;
+TEST(MessageHeader, FieldsSitAtTheirOffsetsAndNoSetterWritesTheReservedBytes) {
     Message message;
-    EXPECT_EQ(message.id(), 0u);
-    EXPECT_EQ(message.type(), 0u);
-    EXPECT_EQ(message.flags(), 0u);
-    EXPECT_EQ(message.dataCount(), 0u);
-    EXPECT_EQ(message.fileDescriptorCount(), 0u);
-    EXPECT_EQ(storageOf(message, 24), std::vector<uint8_t>(24, 0));
-    const Message::Payload payload = message.payload();
-    EXPECT_TRUE(payload.data.empty());
-    EXPECT_TRUE(payload.fds.empty());
-    EXPECT_EQ(capture.count("no payload exists"), 1u);
+    EXPECT_EQ(storageOf(message, 24), Bytes(24, 0));
     EXPECT_NE(message.messageHandler(), nullptr);
-}
 
-TEST(MessageHeader, FieldsSitAtTheirOffsetsInHostOrder) {
-    Message message;
+    auto [writable, size] = message.header();
+    std::memset(writable + 18, 0x5A, size - 18);  // as a peer's reserved bytes would arrive
     message.setHeader(0x11223344, 0x55667788, 3, 0x0A0B0C0D, 0xBEEF);
-    const std::vector<uint8_t> bytes = storageOf(message, 24);
+    Bytes bytes = storageOf(message, 24);
     EXPECT_EQ(wordAt(bytes, 0), 0x11223344u);
     EXPECT_EQ(wordAt(bytes, 4), 0x55667788u);
     EXPECT_EQ(wordAt(bytes, 8), 3u);
@@ -60,43 +52,33 @@ TEST(MessageHeader, FieldsSitAtTheirOffsetsInHostOrder) {
     uint16_t fdCount;
     std::memcpy(&fdCount, bytes.data() + 16, sizeof(fdCount));
     EXPECT_EQ(fdCount, 0xBEEF);
-    EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 18, bytes.end()), std::vector<uint8_t>(6, 0));
+    EXPECT_EQ(Bytes(bytes.begin() + 18, bytes.end()), Bytes(6, 0x5A));
     EXPECT_TRUE(message.isAsync());
     EXPECT_TRUE(message.isReply());
     EXPECT_EQ(message.clearFlags(), 3u);
     EXPECT_EQ(message.flags(), 0u);
-    EXPECT_FALSE(message.isAsync());
-    EXPECT_FALSE(message.isReply());
-}
+    EXPECT_FALSE(message.isAsync() || message.isReply());
 
-TEST(MessageHeader, TwoArgumentSetHeaderResetsIdTypeAndFlags) {
-    Message message;
     message.setHeader(7, 8, 3, 1, 1);
-    message.setHeader(5, 2);
-    EXPECT_EQ(message.id(), 0u);
-    EXPECT_EQ(message.type(), 0u);
-    EXPECT_EQ(message.flags(), 0u);
+    message.setHeader(5, 2);  // resets id, type and flags
+    EXPECT_EQ(std::make_tuple(message.id(), message.type(), message.flags()),
+              std::make_tuple(0u, 0u, 0u));
     EXPECT_EQ(message.dataCount(), 5u);
     EXPECT_EQ(message.fileDescriptorCount(), 2u);
-}
 
-TEST(MessageHeader, HeaderVectorCopiesEighteenBytesAndKeepsTheReservedOnes) {
-    Message message;
-    auto [writable, size] = message.header();
-    std::memset(writable + 18, 0x5A, size - 18);  // as a peer's reserved bytes would arrive
-    std::vector<uint8_t> bytes(24);
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<uint8_t>(i + 1);
+    Bytes incoming(24);
+    for (size_t i = 0; i < incoming.size(); ++i) {
+        incoming[i] = static_cast<uint8_t>(i + 1);
     }
-    message.setHeader(bytes);
-    const std::vector<uint8_t> stored = storageOf(message, 24);
-    EXPECT_EQ(std::vector<uint8_t>(stored.begin(), stored.begin() + 18),
-              std::vector<uint8_t>(bytes.begin(), bytes.begin() + 18));
-    EXPECT_EQ(std::vector<uint8_t>(stored.begin() + 18, stored.end()),
-              std::vector<uint8_t>(6, 0x5A));
+    message.setHeader(incoming);  // copies bytes 0 to 17 only
+    bytes = storageOf(message, 24);
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 18),
+              Bytes(incoming.begin(), incoming.begin() + 18));
+    EXPECT_EQ(Bytes(bytes.begin() + 18, bytes.end()), Bytes(6, 0x5A));
 }
 
-TEST(MessagePayload, PacksDataThenUnalignedDescriptors) {
+TEST(MessagePayload, PacksDataThenUnalignedDescriptorsAndEmptyingKeepsTheCounts) {
+    LogCapture capture;
     Message message;
     Message::Payload payload;
     payload.data = {0xA1, 0xA2, 0xA3};
@@ -104,73 +86,55 @@ TEST(MessagePayload, PacksDataThenUnalignedDescriptors) {
     message.setPayload(payload);
     EXPECT_EQ(message.dataCount(), 3u);
     EXPECT_EQ(message.fileDescriptorCount(), 2u);
-    const std::vector<uint8_t> bytes = storageOf(message, 35);
-    EXPECT_EQ(bytes[24], 0xA1);
-    EXPECT_EQ(bytes[26], 0xA3);
+    EXPECT_EQ(capture.count("[setPayload] adjust storage size from 24 to 35"), 1u);
+    const Bytes bytes = storageOf(message, 35);
+    EXPECT_EQ(Bytes(bytes.begin() + 24, bytes.begin() + 27), payload.data);
     EXPECT_EQ(static_cast<int32_t>(wordAt(bytes, 27)), 70000);
     EXPECT_EQ(static_cast<int32_t>(wordAt(bytes, 31)), -5);
     const Message::Payload back = message.payload();
     EXPECT_EQ(back.data, payload.data);
     EXPECT_EQ(back.fds, payload.fds);
-}
+    // The logged "offsets" are the sizes of the two blocks.
+    EXPECT_EQ(capture.count("[Payload] data_offset(3)"), 1u);
+    EXPECT_EQ(capture.count("[Payload] fds_offset(8)"), 1u);
 
-TEST(MessagePayload, EmptyPayloadShrinksStorageButKeepsTheCounts) {
-    LogCapture capture;
-    Message message;
-    Message::Payload payload;
-    payload.data = {1, 2, 3, 4};
-    payload.fds = {9};
-    message.setPayload(payload);
+    message.setHeader(1000, 50);  // a header that overstates its payload
+    const Message::Payload clipped = message.payload();
+    EXPECT_EQ(clipped.data.size(), 11u);
+    EXPECT_TRUE(clipped.fds.empty());
+
     message.setPayload(Message::Payload());
-    EXPECT_EQ(message.dataCount(), 4u);
-    EXPECT_EQ(message.fileDescriptorCount(), 1u);
+    EXPECT_EQ(capture.count("[setPayload] adjust storage size from 35 to 24"), 1u);
+    EXPECT_EQ(message.dataCount(), 1000u);
+    EXPECT_EQ(message.fileDescriptorCount(), 50u);
     EXPECT_TRUE(message.payload().data.empty());
     EXPECT_EQ(capture.count("no payload exists"), 1u);
-    EXPECT_EQ(capture.count("[setPayload] adjust storage size from 24 to 32"), 1u);
-    EXPECT_EQ(capture.count("[setPayload] adjust storage size from 32 to 24"), 1u);
 }
 
-TEST(MessagePayload, CountsBeyondTheStorageAreClippedToWhatIsThere) {
-    Message message;
-    Message::Payload payload;
-    payload.data = {1, 2};
-    message.setPayload(payload);
-    message.setHeader(1000, 50);  // a header that overstates its payload
-    const Message::Payload back = message.payload();
-    EXPECT_EQ(back.data, (std::vector<uint8_t>{1, 2}));
-    EXPECT_TRUE(back.fds.empty());
-}
-
-TEST(MessagePayload, UnpackingLogsTheBlockSizes) {
+TEST(MessageMove, ConstructionTakesTheHandlerAndAssignmentSwapsThem) {
     LogCapture capture;
-    const uint8_t packed[] = {1, 2, 3, 4, 5, 0, 0, 0, 6, 0, 0, 0};
-    const Message::Payload payload(packed, 4, 2);
-    EXPECT_EQ(payload.data, (std::vector<uint8_t>{1, 2, 3, 4}));
-    EXPECT_EQ(payload.fds, (std::vector<int>{5, 6}));
-    EXPECT_EQ(capture.count("[Payload] data_offset(4)"), 1u);
-    EXPECT_EQ(capture.count("[Payload] fds_offset(8)"), 1u);
-}
-
-TEST(MessageMove, ConstructorTakesStorageAndHandler) {
-    auto handler = std::make_shared<MessageHandler>();
-    Message a(handler);
+    auto first = std::make_shared<MessageHandler>();
+    auto second = std::make_shared<MessageHandler>();
+    Message a(first);
     a.setHeader(42, 1, 0, 0, 0);
     Message b(std::move(a));
     EXPECT_EQ(b.id(), 42u);
-    EXPECT_EQ(b.messageHandler(), handler);
+    EXPECT_EQ(b.messageHandler(), first);
     EXPECT_EQ(a.messageHandler(), nullptr);  // NOLINT(bugprone-use-after-move): the contract
-}
 
-TEST(MessageMove, AssignmentSwapsHandlers) {
-    auto first = std::make_shared<MessageHandler>();
-    auto second = std::make_shared<MessageHandler>();
-    Message b(first);
     Message c(second);
     c.setHeader(9, 0, 0, 0, 0);
     b = std::move(c);
     EXPECT_EQ(b.id(), 9u);
     EXPECT_EQ(b.messageHandler(), second);
     EXPECT_EQ(c.messageHandler(), first);  // NOLINT(bugprone-use-after-move): the contract
+
+    b.setMessageHandler(nullptr);
+    char expected[64];
+    std::snprintf(expected, sizeof(expected), "message handler(0x%lx) is going to be removed",
+                  reinterpret_cast<unsigned long>(second.get()));
+    EXPECT_EQ(capture.count(expected), 1u);
+    EXPECT_EQ(b.messageHandler(), nullptr);
 }
 
 TEST(MessageMove, ConcurrentCrossAssignmentsDoNotDeadlock) {
@@ -192,28 +156,17 @@ TEST(MessageMove, ConcurrentCrossAssignmentsDoNotDeadlock) {
     t.join();
 }
 
-TEST(MessageHandlerChange, ReplacingAHandlerWarnsWithItsAddress) {
-    LogCapture capture;
-    Message message;
-    const auto old = reinterpret_cast<unsigned long>(message.messageHandler().get());
-    message.setMessageHandler(nullptr);
-    char expected[64];
-    std::snprintf(expected, sizeof(expected), "message handler(0x%lx) is going to be removed", old);
-    EXPECT_EQ(capture.count(expected), 1u);
-    EXPECT_EQ(message.messageHandler(), nullptr);
-}
-
-TEST(MessageResponse, ReturnsAtOnceWhenTheReplyBitIsSet) {
+TEST(MessageResponse, ReturnsAtOnceOnASetReplyBitAndAfterAboutOneSecondOtherwise) {
     LogCapture capture;
     Message message;
     message.setHeader(77, 0, Message::kFlagReply, 0, 0);
-    velacam::test::Watchdog watchdog("waitResponse", std::chrono::milliseconds(900));
-    message.waitResponse();
+    {
+        velacam::test::Watchdog watchdog("waitResponse", std::chrono::milliseconds(900));
+        message.waitResponse();
+    }
     EXPECT_EQ(capture.count("waitResponse timed out, message ID(77) isReply(1)"), 1u);
-}
 
-TEST(MessageResponse, GivesUpAfterAboutOneSecondWithoutAReply) {
-    Message message;
+    message.clearFlags();
     const auto start = std::chrono::steady_clock::now();
     message.waitResponse();
     const auto elapsed = std::chrono::steady_clock::now() - start;
@@ -222,25 +175,8 @@ TEST(MessageResponse, GivesUpAfterAboutOneSecondWithoutAReply) {
     EXPECT_FALSE(message.isReply());
 }
 
-TEST(MessageResponse, WakesWhenAnotherThreadSignalsTheReply) {
-    Message message;
-    message.setHeader(5, 0, 0, 0, 0);
-    std::thread replier([&] {
-        message.setHeader(5, 0, Message::kFlagReply, 0, 0);
-        message.signalResponse();
-    });
-    message.waitResponse();
-    replier.join();
-    EXPECT_TRUE(message.isReply());
-}
-
-class DefaultHandler : public ::testing::Test {
-  protected:
-    void TearDown() override { leaks.check(); }
+TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount) {
     velacam::test::DescriptorLeakCheck leaks;
-};
-
-TEST_F(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrder) {
     LogCapture capture;
     const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -251,19 +187,16 @@ TEST_F(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrder) {
     payload.fds = {a, b};
     message->setPayload(payload);
     message->setHeader(3, 4, 1, 2, 2);
-    Message& kept = *message;
-    MessageHandler().handleMessage(kept);
+    MessageHandler().handleMessage(*message);
     EXPECT_FALSE(velacam::test::isOpen(a));
     EXPECT_FALSE(velacam::test::isOpen(b));
     EXPECT_TRUE(velacam::test::isOpen(bystander));
-    EXPECT_EQ(kept.fileDescriptorCount(), 0u);
-    EXPECT_EQ(kept.dataCount(), 2u);
-    EXPECT_EQ(kept.id(), 0u);
-    EXPECT_EQ(kept.type(), 0u);
-    EXPECT_EQ(kept.flags(), 0u);
-    const std::vector<velacam::test::LogLine> lines = capture.lines();
+    EXPECT_EQ(message->fileDescriptorCount(), 0u);
+    EXPECT_EQ(message->dataCount(), 2u);
+    EXPECT_EQ(std::make_tuple(message->id(), message->type(), message->flags()),
+              std::make_tuple(0u, 0u, 0u));
     std::vector<std::string> closes;
-    for (const auto& line : lines) {
+    for (const auto& line : capture.lines()) {
         if (line.text.rfind("[operator()] close fd(", 0) == 0) {
             closes.push_back(line.text);
         }
@@ -272,25 +205,16 @@ TEST_F(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrder) {
               (std::vector<std::string>{"[operator()] close fd(" + std::to_string(a) + ")",
                                         "[operator()] close fd(" + std::to_string(b) + ")"}));
     ::close(bystander);
-}
 
-TEST_F(DefaultHandler, HeaderOnlyMessageClosesNothingAndZeroesTheCount) {
-    LogCapture capture;
-    Message message;
-    message.setHeader(0, 3);
-    message.messageHandler()->handleMessage(message);
-    EXPECT_EQ(message.fileDescriptorCount(), 0u);
+    // A header-only message: nothing to close, the count still reset.
+    capture.clear();
+    Message bare;
+    bare.setHeader(0, 3);
+    bare.messageHandler()->handleMessage(bare);
+    EXPECT_EQ(bare.fileDescriptorCount(), 0u);
     EXPECT_EQ(capture.count("no payload exists"), 1u);
     EXPECT_EQ(capture.countContaining("close fd"), 0u);
-}
-
-using MessageDeathTest = ::testing::Test;
-
-TEST_F(MessageDeathTest, HeaderVectorOfWrongSizeAborts) {
-    EXPECT_DEATH(Message().setHeader(std::vector<uint8_t>(23)),
-                 "the data size\\(23\\) is not the same as the header size\\(24\\)");
-    EXPECT_DEATH(Message().setHeader(std::vector<uint8_t>(25)),
-                 "the data size\\(25\\) is not the same as the header size\\(24\\)");
+    leaks.check();
 }
 
 }  // namespace

@@ -252,18 +252,30 @@ TEST_F(PollerTest, CopiesAreIndependent) {
 }
 
 TEST_F(PollerTest, CrossedCopyAssignmentsFromTwoThreadsDoNotDeadlock) {
+    // Many short assignments crossing each other: taking the two locks one
+    // after the other would sooner or later deadlock here.
     Poller a;
     Poller b;
-    a.registerPollEvent(3, POLLIN);
-    b.registerPollEvent(4, POLLOUT);
+    for (int fd = 0; fd < 4; ++fd) {
+        a.registerPollEvent(fd, POLLIN);
+        b.registerPollEvent(fd + 4, POLLOUT);
+    }
     Watchdog watchdog("crossed assignments", 30s);
+    std::atomic<int> started{0};
+    auto startTogether = [&started] {
+        started.fetch_add(1);
+        while (started.load() < 2) {
+        }
+    };
     std::thread first([&] {
-        for (int i = 0; i < 2000; ++i) {
+        startTogether();
+        for (int i = 0; i < 50000; ++i) {
             a = b;
         }
     });
     std::thread second([&] {
-        for (int i = 0; i < 2000; ++i) {
+        startTogether();
+        for (int i = 0; i < 50000; ++i) {
             b = a;
             b.registerPollEvent(5, POLLIN);
         }

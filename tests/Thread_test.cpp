@@ -1,14 +1,13 @@
 // Thread and ThreadData: the main-thread rules, per-thread records and loops,
-// join on destruction, the deliberate move semantics, thread names, and the
-// exception when no thread can be created.
+// join on destruction, the deliberate move semantics, and the exception when
+// no thread can be created.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
-#include <ipc/utils/Log.h>
+#include <ipc/MessageQueue.h>
 #include <ipc/utils/Runnable.h>
 #include <ipc/utils/Thread.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -24,7 +23,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 #include "support/LogCapture.h"
 #include "support/Waiting.h"
@@ -34,11 +32,9 @@ namespace {
 using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
 using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::utils::LogSetting;
 using Kestrel::ipc::utils::Runnable;
 using Kestrel::ipc::utils::Thread;
 using Kestrel::ipc::utils::ThreadData;
-using velacam::test::LogCapture;
 using namespace std::chrono_literals;
 
 constexpr auto kLimit = 20s;
@@ -60,18 +56,9 @@ class FunctionRunnable : public Runnable {
     std::atomic<int>* mDestroyed;
 };
 
-template <typename T>
-T await(std::future<T>& future) {
-    if (future.wait_for(kLimit) != std::future_status::ready) {
-        ADD_FAILURE() << "timed out";
-        std::abort();
-    }
-    return future.get();
-}
-
 class ThreadTest : public ::testing::Test {
   protected:
-    LogCapture mCapture;  // before any thread starts
+    velacam::test::LogCapture mCapture;  // before any thread starts
 };
 
 TEST_F(ThreadTest, MainThreadHasTheStaticThreadObjectAndNoLoop) {
@@ -84,44 +71,8 @@ TEST_F(ThreadTest, MainThreadHasTheStaticThreadObjectAndNoLoop) {
 
     EXPECT_EQ(Thread::myMessageLoop(), nullptr);
     ASSERT_EQ(mCapture.count("only non-main thread can reach here."), 1u);
-    const auto line = mCapture.lines().back();
-    EXPECT_EQ(line.level, 2u);
-    EXPECT_EQ(line.tag, "Thread");
-}
-
-TEST_F(ThreadTest, StartedThreadSeesItsOwnThreadRecordAndOneLoop) {
-    Thread* seenThread = nullptr;
-    int recordTid = 0;
-    int kernelTid = 0;
-    int idThroughObject = 0;
-    MessageLoop* first = nullptr;
-    MessageLoop* second = nullptr;
-    Thread thread;
-    thread = Thread(new FunctionRunnable([&] {
-                        seenThread = Thread::myThread();
-                        recordTid = ThreadData::myData().tid();
-                        kernelTid = gettid();
-                        idThroughObject = thread.id();
-                        first = Thread::myMessageLoop();
-                        second = Thread::myMessageLoop();
-                    }),
-                    true);
-    thread.start();
-    thread.wait();
-
-    EXPECT_EQ(seenThread, &thread);
-    EXPECT_NE(seenThread, Thread::myThread());
-    EXPECT_EQ(recordTid, kernelTid);
-    EXPECT_NE(kernelTid, getpid());
-    // id() names the caller, whichever Thread it is called on.
-    EXPECT_EQ(idThroughObject, kernelTid);
-    EXPECT_EQ(thread.id(), getpid());
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(mCapture.count("only non-main thread can reach here."), 0u);
-    if (LogSetting::logLevel() >= 1) {
-        EXPECT_EQ(mCapture.count("[run] thread " + std::to_string(kernelTid)), 1u);
-    }
+    EXPECT_EQ(mCapture.lines().back().level, 2u);
+    EXPECT_EQ(mCapture.lines().back().tag, "Thread");
 }
 
 // Records which thread handled each message.
@@ -130,115 +81,93 @@ class RecordingHandler : public MessageHandler {
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> message) override {
         std::lock_guard<std::mutex> lock(mLock);
-        mHandled.emplace_back(message->id(), gettid());
+        mHandled.emplace(message->id(), gettid());
     }
-    std::vector<std::pair<uint32_t, int>> handled() const {
+    std::set<std::pair<uint32_t, int>> handled() const {
         std::lock_guard<std::mutex> lock(mLock);
         return mHandled;
     }
 
   private:
     mutable std::mutex mLock;
-    std::vector<std::pair<uint32_t, int>> mHandled;  // guarded by mLock
+    std::set<std::pair<uint32_t, int>> mHandled;  // guarded by mLock
 };
 
-std::unique_ptr<Message> messageFor(const std::shared_ptr<MessageHandler>& handler, uint32_t id) {
-    auto message = std::make_unique<Message>(handler);
-    message->setHeader(id, 0, 0, 0, 0);
-    return message;
-}
+// What a started thread saw of itself.
+struct Seen {
+    Thread* thread;
+    int recordTid;
+    int kernelTid;
+    int idThroughObject;
+    MessageLoop* loop;
+    bool sameLoopAgain;
+};
 
-TEST_F(ThreadTest, EachThreadDispatchesItsOwnLoop) {
-    struct Started {
-        MessageLoop* loop;
-        int tid;
-    };
-    std::promise<Started> firstStarted;
-    std::promise<Started> secondStarted;
-    auto loopBody = [](std::promise<Started>& started) {
-        return new FunctionRunnable([&started] {
+TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
+    velacam::test::Watchdog watchdog("per-thread loops", 60s);
+    std::promise<Seen> dispatcherSeen;
+    std::promise<Seen> holderSeen;
+    std::promise<void> leave;
+    std::shared_future<void> left = leave.get_future().share();
+    Thread dispatcher;
+    Thread holder;
+    auto body = [](Thread& self, std::promise<Seen>& seen, std::function<void(MessageLoop*)> then) {
+        return new FunctionRunnable([&self, &seen, then] {
             MessageLoop* loop = Thread::myMessageLoop();
-            started.set_value({loop, gettid()});
-            loop->dispatchMessages();
+            seen.set_value({Thread::myThread(), ThreadData::myData().tid(), gettid(), self.id(),
+                            loop, Thread::myMessageLoop() == loop});
+            then(loop);
         });
     };
-    Thread first(loopBody(firstStarted), true);
-    Thread second(loopBody(secondStarted), true);
-    first.start();
-    second.start();
-    auto firstFuture = firstStarted.get_future();
-    auto secondFuture = secondStarted.get_future();
-    const Started a = await(firstFuture);
-    const Started b = await(secondFuture);
-    ASSERT_NE(a.loop, b.loop);
+    dispatcher = Thread(
+            body(dispatcher, dispatcherSeen, [](MessageLoop* loop) { loop->dispatchMessages(); }),
+            true);
+    holder =
+            Thread(body(holder, holderSeen, [left](MessageLoop*) { left.wait_for(kLimit); }), true);
+    dispatcher.start();
+    holder.start();
+    auto dispatcherFuture = dispatcherSeen.get_future();
+    auto holderFuture = holderSeen.get_future();
+    ASSERT_EQ(dispatcherFuture.wait_for(kLimit), std::future_status::ready);
+    ASSERT_EQ(holderFuture.wait_for(kLimit), std::future_status::ready);
+    const Seen a = dispatcherFuture.get();
+    const Seen b = holderFuture.get();
+    EXPECT_EQ(a.thread, &dispatcher);
+    EXPECT_EQ(b.thread, &holder);
+    EXPECT_EQ(a.recordTid, a.kernelTid);
+    EXPECT_NE(a.kernelTid, getpid());
+    EXPECT_EQ(a.idThroughObject, a.kernelTid);  // id() names the caller, whatever the object
+    EXPECT_EQ(dispatcher.id(), getpid());
+    ASSERT_NE(a.loop, nullptr);
+    EXPECT_TRUE(a.sameLoopAgain);
+    EXPECT_NE(a.loop, b.loop);
+    EXPECT_EQ(mCapture.count("only non-main thread can reach here."), 0u);
+    EXPECT_EQ(mCapture.count("[run] thread " + std::to_string(a.kernelTid)), 1u);
 
+    // Each loop is its own: the dispatcher handles what is queued on its loop,
+    // and what waits in the holder's loop goes with that thread's record.
     auto handler = std::make_shared<RecordingHandler>();
-    a.loop->messageQueue().enqueueMessage(messageFor(handler, 1), 0ms);
-    b.loop->messageQueue().enqueueMessage(messageFor(handler, 2), 0ms);
-    a.loop->messageQueue().enqueueMessage(messageFor(handler, 3), 0ms);
-    ASSERT_TRUE(velacam::test::waitUntil([&] { return handler->handled().size() == 3; }, kLimit));
+    for (uint32_t id : {1u, 2u, 3u}) {
+        auto message = std::make_unique<Message>(handler);
+        message->setHeader(id, 0, 0, 0, 0);
+        (id == 2 ? b.loop : a.loop)->messageQueue().enqueueMessage(std::move(message), 0ms);
+    }
+    ASSERT_TRUE(velacam::test::waitUntil([&] { return handler->handled().size() == 2; }, kLimit));
     a.loop->requestExit();
-    b.loop->requestExit();
-    first.wait();
-    second.wait();
-
-    std::set<std::pair<uint32_t, int>> handled;
-    for (const auto& entry : handler->handled()) {
-        handled.insert(entry);
-    }
-    EXPECT_EQ(handled, (std::set<std::pair<uint32_t, int>>{{1, a.tid}, {2, b.tid}, {3, a.tid}}));
-}
-
-TEST_F(ThreadTest, ThreadExitDestroysTheRecordWithItsLoopAndQueuedMessages) {
-    std::promise<MessageLoop*> started;
-    std::promise<void> leave;
-    Thread thread(new FunctionRunnable([&] {
-                      started.set_value(Thread::myMessageLoop());
-                      auto go = leave.get_future();
-                      go.wait_for(kLimit);
-                  }),
-                  true);
-    thread.start();
-    auto startedFuture = started.get_future();
-    MessageLoop* loop = await(startedFuture);
-
-    // A message left in the loop keeps its handler referenced until the loop
-    // goes away with the thread's record.
-    auto handler = std::make_shared<RecordingHandler>();
-    loop->messageQueue().enqueueMessage(messageFor(handler, 9), 0ms);
-    EXPECT_EQ(handler.use_count(), 2);
+    dispatcher.wait();
+    EXPECT_EQ(handler.use_count(), 2);  // message 2 still queued
     leave.set_value();
-    thread.wait();
+    holder.wait();
     EXPECT_EQ(handler.use_count(), 1);
-    EXPECT_TRUE(handler->handled().empty());
+    EXPECT_EQ(handler->handled(),
+              (std::set<std::pair<uint32_t, int>>{{1, a.kernelTid}, {3, a.kernelTid}}));
 }
 
-// Appends "ran" when its run() ends and "destroyed" when it is destroyed.
-class OrderRecordingRunnable : public Runnable {
-  public:
-    OrderRecordingRunnable(std::shared_future<void> gate, std::mutex& lock,
-                           std::vector<std::string>& events)
-        : mGate(std::move(gate)), mLock(lock), mEvents(events) {}
-    ~OrderRecordingRunnable() override {
-        std::lock_guard<std::mutex> guard(mLock);
-        mEvents.push_back("destroyed");
-    }
-    void run() override {
-        mGate.wait_for(kLimit);
-        std::lock_guard<std::mutex> guard(mLock);
-        mEvents.push_back("ran");
-    }
-
-  private:
-    std::shared_future<void> mGate;
-    std::mutex& mLock;
-    std::vector<std::string>& mEvents;  // guarded by mLock
-};
-
-TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnable) {
-    std::mutex lock;
-    std::vector<std::string> events;  // guarded by lock
+TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> ranBeforeDestruction{false};
     std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
     // The gate opens a little after the destructor has begun, so that a
     // destructor that did not join would destroy the runnable first.
     std::thread opener([&gate] {
@@ -246,84 +175,65 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnable) {
         gate.set_value();
     });
     {
-        Thread thread(new OrderRecordingRunnable(gate.get_future().share(), lock, events), true);
+        Thread thread(new FunctionRunnable(
+                              [&, opened] {
+                                  opened.wait_for(kLimit);
+                                  ranBeforeDestruction = destroyed == 0;
+                              },
+                              &destroyed),
+                      true);
         thread.start();
     }
     opener.join();
-    EXPECT_EQ(events, (std::vector<std::string>{"ran", "destroyed"}));
+    EXPECT_TRUE(ranBeforeDestruction);
+    EXPECT_EQ(destroyed, 1);
 
-    std::atomic<int> notOwnedDestroyed{0};
     {
-        FunctionRunnable notOwned([] {}, &notOwnedDestroyed);
+        FunctionRunnable notOwned([] {}, &destroyed);
         {
             Thread thread(&notOwned, false);
             thread.start();
         }
-        EXPECT_EQ(notOwnedDestroyed, 0);
+        EXPECT_EQ(destroyed, 1);
     }
-    EXPECT_EQ(notOwnedDestroyed, 1);
+    EXPECT_EQ(destroyed, 2);
 }
 
 TEST_F(ThreadTest, MoveTakesTheRunnableButNotTheRunningThread) {
-    std::mutex lock;
-    std::multiset<Thread*> runners;  // guarded by lock
+    std::atomic<int> runs{0};
     std::atomic<int> destroyed{0};
+    std::promise<void> entered;
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
-    std::promise<void> entered;
-    std::atomic<bool> firstRun{true};
     {
         Thread original(new FunctionRunnable(
                                 [&] {
-                                    if (firstRun.exchange(false)) {
+                                    if (runs++ == 0) {
                                         entered.set_value();
                                     }
                                     opened.wait_for(kLimit);
-                                    std::lock_guard<std::mutex> guard(lock);
-                                    runners.insert(Thread::myThread());
                                 },
                                 &destroyed),
                         true);
         original.start();
-        // Moved only once the first thread is inside the runnable: run() reads
-        // the runnable pointer that the move clears.
+        // Moved once the first thread is inside the runnable: run() reads the
+        // runnable pointer that the move clears.
         ASSERT_EQ(entered.get_future().wait_for(kLimit), std::future_status::ready);
         Thread moved(std::move(original));
-        moved.start();  // a second thread on the same runnable
+        moved.start();  // a second thread on the same runnable; `original` keeps its own
         gate.set_value();
         moved.wait();
         original.wait();
-        EXPECT_EQ(runners, (std::multiset<Thread*>{&original, &moved}));
-
+        EXPECT_EQ(runs, 2);
         Thread assigned;
         assigned = std::move(moved);
         EXPECT_EQ(destroyed, 0);
     }
     EXPECT_EQ(destroyed, 1);  // owned by exactly one object at a time
 
-    std::atomic<int> replaced{0};
-    Thread target(new FunctionRunnable([] {}, &replaced), true);
+    Thread target(new FunctionRunnable([] {}, &destroyed), true);
     target = Thread(new FunctionRunnable([] {}), true);
-    EXPECT_EQ(replaced, 1);
-}
-
-TEST_F(ThreadTest, SetNameNamesTheCallingThreadUpToFifteenCharacters) {
-    std::string named;
-    std::string afterLongName;
-    Thread thread(new FunctionRunnable([&] {
-                      char name[32] = {};
-                      Thread::setName("velacam-worker");
-                      pthread_getname_np(pthread_self(), name, sizeof(name));
-                      named = name;
-                      Thread::setName("a-name-of-sixteen");
-                      pthread_getname_np(pthread_self(), name, sizeof(name));
-                      afterLongName = name;
-                  }),
-                  true);
-    thread.start();
-    thread.wait();
-    EXPECT_EQ(named, "velacam-worker");
-    EXPECT_EQ(afterLongName, "velacam-worker");
+    EXPECT_EQ(destroyed, 2);  // the replaced runnable went
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -335,32 +245,32 @@ TEST_F(ThreadTest, SetNameNamesTheCallingThreadUpToFifteenCharacters) {
 #endif
 
 #ifndef VELACAM_SANITIZED
-// Limits the address space of the calling process to what it uses now plus
-// 2 MiB, too little for a new thread's stack.
+// Limits the address space to what is used now plus 2 MiB, too little for a
+// new thread's stack. True when the limit is enforced (an emulator may accept
+// and ignore it): a 64 MiB mapping then fails.
 bool limitAddressSpace() {
     std::ifstream statm("/proc/self/statm");
     unsigned long pages = 0;
     statm >> pages;
     const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
     const rlimit value{limit, limit};
-    return setrlimit(RLIMIT_AS, &value) == 0;
+    if (setrlimit(RLIMIT_AS, &value) != 0) {
+        return false;
+    }
+    void* big =
+            mmap(nullptr, 64u << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return big == MAP_FAILED;
 }
 
-// True when the address-space limit is enforced (an emulator may accept and
-// ignore it).
 bool addressSpaceLimitIsEnforced() {
     const pid_t pid = fork();
     if (pid == 0) {
-        const bool limited = limitAddressSpace();
-        void* big = mmap(nullptr, 64u << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                         -1, 0);
-        _exit(limited && big == MAP_FAILED ? 0 : 1);
+        _exit(limitAddressSpace() ? 0 : 1);
     }
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
-
 #endif
 
 using ThreadDeathTest = ThreadTest;
@@ -391,7 +301,7 @@ TEST_F(ThreadDeathTest, StartThrowsSystemErrorWhenNoThreadCanBeCreated) {
 #endif
 }
 
-TEST_F(ThreadDeathTest, RecordOfAThreadNotStartedByThreadEndsTheProcess) {
+TEST_F(ThreadDeathTest, MainAndNonMainRulesEndTheProcess) {
     EXPECT_DEATH(
             {
                 std::thread bare([] { ThreadData::myData(); });
@@ -405,15 +315,9 @@ TEST_F(ThreadDeathTest, RecordOfAThreadNotStartedByThreadEndsTheProcess) {
                 bare.join();
             },
             "Thread: only the main thread can reach here\\.");
-}
-
-TEST_F(ThreadDeathTest, PerThreadSetUpOnTheMainThreadEndsTheProcess) {
     EXPECT_DEATH(Thread().preTask(),
                  "Thread: only non-main thread can reach here\\. "
                  "\\(preTask\\)\\{#[0-9]+:ipc/utils/Thread\\}");
-}
-
-TEST_F(ThreadDeathTest, PerThreadTearDownOnTheMainThreadEndsTheProcess) {
     EXPECT_DEATH(Thread().postTask(),
                  "Thread: only non-main threa can reach here\\. "
                  "\\(postTask\\)\\{#[0-9]+:ipc/utils/Thread\\}");

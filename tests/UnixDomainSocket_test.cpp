@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -127,11 +128,22 @@ TEST(SocketPairTest, CopyOwnsDuplicates) {
 }
 
 TEST(SocketPairTest, SocketpairFailure_GivesTheNegativeErrnoAndLogs) {
-    // In a child: with no descriptor left to allocate, socketpair fails.
+    // In a child: with one descriptor number left below the limit, socketpair
+    // (which needs two) fails.
     const pid_t child = forkPeer([] {
         LogCapture capture;
-        const rlimit none{0, 0};
-        if (setrlimit(RLIMIT_NOFILE, &none) != 0) {
+        // One line logged beforehand: UBSan checks the logger's type once per
+        // type, with a pipe, which the limit would make fail.
+        (void)Message().payload();
+        capture.clear();
+        const std::set<int> open = velacam::test::openDescriptors();
+        int firstFree = 0;
+        while (open.count(firstFree) != 0) {
+            ++firstFree;
+        }
+        const rlim_t limit = static_cast<rlim_t>(firstFree) + 1;
+        const rlimit oneLeft{limit, limit};
+        if (setrlimit(RLIMIT_NOFILE, &oneLeft) != 0) {
             return 10;
         }
         const SocketPair pair = UnixDomainSocket::createPairedSocket(4096, 4096, false);
@@ -244,6 +256,15 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_NE(payload.fds[1], second.get());
     EXPECT_TRUE(sameFile(payload.fds[0], first.get()));
     EXPECT_TRUE(sameFile(payload.fds[1], second.get()));
+    if (debugLogged()) {
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
+                                "cmsg_data_size(8)"),
+                  1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)"), 1u);
+        EXPECT_EQ(capture.count("[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
+                                "cmsg_space(24)"),
+                  1u);
+    }
     MessageHandler().handleMessage(received);  // closes what arrived
 
     // The same message object takes the next one: the old payload goes.

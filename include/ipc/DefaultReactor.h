@@ -29,6 +29,11 @@
 // owner's business). Broken invariants end the process: the eventfd cannot be
 // made, read or written, the active handlers are out of order, or a ready
 // descriptor has no handler.
+//
+// A peer that dies: its socket reports POLLHUP from then on, so the handler
+// stays registered, is polled again and logged again on every cycle, and the
+// loop never blocks. An owner that wants to hear of it installs a hang-up
+// listener (setHangUpListener) and removes or drops the handler there.
 #pragma once
 
 #include <sysutils/FileDescriptor.h>
@@ -36,6 +41,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -51,6 +57,11 @@ class EventHandler;
 
 class IPC_EXPORT DefaultReactor {
   public:
+    // Told of a handler whose descriptor reported POLLERR, POLLHUP or POLLNVAL:
+    // its descriptor, the revents and the handler itself.
+    using HangUpListener =
+            std::function<void(int fd, short revents, std::shared_ptr<EventHandler> handler)>;
+
     // Creates the exit eventfd (non-blocking, close-on-exec); failing to is
     // fatal: "create event notification failed (%s)".
     DefaultReactor();
@@ -85,6 +96,21 @@ class IPC_EXPORT DefaultReactor {
     // Thread: any.
     [[nodiscard]] bool removeEventHandlerByFd(int fd);
 
+    // Installs `listener` (an empty one uninstalls), replacing the one before.
+    // From then on, each time a handler's descriptor reports an error, hang-up
+    // or invalid-descriptor flag, the loop logs "fd(%d): output event failed:
+    // %s" as always, then calls the listener on its own thread with no reactor
+    // lock held. There the owner may remove the handler, drop its last
+    // reference (it is destroyed when the cycle ends), or requestExit().
+    // A listener that does none of these is called again on every cycle, as
+    // the flag stays; one that removes the only handler leaves the loop
+    // spinning for handlers unless it also requests exit.
+    // Without a listener nothing is called: the flag is only logged.
+    // Thread: any, before or while loop() runs, also from inside the listener;
+    // a call that races with a dispatch takes effect at that dispatch or the
+    // next.
+    void setHangUpListener(HangUpListener listener);
+
     // The two halves of a cycle's dispatch, called by loop() on its thread.
     //
     // True when `event` (the exit eventfd's poll result) has POLLIN; the
@@ -93,7 +119,8 @@ class IPC_EXPORT DefaultReactor {
     bool handleExitEvent(const std::pair<int, short>& event);
     // Calls, for each ready (fd, revents) of `events`, the handler of that
     // descriptor found by binary search in `ascendingActiveHandlers`, when
-    // revents hold every event its type() asks for. A list out of ascending
+    // revents hold every event its type() asks for; for error flags, the
+    // hang-up listener instead, if one is installed. A list out of ascending
     // order, or a ready descriptor without a handler, is fatal.
     void handlePollEvent(const std::vector<std::pair<int, short>>& events,
                          const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers);
@@ -103,6 +130,10 @@ class IPC_EXPORT DefaultReactor {
     // entry is kept when its handler is alive again: the number may have been
     // reused by a handler registered after the entry was found expired.
     bool eraseEntryLocked(int fd, bool onlyIfExpired);
+    // Calls the hang-up listener, if any, for the handler of `fd`; no lock is
+    // held during the call.
+    void notifyHangUp(int fd, short revents,
+                      const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers);
 
     std::mutex mMutex;
     [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
@@ -110,6 +141,11 @@ class IPC_EXPORT DefaultReactor {
     std::map<int, std::weak_ptr<EventHandler>> mEventHandlers;  // guarded by mMutex
     std::atomic<bool> mExitRequested{false};                    // set once by requestExit()
     Kestrel::utils::sys::FileDescriptor mExitEventFd;
+
+    // Taken alone, never with mMutex: the loop copies the listener under it
+    // and calls the copy after releasing it.
+    std::mutex mListenerLock;
+    std::shared_ptr<const HangUpListener> mHangUpListener;  // guarded by mListenerLock
 };
 
 }  // namespace Kestrel::ipc

@@ -80,7 +80,16 @@ class IPC_EXPORT UnixDomainSocket {
     // payload of the sizes it announces, which replaces the old one. When the
     // payload record is refused the message keeps the new header and its old
     // payload. -14 for a null message.
-    // Blocks: until the peer sends. The message must not be used meanwhile.
+    // When only some of the announced descriptors arrive (see
+    // receiveDataAndFileDescriptors) the result is 0 and the payload's fds
+    // hold the k that arrived followed by -1 for each one lost, so a handler
+    // closing them all (the default MessageHandler does) closes only what
+    // arrived; the header still announces every descriptor sent.
+    // A peer that closes between the two records: the payload read sees end
+    // of stream, which is -61 when descriptors were announced, and 0 with
+    // the new payload's data bytes all zero when none were.
+    // Blocks: until the peer sends or closes. The message must not be used
+    // meanwhile.
     [[nodiscard]] int recv(Message* message);
     // Receives one record into the payload's existing buffers: the caller
     // sizes `data` and `fds` beforehand. -14 for a null payload.
@@ -97,11 +106,19 @@ class IPC_EXPORT UnixDomainSocket {
     // `fdCount` descriptors into `fds`.
     // With `fdCount` 0 no descriptor is taken (any the peer attached is
     // discarded by the kernel) and the result is 0.
-    // With `fdCount` > 0 the record must bring exactly `fdCount` descriptors
-    // in one SCM_RIGHTS message; on 0 they are in fds[0..fdCount) and belong
-    // to the caller. Otherwise the record is refused:
-    //   -61 ENODATA   fewer arrived, none at all included: the peer sent
-    //                 none, or it has closed (a read of 0 bytes);
+    // With `fdCount` > 0 the record should bring `fdCount` descriptors in one
+    // SCM_RIGHTS message; on 0 they are in fds[0..fdCount) and belong to the
+    // caller. When only some arrived, the result is 0 all the same: the k
+    // that arrived (the first k sent) are in fds[0..k) and belong to the
+    // caller, fds[k..fdCount) keep what the caller put there, and the error
+    // "The number of received fds(k) is less than expected(fdCount)" is
+    // logged. That is what a receiver at its open-file limit (RLIMIT_NOFILE)
+    // gets: the kernel installs what fits, closes the rest and sets
+    // MSG_CTRUNC. Pre-fill `fds` with -1 to tell the lost ones.
+    // Otherwise the record is refused:
+    //   -61 ENODATA   none arrived: the peer sent none, it has closed (a read
+    //                 of 0 bytes), or this process had no free descriptor
+    //                 number left;
     //   -90 EMSGSIZE  more arrived than expected, or the peer sent more than
     //                 the control buffer could hold;
     //   -74 EBADMSG   a control message other than SCM_RIGHTS came along

@@ -29,11 +29,6 @@ void LogCapture::record(uint32_t moduleId, const char* tag, uint32_t level, cons
     mChanged.notify_all();
 }
 
-void LogCapture::flush(int /*reason*/) {
-    std::lock_guard<std::mutex> lock(mLock);
-    ++mFlushes;
-}
-
 std::vector<LogLine> LogCapture::lines() const {
     std::lock_guard<std::mutex> lock(mLock);
     return mLines;
@@ -67,11 +62,6 @@ bool LogCapture::waitFor(const std::string& part, size_t times,
         }
         return n >= times;
     });
-}
-
-int LogCapture::flushCount() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mFlushes;
 }
 
 void LogCapture::clear() {

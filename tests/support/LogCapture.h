@@ -35,7 +35,6 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
 
     void record(uint32_t moduleId, const char* tag, uint32_t level, const char* text,
                 int length) override;
-    void flush(int reason) override;
 
     std::vector<LogLine> lines() const;
     // Number of lines whose text equals `text` exactly.
@@ -46,14 +45,12 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
     // Waits until at least `times` lines contain `part`; false on time-out.
     bool waitFor(const std::string& part, size_t times = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    int flushCount() const;
     void clear();
 
   private:
     mutable std::mutex mLock;
     mutable std::condition_variable mChanged;
     std::vector<LogLine> mLines;  // guarded by mLock
-    int mFlushes = 0;             // guarded by mLock
     ULogger* mPrevious;
     uint32_t mPreviousMode;
     uint32_t mPreviousDetails;

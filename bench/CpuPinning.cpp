@@ -1,0 +1,33 @@
+#include "CpuPinning.h"
+
+namespace velacam::bench {
+
+CpuPinning::CpuPinning(bool enabled) {
+    CPU_ZERO(&mPrevious);
+    if (!enabled) {
+        return;
+    }
+    mOk = false;
+    if (sched_getaffinity(0, sizeof(mPrevious), &mPrevious) != 0) {
+        return;
+    }
+    // The first CPU this thread may use: both processes land on the same one.
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &mPrevious)) {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(cpu, &one);
+            mOk = sched_setaffinity(0, sizeof(one), &one) == 0;
+            mPinned = mOk;
+            return;
+        }
+    }
+}
+
+CpuPinning::~CpuPinning() {
+    if (mPinned) {
+        (void)sched_setaffinity(0, sizeof(mPrevious), &mPrevious);
+    }
+}
+
+}  // namespace velacam::bench

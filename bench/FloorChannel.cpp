@@ -1,0 +1,97 @@
+// The floor's channel: a raw socket pair and a forked server running
+// RawFloor::serveEcho.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "ForkedPeer.h"
+#include "RawFloor.h"
+#include "RoundTripChannel.h"
+
+namespace velacam::bench {
+namespace {
+
+bool makeSocketPair(int pair[2]) {
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+        return false;
+    }
+    const int size = static_cast<int>(kSocketBufferSize);
+    for (int i = 0; i < 2; ++i) {
+        setsockopt(pair[i], SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+        setsockopt(pair[i], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    }
+    return true;
+}
+
+class FloorChannel : public RoundTripChannel {
+  public:
+    FloorChannel(int client, std::unique_ptr<ForkedPeer> server, const RoundTripShape& shape)
+        : mClient(client),
+          mServer(std::move(server)),
+          mSent(shape.fds),
+          mData(shape.payload, 0x5a),
+          mReply(raw::kMaxData) {
+        raw::packHeader(
+                {7, 1, 0, static_cast<uint32_t>(shape.payload), static_cast<uint16_t>(shape.fds)},
+                mHeader);
+    }
+    ~FloorChannel() override {
+        (void)finish();
+        close(mClient);
+    }
+
+    bool roundTrip() override {
+        return raw::roundTrip(mClient, mHeader, mData.data(), mData.size(), mSent.fds().data(),
+                              mSent.fds().size(), mReply.data());
+    }
+
+    bool finish() override {
+        if (!mServer) {
+            return true;
+        }
+        uint8_t stop[raw::kHeaderSize];
+        raw::packHeader({0, raw::kStopType, 0, 0, 0}, stop);
+        // The server ends on the header alone.
+        const bool sent = raw::sendRecord(mClient, stop, sizeof(stop), nullptr, 0);
+        const bool joined = mServer->join();
+        mServer.reset();
+        return sent && joined;
+    }
+
+  private:
+    int mClient;
+    std::unique_ptr<ForkedPeer> mServer;
+    SentDescriptors mSent;
+    std::vector<uint8_t> mData;
+    std::vector<uint8_t> mReply;
+    uint8_t mHeader[raw::kHeaderSize];
+};
+
+}  // namespace
+
+std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape) {
+    int pair[2];
+    if (!makeSocketPair(pair)) {
+        return nullptr;
+    }
+    const size_t idleCount = shape.idle;
+    auto server = std::make_unique<ForkedPeer>([&] {
+        close(pair[0]);
+        IdleSockets idle(idleCount);
+        if (!idle.ok()) {
+            return 1;
+        }
+        return raw::serveEcho(pair[1], idle.watched().data(), idle.watched().size());
+    });
+    close(pair[1]);
+    if (!server->started()) {
+        close(pair[0]);
+        return nullptr;
+    }
+    return std::make_unique<FloorChannel>(pair[0], std::move(server), shape);
+}
+
+}  // namespace velacam::bench

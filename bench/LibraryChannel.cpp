@@ -1,0 +1,195 @@
+// The library's channel, as a camera client and an algorithm server would
+// write it: the client sends a Message with UnixDomainSocket::send and waits
+// for the reply with recv; the server runs a DefaultReactor whose
+// SocketEventHandler's runnable reads the request with receiveMessage, sends
+// it back with sendMessage and hands it to the default MessageHandler, which
+// closes the descriptors that came with it. The client disposes of the reply
+// the same way.
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/SocketPair.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/Runnable.h>
+#include <sysutils/FileDescriptor.h>
+#include <ulog/ULogger.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "ForkedPeer.h"
+#include "RawFloor.h"
+#include "RoundTripChannel.h"
+
+namespace velacam::bench {
+namespace {
+
+using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventType;
+using Kestrel::ipc::Message;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::SocketPair;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::utils::sys::FileDescriptor;
+using Kestrel::Utils::ULog::ULogger;
+
+constexpr uint32_t kHostDetailsLevel = 5;
+
+// The server's work when its socket is readable: one request in, the same
+// message back out.
+class EchoRunnable : public Kestrel::ipc::utils::Runnable {
+  public:
+    EchoRunnable(SocketEventHandler& socket, DefaultReactor& reactor,
+                 std::shared_ptr<MessageHandler> disposer)
+        : mSocket(socket), mReactor(reactor), mDisposer(std::move(disposer)) {}
+
+    void run() override {
+        Message request(mDisposer);
+        if (mSocket.receiveMessage(&request) != 0) {
+            finish(false);
+            return;
+        }
+        if (request.type() == raw::kStopType) {
+            finish(true);
+            return;
+        }
+        const bool sent = mSocket.sendMessage(request) == 0;
+        mDisposer->handleMessage(request);
+        if (!sent) {
+            finish(false);
+        }
+    }
+
+    bool succeeded() const { return mSucceeded; }
+
+  private:
+    void finish(bool succeeded) {
+        mSucceeded = succeeded;
+        mReactor.requestExit();
+    }
+
+    SocketEventHandler& mSocket;
+    DefaultReactor& mReactor;
+    std::shared_ptr<MessageHandler> mDisposer;
+    bool mSucceeded = false;
+};
+
+int serveWithReactor(FileDescriptor&& end, size_t idleCount) {
+    IdleSockets idle(idleCount);
+    if (!idle.ok()) {
+        return 1;
+    }
+    DefaultReactor reactor;
+    std::vector<std::shared_ptr<SocketEventHandler>> idleHandlers;
+    for (int fd : idle.releaseWatched()) {
+        idleHandlers.push_back(
+                std::make_shared<SocketEventHandler>(FileDescriptor(fd, 0), EventType::READ));
+        if (!reactor.registerEventHandler(idleHandlers.back())) {
+            return 1;
+        }
+    }
+    auto served = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+    auto echo =
+            std::make_shared<EchoRunnable>(*served, reactor, std::make_shared<MessageHandler>());
+    served->setRunnable(echo);
+    if (!reactor.registerEventHandler(served)) {
+        return 1;
+    }
+    reactor.loop(std::chrono::milliseconds(0));
+    return echo->succeeded() ? 0 : 1;
+}
+
+class LibraryChannel : public RoundTripChannel {
+  public:
+    LibraryChannel(FileDescriptor&& end, std::unique_ptr<ForkedPeer> server,
+                   const RoundTripShape& shape, bool hostLogging)
+        : mServer(std::move(server)),
+          mDisposer(std::make_shared<MessageHandler>()),
+          mSent(shape.fds),
+          mRequest(mDisposer),
+          mHostLogging(hostLogging) {
+        mClient.bind(std::move(end));
+        mRequest.setHeader(7, 1, 0, static_cast<uint32_t>(shape.payload),
+                           static_cast<uint16_t>(shape.fds));
+        Message::Payload payload;
+        payload.data.assign(shape.payload, 0x5a);
+        payload.fds = mSent.fds();
+        mRequest.setPayload(payload);
+    }
+    ~LibraryChannel() override { (void)finish(); }
+
+    bool roundTrip() override {
+        const uint32_t level = ULogger::sDetailsLevel;
+        if (mHostLogging) {
+            ULogger::sDetailsLevel = kHostDetailsLevel;
+        }
+        const bool ok = exchange();
+        ULogger::sDetailsLevel = level;
+        return ok;
+    }
+
+    bool finish() override {
+        if (!mServer) {
+            return true;
+        }
+        Message stop(mDisposer);
+        stop.setHeader(0, raw::kStopType, 0, 0, 0);
+        const bool sent = mClient.send(stop) == 0;
+        const bool joined = mServer->join();
+        mServer.reset();
+        return sent && joined;
+    }
+
+  private:
+    bool exchange() {
+        if (mClient.send(mRequest) != 0) {
+            return false;
+        }
+        Message reply(mDisposer);
+        if (mClient.recv(&reply) != 0 ||
+            reply.fileDescriptorCount() != mRequest.fileDescriptorCount()) {
+            return false;
+        }
+        mDisposer->handleMessage(reply);
+        return true;
+    }
+
+    std::unique_ptr<ForkedPeer> mServer;
+    std::shared_ptr<MessageHandler> mDisposer;
+    SentDescriptors mSent;
+    UnixDomainSocket mClient;
+    Message mRequest;
+    bool mHostLogging;
+};
+
+}  // namespace
+
+std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape,
+                                                     bool hostLogging) {
+    SocketPair pair =
+            UnixDomainSocket::createPairedSocket(kSocketBufferSize, kSocketBufferSize, false);
+    if (pair.first.get() < 0) {
+        return nullptr;
+    }
+    const size_t idleCount = shape.idle;
+    auto server = std::make_unique<ForkedPeer>([&] {
+        pair.first = FileDescriptor();
+        if (hostLogging) {
+            ULogger::sDetailsLevel = kHostDetailsLevel;
+        }
+        return serveWithReactor(std::move(pair.second), idleCount);
+    });
+    pair.second = FileDescriptor();
+    if (!server->started()) {
+        return nullptr;
+    }
+    return std::make_unique<LibraryChannel>(std::move(pair.first), std::move(server), shape,
+                                            hostLogging);
+}
+
+}  // namespace velacam::bench

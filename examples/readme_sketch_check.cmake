@@ -1,0 +1,17 @@
+# The README quotes examples/sketch.cpp from its first "#include" line to the
+# end; the quoted block must equal the file's lines.
+file(READ ${README} readme)
+file(READ ${SOURCE} source)
+string(FIND "${source}" "#include" start)
+string(SUBSTRING "${source}" ${start} -1 source)
+string(FIND "${readme}" "```cpp\n#include <ipc/CBRegistry.h>" begin)
+if(begin EQUAL -1)
+    message(FATAL_ERROR "README.md does not quote examples/sketch.cpp")
+endif()
+math(EXPR begin "${begin} + 7")
+string(SUBSTRING "${readme}" ${begin} -1 rest)
+string(FIND "${rest}" "```" end)
+string(SUBSTRING "${rest}" 0 ${end} quoted)
+if(NOT quoted STREQUAL source)
+    message(FATAL_ERROR "README.md's sketch differs from examples/sketch.cpp")
+endif()

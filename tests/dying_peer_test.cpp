@@ -1,0 +1,383 @@
+// Peers that die across a real process boundary: killed mid-conversation,
+// gone between the two records of a message, or alive but out of descriptor
+// numbers. The owner hears of a hang-up once through the reactor's listener,
+// the loop then blocks again, and nothing is left open.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/Log.h>
+#include <ipc/utils/Runnable.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sysutils/FileDescriptor.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Descriptors.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+#include "support/Waiting.h"
+
+namespace {
+
+using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventHandler;
+using Kestrel::ipc::EventType;
+using Kestrel::ipc::Message;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::SocketPair;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::ipc::utils::LogSetting;
+using Kestrel::ipc::utils::Runnable;
+using Kestrel::utils::sys::FileDescriptor;
+using velacam::test::contentsOf;
+using velacam::test::DescriptorLeakCheck;
+using velacam::test::forkPeer;
+using velacam::test::LogCapture;
+using velacam::test::memoryFile;
+using velacam::test::waitPeer;
+using velacam::test::waitUntil;
+using velacam::test::Watchdog;
+using velacam::test::writeRecord;
+using namespace std::chrono_literals;
+
+class FunctionRunnable : public Runnable {
+  public:
+    explicit FunctionRunnable(std::function<void()> work) : mWork(std::move(work)) {}
+    void run() override { mWork(); }
+
+  private:
+    std::function<void()> mWork;
+};
+
+// An eventfd handler that stays registered, so that the loop has something to
+// block on once the dying peer's handler is gone; counts its dispatches.
+class Doorbell : public EventHandler {
+  public:
+    Doorbell() : Doorbell(FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), 0)) {}
+    void ring() const {
+        const uint64_t one = 1;
+        EXPECT_EQ(write(mFd.get(), &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+    }
+    void handleEvent() override {
+        uint64_t value = 0;
+        EXPECT_EQ(read(mFd.get(), &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
+        ++rings;
+    }
+    std::atomic<int> rings{0};
+
+  private:
+    explicit Doorbell(FileDescriptor&& fd)
+        : EventHandler(fd.get(), EventType::READ), mFd(std::move(fd)) {}
+    FileDescriptor mFd;
+};
+
+// Answers every message with an empty reply of the same id until end of
+// stream (a header read of 0 bytes leaves id 0).
+int echoUntilClosed(FileDescriptor&& end) {
+    UnixDomainSocket socket;
+    socket.bind(std::move(end));
+    while (true) {
+        Message request;
+        if (socket.recv(&request) != 0) {
+            return 1;
+        }
+        const uint32_t id = request.id();
+        if (id == 0) {
+            return 0;
+        }
+        Message reply;
+        reply.setHeader(id, 1, Message::kFlagReply, 0, 0);
+        if (socket.send(reply) != 0) {
+            return 2;
+        }
+    }
+}
+
+class DyingPeerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (LogSetting::logLevel() < 1) {
+            GTEST_SKIP() << "needs the debug property";
+        }
+    }
+    void TearDown() override {
+        if (loopThread.joinable()) {
+            reactor.requestExit();
+            loopThread.join();
+        }
+    }
+
+    struct LeakCheckAtEnd {
+        DescriptorLeakCheck check;
+        ~LeakCheckAtEnd() { check.check(); }
+    } leaks;
+    LogCapture capture;
+    Watchdog watchdog{"dying peer test", 60s};
+    DefaultReactor reactor;
+    std::thread loopThread;
+};
+
+TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAgain) {
+    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    ASSERT_GE(pair.first.get(), 0);
+    const pid_t child = forkPeer([&pair] {
+        pair.first = FileDescriptor();
+        return echoUntilClosed(std::move(pair.second));
+    });
+    pair.second = FileDescriptor();
+
+    std::mutex lock;
+    std::condition_variable changed;
+    std::set<uint32_t> replies;  // guarded by lock
+    std::vector<short> notices;  // guarded by lock
+    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    const int socketFd = socket->fd();
+    socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
+        Message reply;
+        if (end->receiveMessage(&reply) == 0 && reply.isReply()) {
+            std::lock_guard<std::mutex> guard(lock);
+            replies.insert(reply.id());
+        }
+        changed.notify_all();
+    }));
+    auto doorbell = std::make_shared<Doorbell>();
+    reactor.setHangUpListener([&](int fd, short revents, std::shared_ptr<EventHandler>) {
+        EXPECT_TRUE(reactor.removeEventHandlerByFd(fd));
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            notices.push_back(revents);
+        }
+        changed.notify_all();
+    });
+    ASSERT_TRUE(reactor.registerEventHandler(socket));
+    ASSERT_TRUE(reactor.registerEventHandler(doorbell));
+    loopThread = std::thread([this] { reactor.loop(0ms); });
+
+    auto waitFor = [&](const std::function<bool()>& condition) {
+        std::unique_lock<std::mutex> guard(lock);
+        return changed.wait_for(guard, 10s, condition);
+    };
+    for (uint32_t id = 1; id <= 5; ++id) {
+        Message request;
+        request.setHeader(id, 1, 0, 0, 0);
+        ASSERT_EQ(socket->sendMessage(request), 0);
+        ASSERT_TRUE(waitFor([&] { return replies.count(id) == 1; })) << "reply " << id;
+    }
+    Message last;
+    last.setHeader(6, 1, 0, 0, 0);
+    ASSERT_EQ(socket->sendMessage(last), 0);
+    ASSERT_EQ(kill(child, SIGKILL), 0);  // whether or not it answered the sixth
+    EXPECT_EQ(waitPeer(child), -1);      // killed, not exited
+
+    ASSERT_TRUE(waitFor([&] { return !notices.empty(); }));
+    // The first cycle without the socket: the doorbell and the exit eventfd.
+    ASSERT_TRUE(
+            capture.waitFor("[loop] The registered PollEvent count(2) timeout milliseconds(0)"));
+    const size_t cyclesAfterNotice = capture.count("[loop] (1)");
+    for (int ring = 1; ring <= 3; ++ring) {
+        doorbell->ring();
+        ASSERT_TRUE(waitUntil([&] { return doorbell->rings.load() == ring; }));
+    }
+    reactor.requestExit();
+    loopThread.join();
+
+    // One cycle per ring and none besides: the loop blocked in between.
+    EXPECT_EQ(capture.count("[loop] (1)"), cyclesAfterNotice + 3);
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_NE(notices[0] & POLLHUP, 0);
+    char failure[64];
+    std::snprintf(failure, sizeof(failure), "fd(%d): output event failed: ", socketFd);
+    EXPECT_EQ(capture.countContaining(failure), 1u);
+    EXPECT_EQ(capture.countContaining("hand up"), 1u);
+}
+
+// The child sends the header record of a message, waits for the word to go,
+// and exits without sending the payload record.
+pid_t peerDyingAfterTheHeader(SocketPair& pair, int goRead, uint16_t fdCount) {
+    return forkPeer([&pair, goRead, fdCount] {
+        pair.first = FileDescriptor();
+        Message announced;
+        announced.setHeader(7, 1, 0, 3, fdCount);
+        const auto [bytes, size] = announced.header();
+        if (writeRecord(pair.second.get(), bytes, size, {}) != static_cast<ssize_t>(size)) {
+            return 1;
+        }
+        char go = 0;
+        return read(goRead, &go, 1) == 1 ? 0 : 2;
+    });
+}
+
+TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticedOnce) {
+    for (const uint16_t fdCount : {uint16_t{1}, uint16_t{0}}) {
+        SCOPED_TRACE(fdCount);
+        DefaultReactor perRun;  // exit is permanent: one reactor per round
+        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+        ASSERT_GE(pair.first.get(), 0);
+        int go[2];
+        ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
+        FileDescriptor goRead(go[0], 0);
+        FileDescriptor goWrite(go[1], 0);
+        const pid_t child = peerDyingAfterTheHeader(pair, goRead.get(), fdCount);
+        pair.second = FileDescriptor();
+        goRead = FileDescriptor();
+
+        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+        Message received;
+        int result = 1;
+        int calls = 0;
+        int notices = 0;
+        socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
+            ++calls;
+            // Let the peer go; it may close before or during the payload read.
+            EXPECT_EQ(write(goWrite.get(), "g", 1), 1);
+            result = end->receiveMessage(&received);
+        }));
+        perRun.setHangUpListener([&](int fd, short, std::shared_ptr<EventHandler>) {
+            ++notices;
+            EXPECT_TRUE(perRun.removeEventHandlerByFd(fd));
+            perRun.requestExit();
+        });
+        ASSERT_TRUE(perRun.registerEventHandler(socket));
+        perRun.loop(0ms);
+        EXPECT_EQ(waitPeer(child), 0);
+
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(notices, 1);
+        EXPECT_EQ(received.id(), 7u);
+        if (fdCount != 0) {
+            EXPECT_EQ(result, -ENODATA);
+            EXPECT_TRUE(received.payload().data.empty());  // the old, empty payload
+        } else {
+            // End of stream is not told apart from an empty record: the
+            // announced data bytes stay zero.
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{0, 0, 0}));
+        }
+    }
+    EXPECT_EQ(capture.countContaining("receive file descriptors and message failed"), 1u);
+}
+
+// Lowers this process's open-file limit so that exactly `free` descriptor
+// numbers are left for new descriptors; returns the limit before.
+rlimit leaveFreeDescriptors(size_t free) {
+    const std::set<int> open = velacam::test::openDescriptors();
+    rlimit before{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlim_t limit = 0;
+    for (size_t seen = 0;; ++limit) {
+        if (open.count(static_cast<int>(limit)) == 0 && seen++ == free) {
+            break;
+        }
+    }
+    rlimit lowered = before;
+    lowered.rlim_cur = limit;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    return before;
+}
+
+TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFirstSlots) {
+    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    ASSERT_GE(pair.first.get(), 0);
+    int report[2];
+    ASSERT_EQ(pipe2(report, O_CLOEXEC), 0);
+    FileDescriptor reportRead(report[0], 0);
+    FileDescriptor reportWrite(report[1], 0);
+
+    // The receiver: a child, so that the lowered limit stays there. It writes what it saw as one line of text.
+    const pid_t child = forkPeer([&] {
+        pair.second = FileDescriptor();
+        reportRead = FileDescriptor();
+        FileDescriptor devNull(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+        if (dup2(devNull.get(), 0) != 0) {
+            return 1;
+        }
+        devNull = FileDescriptor();
+        UnixDomainSocket socket;
+        socket.bind(std::move(pair.first));
+        std::string seen;
+
+        // The first message arrives whole. Receiving it also lets the
+        // undefined-behaviour checker see the types involved while it can
+        // still open the descriptor it needs for that.
+        Message whole;
+        seen += "whole:" + std::to_string(socket.recv(&whole)) + " slots:";
+        for (int fd : whole.payload().fds) {
+            seen += contentsOf(fd) + ",";
+        }
+        MessageHandler().handleMessage(whole);
+
+        Message none;
+        rlimit saved = leaveFreeDescriptors(0);
+        const int noneResult = socket.recv(&none);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        seen += " none:" + std::to_string(noneResult);
+
+        Message some;
+        saved = leaveFreeDescriptors(1);
+        const int someResult = socket.recv(&some);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        const Message::Payload payload = some.payload();
+        seen += " some:" + std::to_string(someResult) +
+                " data:" + std::string(payload.data.begin(), payload.data.end()) + " slots:";
+        for (int fd : payload.fds) {
+            seen += fd < 0 ? std::to_string(fd) + "," : (contentsOf(fd) + ",");
+        }
+        // The default handler closes every slot: the descriptor that arrived,
+        // and nothing for the lost ones, which hold -1.
+        MessageHandler().handleMessage(some);
+        seen += velacam::test::isOpen(0) ? " stdin:open" : " stdin:closed";
+        seen += " lines:" + std::to_string(capture.count(
+                                    "The number of received fds(1) is less than expected(3)"));
+        seen += "\n";
+        return write(reportWrite.get(), seen.data(), seen.size()) ==
+                               static_cast<ssize_t>(seen.size())
+                       ? 0
+                       : 3;
+    });
+    pair.first = FileDescriptor();
+    reportWrite = FileDescriptor();
+
+    UnixDomainSocket sender;
+    sender.bind(std::move(pair.second));
+    std::vector<FileDescriptor> files;
+    Message::Payload payload;
+    payload.data = {'a', 'b', 'c'};
+    for (const char* contents : {"first", "second", "third"}) {
+        files.push_back(memoryFile(contents));
+        payload.fds.push_back(files.back().get());
+    }
+    for (int message = 0; message < 3; ++message) {
+        Message request;
+        request.setHeader(static_cast<uint32_t>(message + 1), 1, 0, 0, 0);
+        request.setPayload(payload);
+        ASSERT_EQ(sender.send(request), 0);
+    }
+    EXPECT_EQ(waitPeer(child), 0);
+    char text[256] = {};
+    ASSERT_GT(read(reportRead.get(), text, sizeof(text) - 1), 0);
+    EXPECT_STREQ(text,
+                 "whole:0 slots:first,second,third, none:-61 some:0 data:abc slots:first,-1,-1, "
+                 "stdin:open lines:1\n");
+}
+
+}  // namespace
