@@ -44,9 +44,17 @@ void takeDelivery(const Message& message, const std::set<int>& before) {
         fail("descriptors handed over differ from the announced count",
              static_cast<long>(payload.fds.size()));
     }
+    // The descriptors that arrived come first; a slot whose descriptor was
+    // lost (the peer sent fewer than announced) holds -1.
     std::set<int> handed;
+    bool lostOne = false;
     for (int fd : payload.fds) {
-        if (before.count(fd) != 0 || !handed.insert(fd).second || ::fcntl(fd, F_GETFD) < 0) {
+        if (fd == -1) {
+            lostOne = true;
+            continue;
+        }
+        if (lostOne || before.count(fd) != 0 || !handed.insert(fd).second ||
+            ::fcntl(fd, F_GETFD) < 0) {
             fail("handed-over number is not a new open descriptor", fd);
         }
     }

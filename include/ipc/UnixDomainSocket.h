@@ -32,7 +32,8 @@
 // kept by the message), and up to 65535 descriptors, 4 bytes each for the
 // slots and again for the control buffer (256 KiB each at most). The kernel
 // passes at most 253 descriptors in one record, so a header announcing more
-// always ends in -61. When the memory cannot be had, std::bad_alloc leaves
+// is served in part at best: 253 arrive, the other slots hold -1. When the
+// memory cannot be had, std::bad_alloc leaves
 // recv() with the header consumed and the payload record still queued, which
 // the next receive would take for a header: treat the connection as broken.
 // A receiver that cannot afford what a peer may announce reads the header
