@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -85,6 +86,33 @@ std::string line(const char* format, int value) {
     return text;
 }
 
+// The levels `text` was logged at.
+std::set<uint32_t> levelsOf(const LogCapture& capture, const std::string& text) {
+    std::set<uint32_t> levels;
+    for (const auto& logged : capture.lines()) {
+        if (logged.text == text) {
+            levels.insert(logged.level);
+        }
+    }
+    return levels;
+}
+
+// A pipe whose read end holds one byte; `closeWriter` makes it hang up too.
+struct FilledPipe {
+    explicit FilledPipe(bool closeWriter) {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        readEnd = FileDescriptor(ends[0], 0);
+        writeEnd = FileDescriptor(ends[1], 0);
+        EXPECT_EQ(write(writeEnd.get(), "x", 1), 1);
+        if (closeWriter) {
+            writeEnd = FileDescriptor();
+        }
+    }
+    FileDescriptor readEnd;
+    FileDescriptor writeEnd;
+};
+
 class DefaultReactorTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -133,6 +161,7 @@ TEST_F(DefaultReactorTest, LoopWaitsForTheFirstRegistration) {
 }
 
 TEST_F(DefaultReactorTest, ExitRequestedBeforeLoopEndsItAfterOneCycle) {
+    EXPECT_FALSE(reactor->handleExitEvent({-1, POLLOUT}));  // no POLLIN: not an exit
     reactor->requestExit();
     EXPECT_EQ(capture.count("[requestExit] bytes_sent(8)"), 1u);
     reactor->loop(0ms);
@@ -151,7 +180,6 @@ TEST_F(DefaultReactorTest, DroppedHandlerIsRemovedAsExpiredWithoutDispatch) {
     auto droppedHandler = drainingHandler(dropped);
     ASSERT_TRUE(reactor->registerEventHandler(keptHandler));
     ASSERT_TRUE(reactor->registerEventHandler(droppedHandler));
-    std::weak_ptr<CountingHandler> watch = droppedHandler;
     droppedHandler.reset();
     dropped.signal();  // ready, but nobody may be called for it
 
@@ -168,7 +196,19 @@ TEST_F(DefaultReactorTest, DroppedHandlerIsRemovedAsExpiredWithoutDispatch) {
     EXPECT_EQ(capture.count(line("handler(key: %d) does not registered before", dropped.fd())), 1u);
 }
 
-TEST_F(DefaultReactorTest, DuplicateKeyIsRefusedButStillReleasesTheGate) {
+// A duplicate key is refused yet releases the start gate; an expired handler
+// is refused and does not.
+TEST_F(DefaultReactorTest, RefusedRegistrations) {
+    auto gone = std::make_shared<CountingHandler>(5, EventType::READ);
+    std::weak_ptr<EventHandler> expired = gone;
+    gone.reset();
+    EXPECT_FALSE(reactor->registerEventHandler(expired));
+    EXPECT_FALSE(reactor->removeEventHandler(expired));
+    EXPECT_EQ(capture.count("event handler is expired"), 2u);
+    EXPECT_EQ(capture.countContaining("Release Semaphore of Reactor"), 0u);
+    EXPECT_FALSE(reactor->removeEventHandlerByFd(5));
+    EXPECT_EQ(capture.count("handler(key: 5) does not registered before"), 1u);
+
     Event event;
     auto first = drainingHandler(event);
     auto second = drainingHandler(event);
@@ -176,11 +216,7 @@ TEST_F(DefaultReactorTest, DuplicateKeyIsRefusedButStillReleasesTheGate) {
     EXPECT_FALSE(reactor->registerEventHandler(second));
     const std::string warning = line("handler(key: %d) already existed", event.fd());
     ASSERT_EQ(capture.count(warning), 1u);
-    for (const auto& logged : capture.lines()) {
-        if (logged.text == warning) {
-            EXPECT_EQ(logged.level, 2u);
-        }
-    }
+    EXPECT_EQ(levelsOf(capture, warning), std::set<uint32_t>{2});
     EXPECT_EQ(capture.count("[registerEventHandler] Release Semaphore of Reactor"), 2u);
 
     event.signal();
@@ -188,18 +224,6 @@ TEST_F(DefaultReactorTest, DuplicateKeyIsRefusedButStillReleasesTheGate) {
     ASSERT_TRUE(waitUntil([&] { return first->calls.load() == 1; }));
     stopLoop();
     EXPECT_EQ(second->calls.load(), 0);
-}
-
-TEST_F(DefaultReactorTest, ExpiredHandlerIsNeitherRegisteredNorRemovedAndKeepsTheGateShut) {
-    auto handler = std::make_shared<CountingHandler>(5, EventType::READ);
-    std::weak_ptr<EventHandler> expired = handler;
-    handler.reset();
-    EXPECT_FALSE(reactor->registerEventHandler(expired));
-    EXPECT_FALSE(reactor->removeEventHandler(expired));
-    EXPECT_EQ(capture.count("event handler is expired"), 2u);
-    EXPECT_EQ(capture.countContaining("Release Semaphore of Reactor"), 0u);
-    EXPECT_FALSE(reactor->removeEventHandlerByFd(5));
-    EXPECT_EQ(capture.count("handler(key: 5) does not registered before"), 1u);
 }
 
 TEST_F(DefaultReactorTest, IdleCyclesWithATimeoutLogPollTimedOut) {
@@ -212,43 +236,26 @@ TEST_F(DefaultReactorTest, IdleCyclesWithATimeoutLogPollTimedOut) {
     EXPECT_EQ(handler->calls.load(), 0);
     EXPECT_GE(capture.count("[loop] The registered PollEvent count(2) timeout milliseconds(100)"),
               3u);
-    for (const auto& logged : capture.lines()) {
-        if (logged.text == "poll timed out") {
-            EXPECT_EQ(logged.level, 2u);
-        }
-    }
+    EXPECT_EQ(levelsOf(capture, "poll timed out"), std::set<uint32_t>{2});
 }
 
 TEST_F(DefaultReactorTest, HangUpIsReportedAndNotDispatched) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    FileDescriptor readEnd(ends[0], 0);
-    {
-        FileDescriptor writeEnd(ends[1], 0);
-        ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
-    }  // closed: the read end now reports POLLIN | POLLHUP
-    auto handler = std::make_shared<CountingHandler>(readEnd.get(), EventType::READ);
+    const FilledPipe hungUp(true);  // POLLIN | POLLHUP
+    const int fd = hungUp.readEnd.get();
+    auto handler = std::make_shared<CountingHandler>(fd, EventType::READ);
     ASSERT_TRUE(reactor->registerEventHandler(handler));
     startLoop(100ms);
-    const std::string failure = line("fd(%d): output event failed: |hand up|", readEnd.get());
+    const std::string failure = line("fd(%d): output event failed: |hand up|", fd);
     ASSERT_TRUE(capture.waitFor(failure, 2));  // reported again each cycle
     stopLoop();
     EXPECT_EQ(handler->calls.load(), 0);
-    for (const auto& logged : capture.lines()) {
-        if (logged.text == failure) {
-            EXPECT_EQ(logged.level, 1u);
-        }
-    }
+    EXPECT_EQ(levelsOf(capture, failure), std::set<uint32_t>{1});
 }
 
 TEST_F(DefaultReactorTest, WriteHandlerIsNotCalledWhenOnlyReadable) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    FileDescriptor readEnd(ends[0], 0);
-    FileDescriptor writeEnd(ends[1], 0);
-    ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
-    // Asked for POLLOUT, polled for POLLOUT: a read end never reports it, so
-    // this handler is only seen when another descriptor makes the cycle end.
+    const FilledPipe pipe(false);
+    const FileDescriptor& readEnd = pipe.readEnd;
+    // A read end never reports POLLOUT: only the exit descriptor ends the cycle.
     auto writer = std::make_shared<CountingHandler>(readEnd.get(), EventType::WRITE);
     ASSERT_TRUE(reactor->registerEventHandler(writer));
     reactor->requestExit();
@@ -268,33 +275,9 @@ TEST_F(DefaultReactorTest, WriteHandlerIsNotCalledWhenOnlyReadable) {
     EXPECT_EQ(writer->calls.load(), 1);
 }
 
-TEST_F(DefaultReactorTest, HandlerReadyWithTheExitEventRunsBeforeTheLoopReturns) {
-    Event event;
-    auto handler = drainingHandler(event);
-    ASSERT_TRUE(reactor->registerEventHandler(handler));
-    event.signal();
-    reactor->requestExit();
-    reactor->loop(0ms);
-    EXPECT_EQ(handler->calls.load(), 1);
-    EXPECT_EQ(capture.count("[loop] (1)"), 1u);
-    const auto lines = capture.lines();
-    size_t dispatched = lines.size();
-    size_t exited = lines.size();
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i].text ==
-            line("[handlePollEvent] dispatch to event handler(fd:%d)", event.fd())) {
-            dispatched = i;
-        }
-        if (lines[i].text == "[loop] reactor exits now") {
-            exited = i;
-        }
-    }
-    ASSERT_LT(dispatched, lines.size());
-    ASSERT_LT(exited, lines.size());
-    EXPECT_LT(dispatched, exited);
-}
-
-TEST_F(DefaultReactorTest, DispatchIsInAscendingDescriptorOrder) {
+// Handlers ready in the cycle that sees the exit request all run, in
+// ascending descriptor order, before the loop returns.
+TEST_F(DefaultReactorTest, HandlersReadyWithTheExitEventRunInOrderBeforeTheLoopReturns) {
     std::vector<Event> events(4);
     std::vector<int> order;  // appended on the reactor's thread only
     std::vector<std::shared_ptr<CountingHandler>> handlers;
@@ -312,6 +295,18 @@ TEST_F(DefaultReactorTest, DispatchIsInAscendingDescriptorOrder) {
     reactor->loop(0ms);
     ASSERT_EQ(order.size(), 4u);
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(capture.count("[loop] (1)"), 1u);
+    const auto lines = capture.lines();
+    const auto exited = std::find_if(lines.begin(), lines.end(), [](const auto& logged) {
+        return logged.text == "[loop] reactor exits now";
+    });
+    const auto lastDispatch = std::find_if(lines.begin(), lines.end(), [&](const auto& logged) {
+        return logged.text ==
+               line("[handlePollEvent] dispatch to event handler(fd:%d)", order.back());
+    });
+    ASSERT_NE(exited, lines.end());
+    ASSERT_NE(lastDispatch, lines.end());
+    EXPECT_LT(lastDispatch, exited);
 }
 
 // Handlers register and remove handlers from inside handleEvent() while other
@@ -353,11 +348,6 @@ TEST_F(DefaultReactorTest, RegistrationAndRemovalFromAnyThreadAndFromInsideHandl
     EXPECT_EQ(self->calls.load(), 1);
 }
 
-TEST_F(DefaultReactorTest, ExitEventWithoutPollInIsNotAnExit) {
-    EXPECT_FALSE(reactor->handleExitEvent({-1, POLLOUT}));
-    EXPECT_EQ(capture.count("[handleExitEvent] exit event happened"), 0u);
-}
-
 TEST(DefaultReactorLifetime, ReactorClosesItsExitDescriptor) {
     DescriptorLeakCheck leaks;
     {
@@ -369,32 +359,22 @@ TEST(DefaultReactorLifetime, ReactorClosesItsExitDescriptor) {
 }
 
 // The fatal checks, each with its exact text.
-TEST(DefaultReactorDeathTest, ActiveHandlersOutOfOrderAbort) {
+TEST(DefaultReactorDeathTest, InconsistentDispatchOrUnreadableExitEventAborts) {
     DefaultReactor reactor;
     auto seven = std::make_shared<CountingHandler>(7, EventType::READ);
     auto five = std::make_shared<CountingHandler>(5, EventType::READ);
     EXPECT_DEATH(reactor.handlePollEvent({}, {seven, five}),
                  "ascendingActiveHandlers is not in ascending order: \\{ 7 5 \\}");
-}
-
-TEST(DefaultReactorDeathTest, ReadyDescriptorWithoutHandlerAborts) {
-    DefaultReactor reactor;
-    auto five = std::make_shared<CountingHandler>(5, EventType::READ);
     EXPECT_DEATH(reactor.handlePollEvent({{9, POLLIN}}, {five}),
                  "cannot find event handler \\(fd:9\\)");
     EXPECT_DEATH(reactor.handlePollEvent({{9, POLLIN}}, {}),
                  "cannot find event handler \\(fd:9\\)");
-}
-
-TEST(DefaultReactorDeathTest, ExitEventThatCannotBeReadAborts) {
-    DefaultReactor reactor;
     EXPECT_DEATH(reactor.handleExitEvent({-1, POLLIN}),
                  "handle exit event failed \\(Resource temporarily unavailable\\)");
 }
 
-// Leaves this process no descriptor to spare, then makes a reactor. One
-// reactor is made first, while descriptors can still be opened, because the
-// undefined-behaviour checker needs one to check a type it has not seen.
+// Leaves no descriptor to spare, then makes a reactor (one made first: the
+// undefined-behaviour checker needs a descriptor to check a new type).
 void constructWithoutDescriptorsToSpare() {
     { DefaultReactor first; }
     const rlimit none = {0, 0};
