@@ -16,12 +16,10 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <sys/wait.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
 #include <condition_variable>
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -32,6 +30,7 @@
 
 #include "support/Descriptors.h"
 #include "support/FunctionRunnable.h"
+#include "support/RawPeer.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -46,8 +45,10 @@ using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::UnixDomainSocket;
 using Kestrel::utils::sys::FileDescriptor;
 using velacam::test::DescriptorLeakCheck;
+using velacam::test::forkPeer;
 using velacam::test::FunctionRunnable;
 using velacam::test::openDescriptors;
+using velacam::test::waitPeer;
 using velacam::test::Watchdog;
 using namespace std::chrono_literals;
 
@@ -138,7 +139,6 @@ class ServiceHandler : public MessageHandler {
 // The algorithm side, run in the child on its end of the pair. Returns one
 // of the ServiceResult codes.
 int runService(FileDescriptor end) {
-    Watchdog watchdog("algorithm side", 20s);
     const int socketFd = end.get();
     std::set<int> expected = openDescriptors();
     expected.erase(socketFd);
@@ -202,7 +202,7 @@ class Replies {
 };
 
 // Runs `action` when the scope ends, so that a failed assertion still stops
-// threads and reaps the child.
+// the reactor's thread.
 class ScopeExit {
   public:
     explicit ScopeExit(std::function<void()> action) : mAction(std::move(action)) {}
@@ -214,42 +214,16 @@ class ScopeExit {
     std::function<void()> mAction;
 };
 
-// Waits up to `limit` for `pid`; kills it when it does not end in time.
-int waitForChild(pid_t pid, std::chrono::milliseconds limit) {
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            ADD_FAILURE() << "the algorithm side did not end in time";
-            return -1;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return status;
-}
-
 TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) {
     DescriptorLeakCheck leaks;
     {
         Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
         ASSERT_GE(pair.first.get(), 0);
-        std::fflush(nullptr);
-        const pid_t child = fork();  // no other thread exists yet
-        ASSERT_GE(child, 0);
-        if (child == 0) {
+        const pid_t child = forkPeer([&pair] {  // no other thread exists yet
             pair.first = FileDescriptor();
-            _exit(runService(std::move(pair.second)));
-        }
-        pair.second = FileDescriptor();
-        bool reaped = false;
-        const ScopeExit reapChild([&] {
-            if (!reaped) {
-                kill(child, SIGKILL);
-                waitpid(child, nullptr, 0);
-            }
+            return runService(std::move(pair.second));
         });
+        pair.second = FileDescriptor();
 
         Watchdog watchdog("camera side", 30s);
         DefaultReactor reactor;
@@ -316,10 +290,7 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
         Message quit;
         quit.setHeader(0, kQuit, 0, 0, 0);
         ASSERT_EQ(socket->sendMessage(quit), 0);
-        const int status = waitForChild(child, 20s);
-        reaped = true;
-        ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
-        EXPECT_EQ(WEXITSTATUS(status), kServiceOk);
+        EXPECT_EQ(waitPeer(child), kServiceOk);
     }
     leaks.check();
 }
