@@ -66,7 +66,7 @@ TEST(DurationToTimespec, SplitsSecondsAndNanosecondsWithTruncation) {
     EXPECT_EQ(small.tv_nsec, -999);
 }
 
-TEST_F(PollerTest, RegisterTwice_OverwritesMaskInPlace) {
+TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
     Poller poller;
     poller.registerPollEvent(7, POLLIN);
     poller.registerPollEvent(9, POLLPRI);
@@ -77,10 +77,10 @@ TEST_F(PollerTest, RegisterTwice_OverwritesMaskInPlace) {
         EXPECT_EQ(capture.count("[registerPollEvent] fd(7) is registered before, overwrites it"),
                   1u);
     }
-}
 
-TEST_F(PollerTest, Unregister_KeepsTheOthersInOrderAndRefusesUnknown) {
-    Poller poller;
+    // Removal keeps the others in order and refuses an unknown descriptor.
+    poller.clear();
+    EXPECT_TRUE(poller.registeredPollEvents().empty());
     poller.registerPollEvent(3, POLLIN);
     poller.registerPollEvent(4, POLLOUT);
     poller.registerPollEvent(5, POLLIN);
@@ -110,41 +110,38 @@ TEST_F(PollerTest, Unregister_KeepsTheOthersInOrderAndRefusesUnknown) {
     EXPECT_EQ(poller.registeredPollEvents().size(), 2u);
 }
 
-TEST_F(PollerTest, DumpAndClear) {
+TEST_F(PollerTest, PollOnEmptySet_ReturnsAtOnceWithErrnoUntouched) {
     Poller poller;
     poller.dump();
     EXPECT_EQ(capture.count("mPollfds is empty"), 1u);
-    poller.registerPollEvent(3, POLLIN);
-    poller.registerPollEvent(4, POLLIN);
-    poller.clear();
-    EXPECT_TRUE(poller.registeredPollEvents().empty());
-    EXPECT_FALSE(poller.unregisterPollEvent(3));
-}
-
-TEST_F(PollerTest, PollOnEmptySet_ReturnsAtOnceWithErrnoUntouched) {
-    Poller poller;
     errno = 12345;
     EXPECT_TRUE(poller.poll(0ms).empty());  // 0 would wait forever if it reached ppoll
     EXPECT_EQ(errno, 12345);
     EXPECT_EQ(capture.count("no available registered file descriptor, do nothing"), 1u);
 }
 
+// Every entry is reported in registration order, idle ones too, and a closed
+// peer's hang-up even with an empty mask.
 TEST_F(PollerTest, PollReportsEveryEntryInOrderIncludingIdleOnes) {
-    Pipe a, b, c;
+    Pipe a, b, c, d;
     b.signal();
+    d.writeEnd = FileDescriptor();
     Poller poller;
     poller.registerPollEvent(c.readEnd.get(), POLLIN);
     poller.registerPollEvent(b.readEnd.get(), POLLIN);
     poller.registerPollEvent(a.readEnd.get(), POLLIN);
+    poller.registerPollEvent(d.readEnd.get(), 0);
     const Events result = poller.poll(1000ms);
-    EXPECT_EQ(result,
-              (Events{{c.readEnd.get(), 0}, {b.readEnd.get(), POLLIN}, {a.readEnd.get(), 0}}));
+    EXPECT_EQ(result, (Events{{c.readEnd.get(), 0},
+                              {b.readEnd.get(), POLLIN},
+                              {a.readEnd.get(), 0},
+                              {d.readEnd.get(), POLLHUP}}));
     // The stored entries are not written by a wait.
     Poller copy(poller);
     EXPECT_EQ(copy.registeredPollEvents(), poller.registeredPollEvents());
 }
 
-TEST_F(PollerTest, PollTimeOut_GivesEmptyResultAndEtime) {
+TEST_F(PollerTest, PollTimeOutAndFailure_GiveEmptyResultsWithTheirErrno) {
     Pipe idle;
     Poller poller;
     poller.registerPollEvent(idle.readEnd.get(), POLLIN);
@@ -157,24 +154,12 @@ TEST_F(PollerTest, PollTimeOut_GivesEmptyResultAndEtime) {
                                 "ready(Timer expired) errno(62)"),
                   1u);
     }
-}
 
-TEST_F(PollerTest, PollFailure_GivesEmptyResultWithTheCallsErrno) {
-    Pipe idle;
-    Poller poller;
-    poller.registerPollEvent(idle.readEnd.get(), POLLIN);
+    // A failed wait: empty too, with the call's errno.
     EXPECT_TRUE(poller.poll(-5ms).empty());  // a negative time-out is rejected by ppoll
     EXPECT_EQ(errno, EINVAL);
     ASSERT_EQ(capture.count("ppoll() failed(Invalid argument) errno(22)"), 1u);
     EXPECT_EQ(capture.lines().back().level, 1u);
-}
-
-TEST_F(PollerTest, PollReportsHangUpOfAClosedPeerUnasked) {
-    Pipe pipe;
-    Poller poller;
-    poller.registerPollEvent(pipe.readEnd.get(), 0);  // an empty mask still reports errors
-    pipe.writeEnd = FileDescriptor();
-    EXPECT_EQ(poller.poll(1000ms), (Events{{pipe.readEnd.get(), POLLHUP}}));
 }
 
 TEST_F(PollerTest, ZeroTimeout_WaitsUntilTheDescriptorIsReady) {
