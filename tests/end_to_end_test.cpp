@@ -19,7 +19,6 @@
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -176,31 +175,6 @@ int runService(FileDescriptor end) {
     return result;
 }
 
-// Collects the camera side's callbacks, which run on its reactor's thread.
-class Replies {
-  public:
-    std::function<void(uint8_t)> callbackFor(uint32_t id) {
-        return [this, id](uint8_t status) {
-            std::lock_guard<std::mutex> lock(mLock);
-            mStatuses[id].push_back(status);
-            mChanged.notify_all();
-        };
-    }
-    bool waitForAll(size_t count) {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mChanged.wait_for(lock, 10s, [&] { return mStatuses.size() >= count; });
-    }
-    std::map<uint32_t, std::vector<uint8_t>> statuses() {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mStatuses;
-    }
-
-  private:
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::map<uint32_t, std::vector<uint8_t>> mStatuses;  // guarded by mLock
-};
-
 // Runs `action` when the scope ends, so that a failed assertion still stops
 // the reactor's thread.
 class ScopeExit {
@@ -228,7 +202,8 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
         Watchdog watchdog("camera side", 30s);
         DefaultReactor reactor;
         CBRegistry registry(1);
-        Replies replies;
+        std::mutex lock;
+        std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
         auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
         std::atomic<int> receiveFailures{0};
         socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
@@ -261,16 +236,20 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
             payload.fds = {writeEnd.get()};
             request.setPayload(payload);
             request.setHeader(kFirstId + i, kWork, 0, 1, 1);
-            registry.registerCB(request, replies.callbackFor(kFirstId + i));
+            registry.registerCB(request, [&, id = kFirstId + i](uint8_t status) {
+                std::lock_guard<std::mutex> guard(lock);
+                statuses[id].push_back(status);
+            });
             ASSERT_EQ(socket->sendMessage(request), 0);
         }
 
-        ASSERT_TRUE(replies.waitForAll(kRequests));
+        ASSERT_TRUE(velacam::test::waitUntil([&] {
+            std::lock_guard<std::mutex> guard(lock);
+            return statuses.size() >= kRequests;
+        }));
         reactor.requestExit();
-        reactorThread.join();
+        reactorThread.join();  // statuses is ours alone from here
         EXPECT_EQ(receiveFailures.load(), 0);
-
-        const auto statuses = replies.statuses();
         for (uint32_t i = 0; i < kRequests; ++i) {
             const auto found = statuses.find(kFirstId + i);
             ASSERT_NE(found, statuses.end()) << "no reply for request " << i;
