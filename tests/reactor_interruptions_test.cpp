@@ -77,24 +77,23 @@ void runOneRound(ExitTiming timing, bool withHandler, int jitter, LogCapture& ca
         reactor.requestExit();
     }
     std::atomic<bool> go{false};
-    std::thread loopThread([&] {
+    const auto awaitGo = [&go] {
         while (!go.load()) {
             std::this_thread::yield();
         }
+    };
+    std::thread loopThread([&] {
+        awaitGo();
         reactor.loop(0ms);
     });
     std::thread requester([&] {
-        while (!go.load()) {
-            std::this_thread::yield();
-        }
+        awaitGo();
         if (timing == ExitTiming::kTogether) {
             for (int i = 0; i < jitter; ++i) {
                 std::this_thread::yield();
             }
             reactor.requestExit();
-        } else if (timing == ExitTiming::kAfterStart) {
-            // Inside loop(): at the start gate without a handler, cycling
-            // with one.
+        } else if (timing == ExitTiming::kAfterStart) {  // at the gate, or cycling
             EXPECT_TRUE(capture.waitFor(withHandler ? "[handlePollEvent] dispatch"
                                                     : "[loop] Block to wait for signal"));
             reactor.requestExit();
