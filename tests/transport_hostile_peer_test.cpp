@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "support/Descriptors.h"
-#include "support/Emulation.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
 
@@ -91,9 +90,6 @@ TEST_F(HostilePeerTest, OneMoreThanAnOddExpectedCount_IsRefusedWithMinus90AndClo
 }
 
 TEST_F(HostilePeerTest, MoreThanAnEvenExpectedCount_IsRefusedWithMinus90AndClosed) {
-    if (velacam::test::undeliveredDescriptorsStayOpen()) {
-        GTEST_SKIP() << "descriptors the receive has no room for stay open under this emulator";
-    }
     // Two expected, five sent: the kernel delivers two and drops the rest.
     ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(5)), 2);
     EXPECT_EQ(receive(2), -EMSGSIZE);
@@ -134,9 +130,6 @@ TEST_F(HostilePeerTest, ClosedPeerWhereDescriptorsAreExpected_IsRefusedWithMinus
 }
 
 TEST_F(HostilePeerTest, DescriptorsWhereNoneAreExpected_AreDroppedByTheKernel) {
-    if (velacam::test::undeliveredDescriptorsStayOpen()) {
-        GTEST_SKIP() << "descriptors the receive has no room for stay open under this emulator";
-    }
     ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(3)), 2);
     EXPECT_EQ(receive(0), 0);
     EXPECT_EQ(slots.back(), kCanary);
@@ -144,9 +137,6 @@ TEST_F(HostilePeerTest, DescriptorsWhereNoneAreExpected_AreDroppedByTheKernel) {
 }
 
 TEST_F(HostilePeerTest, Credentials_AreRefusedWithMinus74AndNeverClosedAsDescriptors) {
-    if (velacam::test::undeliveredDescriptorsStayOpen()) {
-        GTEST_SKIP() << "descriptors the receive has no room for stay open under this emulator";
-    }
     const int on = 1;
     ASSERT_EQ(setsockopt(rawReceiver, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
     // One expected: the credentials (pid, uid, gid; as root uid and gid are
@@ -179,9 +169,6 @@ TEST_F(HostilePeerTest, HeaderAnnouncingDescriptorsThatDoNotFollow_FailsTheMessa
 }
 
 TEST_F(HostilePeerTest, HeaderAnnouncingFewerBytesAndNoDescriptors_KeepsWhatItAnnounced) {
-    if (velacam::test::undeliveredDescriptorsStayOpen()) {
-        GTEST_SKIP() << "descriptors the receive has no room for stay open under this emulator";
-    }
     Message announced;
     announced.setHeader(1, 2, 0, 2, 0);
     const auto [bytes, size] = announced.header();
