@@ -9,7 +9,6 @@
 #include <ipc/Poller.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/Runnable.h>
 
 #include <chrono>
 #include <functional>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
 
@@ -29,19 +29,10 @@ using Kestrel::ipc::Poller;
 using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::SocketPair;
 using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::Runnable;
 using Kestrel::utils::sys::FileDescriptor;
+using velacam::test::FunctionRunnable;
 using velacam::test::LogCapture;
 using namespace std::chrono_literals;
-
-class CallRunnable : public Runnable {
-  public:
-    explicit CallRunnable(std::function<void()> body) : mBody(std::move(body)) {}
-    void run() override { mBody(); }
-
-  private:
-    std::function<void()> mBody;
-};
 
 class SocketEventHandlerTest : public ::testing::Test {
   protected:
@@ -82,13 +73,13 @@ TEST_F(SocketEventHandlerTest, HandleEvent_RunsTheRunnableOncePerCallOrLogs) {
     EXPECT_EQ(capture.count("The runnable is invalid, do nothing"), 2u);
 
     int runs = 0;
-    auto first = std::make_shared<CallRunnable>([&runs] { ++runs; });
+    auto first = std::make_shared<FunctionRunnable>([&runs] { ++runs; });
     receiver->setRunnable(first);
     receiver->handleEvent();
     EXPECT_EQ(runs, 1);
-    std::weak_ptr<CallRunnable> watch = first;
+    std::weak_ptr<FunctionRunnable> watch = first;
     first.reset();
-    receiver->setRunnable(std::make_shared<CallRunnable>([&runs] { runs += 10; }));
+    receiver->setRunnable(std::make_shared<FunctionRunnable>([&runs] { runs += 10; }));
     EXPECT_TRUE(watch.expired());  // the previous runnable is released
     receiver->handleEvent();
     EXPECT_EQ(runs, 11);
@@ -166,7 +157,7 @@ TEST_F(SocketEventHandlerTest, ClosedPeer_ReceivesAnEmptyMessageSuccessfully) {
 
 TEST_F(SocketEventHandlerTest, ReadyDescriptor_RunsTheRunnableThatReceives) {
     std::vector<std::string> received;
-    receiver->setRunnable(std::make_shared<CallRunnable>([&] {
+    receiver->setRunnable(std::make_shared<FunctionRunnable>([&] {
         std::string text = receiver->receiveString();
         received.push_back(text.substr(0, text.find('\0')));
     }));

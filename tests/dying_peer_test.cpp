@@ -12,7 +12,6 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/Log.h>
-#include <ipc/utils/Runnable.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -32,6 +31,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
 #include "support/Waiting.h"
@@ -47,11 +47,11 @@ using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::SocketPair;
 using Kestrel::ipc::UnixDomainSocket;
 using Kestrel::ipc::utils::LogSetting;
-using Kestrel::ipc::utils::Runnable;
 using Kestrel::utils::sys::FileDescriptor;
 using velacam::test::contentsOf;
 using velacam::test::DescriptorLeakCheck;
 using velacam::test::forkPeer;
+using velacam::test::FunctionRunnable;
 using velacam::test::LogCapture;
 using velacam::test::memoryFile;
 using velacam::test::waitPeer;
@@ -59,15 +59,6 @@ using velacam::test::waitUntil;
 using velacam::test::Watchdog;
 using velacam::test::writeRecord;
 using namespace std::chrono_literals;
-
-class FunctionRunnable : public Runnable {
-  public:
-    explicit FunctionRunnable(std::function<void()> work) : mWork(std::move(work)) {}
-    void run() override { mWork(); }
-
-  private:
-    std::function<void()> mWork;
-};
 
 // An eventfd handler that stays registered, so that the loop has something to
 // block on once the dying peer's handler is gone; counts its dispatches.
@@ -303,7 +294,8 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
     FileDescriptor reportRead(report[0], 0);
     FileDescriptor reportWrite(report[1], 0);
 
-    // The receiver: a child, so that the lowered limit stays there. It writes what it saw as one line of text.
+    // The receiver: a child, so that the lowered limit stays there. It writes what it saw as one
+    // line of text.
     const pid_t child = forkPeer([&] {
         pair.second = FileDescriptor();
         reportRead = FileDescriptor();

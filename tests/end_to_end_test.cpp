@@ -16,7 +16,6 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/Runnable.h>
 #include <sys/wait.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
@@ -32,6 +31,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/FunctionRunnable.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -44,9 +44,9 @@ using Kestrel::ipc::MessageHandler;
 using Kestrel::ipc::MessageLoop;
 using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::Runnable;
 using Kestrel::utils::sys::FileDescriptor;
 using velacam::test::DescriptorLeakCheck;
+using velacam::test::FunctionRunnable;
 using velacam::test::openDescriptors;
 using velacam::test::Watchdog;
 using namespace std::chrono_literals;
@@ -59,15 +59,6 @@ constexpr uint32_t kRequests = 32;
 // What the algorithm side's handler answers for a request carrying `seed`;
 // it is also the byte it writes into the request's pipe.
 uint8_t answerFor(uint8_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
-
-class FunctionRunnable : public Runnable {
-  public:
-    explicit FunctionRunnable(std::function<void()> work) : mWork(std::move(work)) {}
-    void run() override { mWork(); }
-
-  private:
-    std::function<void()> mWork;
-};
 
 // Exit codes of the algorithm side.
 enum ServiceResult : int {

@@ -9,7 +9,6 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/Log.h>
-#include <ipc/utils/Runnable.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -25,6 +24,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
 #include "support/Waiting.h"
@@ -39,24 +39,15 @@ using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::SocketPair;
 using Kestrel::ipc::UnixDomainSocket;
 using Kestrel::ipc::utils::LogSetting;
-using Kestrel::ipc::utils::Runnable;
 using Kestrel::utils::sys::FileDescriptor;
 using velacam::test::DescriptorLeakCheck;
 using velacam::test::forkPeer;
+using velacam::test::FunctionRunnable;
 using velacam::test::LogCapture;
 using velacam::test::memoryFile;
 using velacam::test::waitPeer;
 using velacam::test::Watchdog;
 using namespace std::chrono_literals;
-
-class FunctionRunnable : public Runnable {
-  public:
-    explicit FunctionRunnable(std::function<void()> work) : mWork(std::move(work)) {}
-    void run() override { mWork(); }
-
-  private:
-    std::function<void()> mWork;
-};
 
 // A readable eventfd nobody drains: keeps every cycle busy.
 class AlwaysReady : public EventHandler {

@@ -107,4 +107,12 @@ int waitPeer(pid_t pid, unsigned limitSeconds) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+bool underEmulation() {
+#ifdef VELACAM_TESTS_UNDER_EMULATOR
+    return true;
+#else
+    return false;
+#endif
+}
+
 }  // namespace velacam::test

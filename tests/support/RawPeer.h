@@ -56,4 +56,9 @@ pid_t forkPeer(const std::function<int()>& body, unsigned limitSeconds = 20);
 // status, or -1 when it did not exit normally.
 int waitPeer(pid_t pid, unsigned limitSeconds = 20);
 
+// True in the cross build, whose suites run under qemu-user, whose
+// recvmsg neither drops the descriptors nobody asked for nor sets MSG_CTRUNC
+// as the kernel does.
+bool underEmulation();
+
 }  // namespace velacam::test
