@@ -75,8 +75,13 @@ std::string SocketEventHandler::receiveString() {
     Message message;
     (void)receiveMessage(&message);  // on failure the message has no payload: "" below
     const Message::Payload payload = message.payload();
+    // A slot whose descriptor was lost holds -1. Skipping those matters: a
+    // header may announce 65535 descriptors and bring one, and a close() for
+    // every slot would let any peer cost this thread 65534 system calls.
     for (int fd : payload.fds) {
-        ::close(fd);
+        if (fd >= 0) {
+            ::close(fd);
+        }
     }
     return std::string(payload.data.begin(), payload.data.end());
 }

@@ -20,13 +20,15 @@
 //                        kMaxDeclaredData + 1, so that the receive does not
 //                        allocate gigabytes; the other fields stay as given
 //   u8   header fds      modulo 8: descriptors on the header record
-//   u16  payload fds     modulo 261: descriptors on the payload record (the
-//                        kernel refuses more than 253 in one record)
+//   u8   payload fds     descriptors on the payload record: below 0xF0, that
+//                        value modulo 8; from 0xF0, 245 to 260, around the
+//                        kernel's limit of 253 in one record (each descriptor
+//                        costs system calls, so most inputs carry few)
 //   u16  payload length  the payload record's size, up to 65535 bytes
 //   ...  payload bytes
 //
-// Every descriptor sent is a duplicate of /dev/null that the peer closes after
-// sending; the copies in flight are the kernel's until received or until the
+// Every descriptor sent refers to /dev/null (the process keeps one open from
+// load); the copies in flight are the kernel's until received or until the
 // pair is closed. Both ends are non-blocking, so neither writing nor receiving
 // ever waits: a receive that finds nothing queued returns -11 (EAGAIN), or
 // reads the peer's end of stream when it has closed.
