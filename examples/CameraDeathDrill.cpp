@@ -15,6 +15,8 @@
 #include <string>
 #include <thread>
 
+#include "ChildWait.h"
+
 namespace demo {
 
 namespace {
@@ -24,26 +26,6 @@ using Kestrel::utils::sys::FileDescriptor;
 
 constexpr auto kAlgorithmGrace = std::chrono::seconds(5);
 constexpr auto kCameraLimit = std::chrono::seconds(120);
-
-// The wait status of child `pid` once it ends within `limit`; nullopt when it
-// did not (it is then killed and reaped) or is not a child of this process.
-std::optional<int> waitFor(pid_t pid, Clock::duration limit) {
-    const auto deadline = Clock::now() + limit;
-    int status = 0;
-    while (Clock::now() < deadline) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) {
-            return status;
-        }
-        if (done < 0) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return std::nullopt;
-}
 
 std::string describe(const std::optional<int>& status) {
     if (!status) {
@@ -85,7 +67,7 @@ int CameraDeathDrill::run() {
 
     int32_t algorithm = -1;
     const bool started = read(pidRead.get(), &algorithm, sizeof(algorithm)) == sizeof(algorithm);
-    const std::optional<int> cameraStatus = waitFor(camera, kCameraLimit);
+    const std::optional<int> cameraStatus = waitForChild(camera, kCameraLimit);
     const auto cameraEnded = Clock::now();
     if (!started) {
         std::printf(
@@ -96,7 +78,7 @@ int CameraDeathDrill::run() {
     }
     // Orphaned by the camera's end, the algorithm process is this process's
     // child now.
-    const std::optional<int> algorithmStatus = waitFor(algorithm, kAlgorithmGrace);
+    const std::optional<int> algorithmStatus = waitForChild(algorithm, kAlgorithmGrace);
     const double afterMs =
             std::chrono::duration<double, std::milli>(Clock::now() - cameraEnded).count();
 

@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "ChildWait.h"
 #include "DemoProtocol.h"
 #include "FunctionRunnable.h"
 #include "RunReport.h"
@@ -102,26 +103,6 @@ class ReplyBook {
     std::map<uint32_t, uint8_t> mStatuses;  // guarded by mLock
     bool mPeerGone = false;                 // guarded by mLock
 };
-
-// Waits up to five seconds for the child to end; kills it if it does not.
-// Returns its wait status, or nullopt when it had to be killed or was not ours.
-std::optional<int> reap(pid_t pid) {
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    int status = 0;
-    while (Clock::now() < deadline) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) {
-            return status;
-        }
-        if (done < 0) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return std::nullopt;
-}
 
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -267,7 +248,7 @@ int CameraSide::run() {
         if (!report.algorithmKilled) {
             (void)child.terminate();  // a dead child is reaped all the same
         }
-        report.algorithmStatus = reap(child.pid());
+        report.algorithmStatus = waitForChild(child.pid(), std::chrono::seconds(5));
         self.removeFromObservation(child.pid());
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
