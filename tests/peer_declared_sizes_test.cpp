@@ -14,33 +14,31 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <limits>
 #include <new>
-#include <optional>
 #include <vector>
 
-#include "support/Descriptors.h"
-#include "support/LogCapture.h"
-#include "support/RawPeer.h"
+#include "support/SocketPairFixture.h"
 #include "support/Waiting.h"
+
+// The sanitizers' allocators report an allocation they cannot serve and end
+// the process, instead of throwing std::bad_alloc as the C++ library does.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VELACAM_SANITIZED_ALLOCATOR 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VELACAM_SANITIZED_ALLOCATOR 1
+#endif
+#endif
 
 namespace {
 
+using namespace velacam::test;
 using Kestrel::ipc::Message;
-using Kestrel::ipc::SocketPair;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::LogCapture;
-using velacam::test::memoryFile;
-using velacam::test::Watchdog;
-using velacam::test::writeRecord;
-using namespace std::chrono_literals;
 
 constexpr uint32_t kMaxDataCount = std::numeric_limits<uint32_t>::max();
-constexpr uint16_t kMaxDescriptorCount = std::numeric_limits<uint16_t>::max();
 
 // Exit codes of the child that receives under an address-space limit.
 enum LimitedReceive : int {
@@ -52,35 +50,15 @@ enum LimitedReceive : int {
     kPayloadRecordGone = 14,
 };
 
-// The sanitizers' allocators report an allocation they cannot serve and end
-// the process, instead of throwing std::bad_alloc as the C++ library does.
-bool underSanitizer() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    return true;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
-
-// The calling process's address-space size in bytes.
-size_t addressSpaceInUse() {
-    size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
-// Limits the calling process's address space to what it uses plus 1 GiB.
-// False when it cannot, or when the limit is not applied (qemu-user keeps it
-// from the program it runs).
+// Limits the calling process's address space to what it uses plus 1 GiB;
+// kLimitNotApplied where the limit does not hold (qemu-user keeps it from the
+// program it runs).
 LimitedReceive limitAddressSpace() {
     constexpr size_t kHeadroom = size_t{1} << 30;
-    const rlimit limit{addressSpaceInUse() + kHeadroom, RLIM_INFINITY};
+    size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlimit limit{pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + kHeadroom,
+                       RLIM_INFINITY};
     if (setrlimit(RLIMIT_AS, &limit) != 0) {
         return kCannotLimit;
     }
@@ -93,44 +71,17 @@ LimitedReceive limitAddressSpace() {
     return kThrewBadAlloc;
 }
 
-class PeerDeclaredSizesTest : public ::testing::Test {
+class PeerDeclaredSizesTest : public SocketPairFixture {
   protected:
-    void SetUp() override {
-        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-        ASSERT_GE(pair.first.get(), 0);
-        rawReceiver = pair.first.get();
-        socket.bind(std::move(pair.first));
-        peer = std::move(pair.second);
-        file = memoryFile("payload");
-        leaks.emplace();
-    }
-    void TearDown() override { leaks->check(); }
-
-    // The peer's header record announcing `dataCount` bytes and
-    // `descriptorCount` descriptors.
-    void announce(uint32_t dataCount, uint16_t descriptorCount) {
-        Message announced;
-        announced.setHeader(9, 1, 0, dataCount, descriptorCount);
-        const auto [bytes, size] = announced.header();
-        ASSERT_EQ(writeRecord(peer.get(), bytes, size, {}), static_cast<ssize_t>(size));
-    }
-
-    LogCapture capture;
-    Watchdog watchdog{"receive with hostile counts", 60s};
-    UnixDomainSocket socket;
-    int rawReceiver = -1;
-    FileDescriptor peer;
-    FileDescriptor file;
-    std::optional<velacam::test::DescriptorLeakCheck> leaks;
+    Watchdog watchdog{"receive with hostile counts", std::chrono::seconds(60)};
 };
 
 TEST_F(PeerDeclaredSizesTest, DeclaredDataCount_IsAllocatedInFullWhateverArrives) {
     constexpr uint32_t kDeclared = 64u << 20;
     announce(kDeclared, 0);
     ASSERT_EQ(writeRecord(peer.get(), "abc", 3, {}), 3);
-
     Message received;
-    ASSERT_EQ(socket.recv(&received), 0);
+    ASSERT_EQ(receiver.recv(&received), 0);
     // The message holds the 64 MiB the header asked for: the three bytes that
     // came, then zeros. The packed payload lies right behind the header.
     EXPECT_EQ(received.dataCount(), kDeclared);
@@ -141,21 +92,20 @@ TEST_F(PeerDeclaredSizesTest, DeclaredDataCount_IsAllocatedInFullWhateverArrives
 }
 
 TEST_F(PeerDeclaredSizesTest, LargestDataCountWithoutTheMemory_ThrowsBadAllocAndBreaksThePairing) {
-    if (underSanitizer()) {
-        GTEST_SKIP() << "the sanitizer's allocator ends the process instead of throwing";
-    }
+#ifdef VELACAM_SANITIZED_ALLOCATOR
+    GTEST_SKIP() << "the sanitizer's allocator ends the process instead of throwing";
+#endif
     announce(kMaxDataCount, 0);
     ASSERT_EQ(writeRecord(peer.get(), "abc", 3, {}), 3);
-
     // In a child limited to 1 GiB more than it uses, the 4 GiB cannot be had.
-    const pid_t child = velacam::test::forkPeer([this] {
+    const pid_t child = forkPeer([this] {
         const LimitedReceive limited = limitAddressSpace();
         if (limited != kThrewBadAlloc) {
             return static_cast<int>(limited);
         }
         Message received;
         try {
-            (void)socket.recv(&received);
+            (void)receiver.recv(&received);
             return static_cast<int>(kReceivedAnyway);
         } catch (const std::bad_alloc&) {
         }
@@ -164,11 +114,10 @@ TEST_F(PeerDeclaredSizesTest, LargestDataCountWithoutTheMemory_ThrowsBadAllocAnd
         }
         // The payload record is still queued: the next receive would take it
         // for a header.
-        const velacam::test::RawRecord next =
-                velacam::test::readRecord(rawReceiver, 64, 0, MSG_DONTWAIT);
+        const RawRecord next = readRecord(rawReceiver, 64, 0, MSG_DONTWAIT);
         return static_cast<int>(next.result == 3 ? kThrewBadAlloc : kPayloadRecordGone);
     });
-    const int result = velacam::test::waitPeer(child, 60);
+    const int result = waitPeer(child, 60);
     if (result == kLimitNotApplied) {
         GTEST_SKIP() << "the address-space limit is not applied here (qemu-user keeps it)";
     }
@@ -179,20 +128,19 @@ TEST_F(PeerDeclaredSizesTest, MoreDescriptorsThanTheKernelPassesInOneRecord_Arri
     // The kernel refuses a record carrying more than 253 descriptors, so of a
     // header announcing more, 253 arrive at best; the other slots hold -1.
     const std::vector<int> most(253, file.get());
-    const std::vector<int> tooMany(254, file.get());
-    EXPECT_EQ(writeRecord(peer.get(), "x", 1, tooMany), -1);
+    EXPECT_EQ(writeRecord(peer.get(), "x", 1, std::vector<int>(254, file.get())), -1);
     EXPECT_EQ(errno, EINVAL);
 
-    for (const uint16_t announced : {uint16_t{254}, kMaxDescriptorCount}) {
+    for (const uint16_t announced : {uint16_t{254}, std::numeric_limits<uint16_t>::max()}) {
         announce(1, announced);
         ASSERT_EQ(writeRecord(peer.get(), "x", 1, most), 1);
         Message received;
-        ASSERT_EQ(socket.recv(&received), 0);
+        ASSERT_EQ(receiver.recv(&received), 0);
         const Message::Payload payload = received.payload();
         ASSERT_EQ(payload.fds.size(), announced);
         for (size_t i = 0; i < payload.fds.size(); ++i) {
             if (i < most.size()) {
-                EXPECT_TRUE(velacam::test::sameFile(payload.fds[i], file.get())) << i;
+                EXPECT_TRUE(sameFile(payload.fds[i], file.get())) << i;
                 close(payload.fds[i]);
             } else {
                 ASSERT_EQ(payload.fds[i], -1) << i;

@@ -8,200 +8,162 @@
 #include <ipc/Message.h>
 #include <ipc/UnixDomainSocket.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <optional>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "support/Descriptors.h"
-#include "support/LogCapture.h"
-#include "support/RawPeer.h"
-
-// The kernel drops surplus descriptors and sets MSG_CTRUNC; qemu-user does
-// not, so these cases only hold on a real kernel.
-#define SKIP_WHERE_CONTROL_DATA_IS_EMULATED()                                        \
-    if (velacam::test::underEmulation()) {                                           \
-        GTEST_SKIP() << "qemu-user's recvmsg keeps surplus descriptors and sets no " \
-                        "MSG_CTRUNC";                                                \
-    }
+#include "support/SocketPairFixture.h"
 
 namespace {
 
+using namespace velacam::test;
 using Kestrel::ipc::Message;
-using Kestrel::ipc::SocketPair;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::forkPeer;
-using velacam::test::LogCapture;
-using velacam::test::memoryFile;
-using velacam::test::waitPeer;
-using velacam::test::writeRecord;
 
+constexpr int kUntouched = 0x5a5a5a5a;
 constexpr int kCanary = 0x7eadbeef;
+const char* const kTooMany = "The number of received fds is larger than expected";
 
-class HostilePeerTest : public ::testing::Test {
+// One raw record "ab" carrying `sent` copies of a descriptor (in an SCM_RIGHTS
+// message, or in none when !withRights), received expecting `expected`.
+struct RecordCase {
+    const char* what;
+    size_t sent;
+    bool withRights;
+    size_t expected;
+    int result;
+    const char* line;  // the error line logged, if any
+};
+
+class HostilePeerTest : public SocketPairFixture {
   protected:
-    void SetUp() override {
-        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-        ASSERT_GE(pair.first.get(), 0);
-        rawReceiver = pair.first.get();
-        socket.bind(std::move(pair.first));
-        peer = std::move(pair.second);
-        file = memoryFile("payload");
-        leaks.emplace();  // the fixture's own descriptors are open before the check starts
-    }
-    void TearDown() override { leaks->check(); }
-
     // Receives one record expecting `expected` descriptors into an array with
     // a canary behind it.
     int receive(size_t expected) {
-        slots.assign(expected + 1, 0);
-        slots[expected] = kCanary;
+        slots.assign(expected, kUntouched);
+        slots.push_back(kCanary);
         data.assign(16, 0);
-        return socket.receiveDataAndFileDescriptors(slots.data(), expected, data.data(),
-                                                    data.size());
+        return receiver.receiveDataAndFileDescriptors(slots.data(), expected, data.data(),
+                                                      data.size());
     }
-    void expectRefused() {
+    // A refusal sets every slot to -1; a success hands `arrived` descriptors
+    // over in the first slots (closed here) and leaves the rest alone.
+    void expectSlots(int result, size_t arrived) {
         for (size_t i = 0; i + 1 < slots.size(); ++i) {
-            EXPECT_EQ(slots[i], -1) << "slot " << i;
+            if (result != 0) {
+                EXPECT_EQ(slots[i], -1) << "slot " << i;
+            } else if (i < arrived) {
+                const FileDescriptor owned(slots[i], 0);
+                EXPECT_TRUE(sameFile(owned.get(), file.get())) << "slot " << i;
+            } else {
+                EXPECT_EQ(slots[i], kUntouched) << "slot " << i;
+            }
         }
         EXPECT_EQ(slots.back(), kCanary) << "written past the caller's array";
     }
-    std::vector<int> copiesOfFile(size_t count) const {
-        return std::vector<int>(count, file.get());
+    void play(const RecordCase& c) {
+        SCOPED_TRACE(c.what);
+        capture.clear();
+        ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copies(c.sent), c.withRights), 2);
+        const int result = receive(c.expected);
+        EXPECT_EQ(result, c.result);
+        expectSlots(result, std::min(c.sent, c.expected));
+        EXPECT_EQ(std::string(data.begin(), data.begin() + 2), "ab");
+        if (c.line != nullptr) {
+            const auto lines = capture.lines();
+            const auto line = std::find_if(lines.begin(), lines.end(),
+                                           [&](const LogLine& l) { return l.text == c.line; });
+            ASSERT_NE(line, lines.end()) << c.line;
+            EXPECT_EQ(line->level, 1u);
+            EXPECT_EQ(line->tag, "UnixDomainSocket");
+            EXPECT_EQ(capture.count(c.line), 1u);
+        }
     }
+    std::vector<int> copies(size_t count) const { return std::vector<int>(count, file.get()); }
 
-    LogCapture capture;
-    UnixDomainSocket socket;
-    int rawReceiver = -1;
-    FileDescriptor peer;
-    FileDescriptor file;
-    std::optional<velacam::test::DescriptorLeakCheck> leaks;
     std::vector<int> slots;
     std::vector<uint8_t> data;
 };
 
-TEST_F(HostilePeerTest, OneMoreThanAnOddExpectedCount_IsRefusedWithMinus90AndClosed) {
-    // One expected: the control buffer has room for two, so both arrive.
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(2)), 2);
-    EXPECT_EQ(receive(1), -EMSGSIZE);
-    expectRefused();
-    EXPECT_EQ(capture.count("The number of received fds is larger than expected"), 1u);
-    for (const auto& line : capture.lines()) {
-        if (line.text == "The number of received fds is larger than expected") {
-            EXPECT_EQ(line.level, 1u);
-            EXPECT_EQ(line.tag, "UnixDomainSocket");
-        }
+TEST_F(HostilePeerTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNothingLeakedOrOverrun) {
+    const RecordCase cases[] = {
+            // One expected: the control buffer has room for two, so both arrive.
+            {"one more than an odd count", 2, true, 1, -EMSGSIZE, kTooMany},
+            {"fewer than expected", 2, true, 3, 0,
+             "The number of received fds(2) is less than expected(3)"},
+            {"an empty SCM_RIGHTS message", 0, true, 2, -ENODATA,
+             "The number of received fds(0) is less than expected(2)"},
+            {"no control message at all", 0, false, 1, -ENODATA,
+             "The number of received fds(0) is less than expected(1)"},
+    };
+    for (const RecordCase& c : cases) {
+        play(c);
     }
-}
 
-TEST_F(HostilePeerTest, MoreThanAnEvenExpectedCount_IsRefusedWithMinus90AndClosed) {
-    SKIP_WHERE_CONTROL_DATA_IS_EMULATED();
-    // Two expected, five sent: the kernel delivers two and drops the rest.
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(5)), 2);
-    EXPECT_EQ(receive(2), -EMSGSIZE);
-    expectRefused();
-    EXPECT_EQ(capture.count("The number of received fds is larger than expected"), 1u);
-}
-
-TEST_F(HostilePeerTest, FewerThanExpected_HandsOverThoseThatArrivedAndLeavesTheRestAlone) {
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(2)), 2);
-    slots = {-1, -1, -1, kCanary};
-    data.assign(16, 0);
-    EXPECT_EQ(socket.receiveDataAndFileDescriptors(slots.data(), 3, data.data(), data.size()), 0);
-    const FileDescriptor first(slots[0], 0);
-    const FileDescriptor second(slots[1], 0);
-    EXPECT_TRUE(velacam::test::sameFile(first.get(), file.get()));
-    EXPECT_TRUE(velacam::test::sameFile(second.get(), file.get()));
-    EXPECT_EQ(slots[2], -1);
-    EXPECT_EQ(slots[3], kCanary);
-    EXPECT_EQ(std::string(data.begin(), data.begin() + 2), "ab");
-    EXPECT_EQ(capture.count("The number of received fds(2) is less than expected(3)"), 1u);
-}
-
-TEST_F(HostilePeerTest, NoDescriptorWhereSomeAreExpected_IsRefusedWithMinus61) {
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, {}), 2);  // an empty SCM_RIGHTS message
-    EXPECT_EQ(receive(2), -ENODATA);
-    expectRefused();
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, {}, false), 2);  // no control message at all
-    EXPECT_EQ(receive(1), -ENODATA);
-    expectRefused();
-    EXPECT_EQ(capture.countContaining("is less than expected"), 2u);
-}
-
-TEST_F(HostilePeerTest, ClosedPeerWhereDescriptorsAreExpected_IsRefusedWithMinus61) {
-    peer = FileDescriptor();
-    leaks.emplace();
-    EXPECT_EQ(receive(2), -ENODATA);
-    expectRefused();
-}
-
-TEST_F(HostilePeerTest, DescriptorsWhereNoneAreExpected_AreDroppedByTheKernel) {
-    SKIP_WHERE_CONTROL_DATA_IS_EMULATED();
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(3)), 2);
-    EXPECT_EQ(receive(0), 0);
-    EXPECT_EQ(slots.back(), kCanary);
-    EXPECT_EQ(std::string(data.begin(), data.begin() + 2), "ab");
-}
-
-TEST_F(HostilePeerTest, Credentials_AreRefusedWithMinus74AndNeverClosedAsDescriptors) {
-    SKIP_WHERE_CONTROL_DATA_IS_EMULATED();
-    const int on = 1;
-    ASSERT_EQ(setsockopt(rawReceiver, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
-    // One expected: the credentials (pid, uid, gid; as root uid and gid are
-    // 0, standard input) fill the control buffer, no descriptor fits.
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(1)), 2);
-    EXPECT_EQ(receive(1), -EBADMSG);
-    expectRefused();
-    EXPECT_TRUE(velacam::test::isOpen(0));
-    // Ten expected: the credentials come first and two descriptors still fit
-    // behind them; those two are closed.
-    ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copiesOfFile(10)), 2);
-    EXPECT_EQ(receive(10), -EBADMSG);
-    expectRefused();
-    EXPECT_EQ(capture.count("unexpected control message level(1) type(2)"), 2u);
-}
-
-TEST_F(HostilePeerTest, HeaderAnnouncingDescriptorsThatDoNotFollow_FailsTheMessage) {
-    Message announced;
-    announced.setHeader(1, 2, 0, 3, 2);
-    const auto [bytes, size] = announced.header();
-    ASSERT_EQ(writeRecord(peer.get(), bytes, size, {}), 24);
-    ASSERT_EQ(writeRecord(peer.get(), "abcde", 5, {}), 5);
-    Message received;
-    EXPECT_EQ(socket.recv(&received), -ENODATA);
-    EXPECT_EQ(capture.countContaining("receive file descriptors and message failed"), 1u);
-    // The new header stays, the old (empty) payload with it.
-    EXPECT_EQ(received.id(), 1u);
-    EXPECT_EQ(received.fileDescriptorCount(), 2u);
-    EXPECT_EQ(received.header().second, 24u);
-}
-
-TEST_F(HostilePeerTest, HeaderAnnouncingFewerBytesAndNoDescriptors_KeepsWhatItAnnounced) {
-    SKIP_WHERE_CONTROL_DATA_IS_EMULATED();
-    Message announced;
-    announced.setHeader(1, 2, 0, 2, 0);
-    const auto [bytes, size] = announced.header();
-    ASSERT_EQ(writeRecord(peer.get(), bytes, size, copiesOfFile(2)), 24);  // dropped
-    ASSERT_EQ(writeRecord(peer.get(), "abcdef", 6, copiesOfFile(2)), 6);   // dropped
-    Message received;
-    EXPECT_EQ(socket.recv(&received), 0);
-    const Message::Payload payload = received.payload();
-    EXPECT_EQ(payload.data, (std::vector<uint8_t>{'a', 'b'}));
-    EXPECT_TRUE(payload.fds.empty());
-}
-
-TEST_F(HostilePeerTest, PeerProcessSendingTooMany_LeavesNothingOpenHere) {
+    // The same from a peer process.
     const pid_t child = forkPeer([this] {
         FileDescriptor own = memoryFile("child");
-        const std::vector<int> fds(4, own.get());
-        return writeRecord(peer.get(), "ab", 2, fds) == 2 ? 0 : 1;
+        return writeRecord(peer.get(), "ab", 2, std::vector<int>(4, own.get())) == 2 ? 0 : 1;
     });
     EXPECT_EQ(receive(3), -EMSGSIZE);
     EXPECT_EQ(waitPeer(child), 0);
-    expectRefused();
+    expectSlots(-EMSGSIZE, 0);
+
+    // A header announcing descriptors that do not follow fails the message;
+    // the new header stays, the old (empty) payload with it.
+    announce(3, 2);
+    ASSERT_EQ(writeRecord(peer.get(), "abcde", 5, {}), 5);
+    Message received;
+    capture.clear();
+    EXPECT_EQ(receiver.recv(&received), -ENODATA);
+    EXPECT_EQ(capture.countContaining("receive file descriptors and message failed"), 1u);
+    EXPECT_EQ(received.id(), 1u);
+    EXPECT_EQ(received.fileDescriptorCount(), 2u);
+    EXPECT_EQ(received.header().second, 24u);
+
+    peer = FileDescriptor();
+    EXPECT_EQ(receive(2), -ENODATA);
+    expectSlots(-ENODATA, 0);
+}
+
+// The kernel drops surplus descriptors, sets MSG_CTRUNC and adds credentials;
+// qemu-user does not, so these cases only hold on a real kernel.
+TEST_F(HostilePeerTest, ControlDataTheKernelCutsOrAdds_IsRefusedOrDroppedWithNothingLeaked) {
+    if (underEmulation()) {
+        GTEST_SKIP() << "qemu-user's recvmsg keeps surplus descriptors and sets no MSG_CTRUNC";
+    }
+    const RecordCase cases[] = {
+            // Two expected, five sent: the kernel delivers two and drops the rest.
+            {"more than an even count", 5, true, 2, -EMSGSIZE, kTooMany},
+            {"descriptors where none are expected", 3, true, 0, 0, nullptr},
+    };
+    for (const RecordCase& c : cases) {
+        play(c);
+    }
+
+    // A header announcing fewer bytes and no descriptors keeps to what it
+    // announced: the descriptors on both records are dropped.
+    announce(2, 0);
+    ASSERT_EQ(writeRecord(peer.get(), "abcdef", 6, copies(2)), 6);
+    Message received;
+    EXPECT_EQ(receiver.recv(&received), 0);
+    EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{'a', 'b'}));
+    EXPECT_TRUE(received.payload().fds.empty());
+
+    // Credentials (pid, uid, gid; as root uid and gid are 0, standard input)
+    // are never closed as descriptors. One expected: they fill the control
+    // buffer, no descriptor fits; ten expected: two descriptors still fit
+    // behind them, and are closed.
+    const int on = 1;
+    ASSERT_EQ(setsockopt(rawReceiver, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
+    capture.clear();
+    for (const size_t expected : {1u, 10u}) {
+        ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copies(expected)), 2);
+        EXPECT_EQ(receive(expected), -EBADMSG);
+        expectSlots(-EBADMSG, 0);
+    }
+    EXPECT_TRUE(isOpen(0));
+    EXPECT_EQ(capture.count("unexpected control message level(1) type(2)"), 2u);
 }
 
 }  // namespace

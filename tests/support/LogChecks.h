@@ -1,0 +1,24 @@
+// Checks of captured log lines shared by the transport and poller suites.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <ipc/utils/Log.h>
+
+#include <initializer_list>
+#include <string>
+
+#include "support/LogCapture.h"
+
+namespace velacam::test {
+
+// True when the library formats its debug lines (CTest runs every suite so).
+inline bool debugLogged() { return Kestrel::ipc::utils::LogSetting::logLevel() >= 1; }
+
+// Expects each of `texts` captured exactly once.
+inline void expectEachOnce(const LogCapture& capture, std::initializer_list<std::string> texts) {
+    for (const std::string& text : texts) {
+        EXPECT_EQ(capture.count(text), 1u) << text;
+    }
+}
+
+}  // namespace velacam::test
