@@ -77,10 +77,9 @@ TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
     poller.registerPollEvent(7, POLLOUT);
     poller.registerPollEvent(5, POLLIN);
     EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {9, POLLPRI}, {5, POLLIN}}));
-    if (debugLogged()) {
-        expectEachOnce(capture, {"[registerPollEvent] fd(7) registered",
-                                 "[registerPollEvent] fd(7) is registered before, overwrites it"});
-    }
+    expectDebugLinesOnce(capture,
+                         {"[registerPollEvent] fd(7) registered",
+                          "[registerPollEvent] fd(7) is registered before, overwrites it"});
 
     capture.clear();
     EXPECT_TRUE(poller.unregisterPollEvent(9));
@@ -130,11 +129,9 @@ TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
     errno = 0;
     EXPECT_TRUE(poller.poll(1ms).empty());
     EXPECT_EQ(errno, ETIME);
-    if (debugLogged()) {
-        expectEachOnce(capture, {"[poll] pollfds size(2) timeout sec(0) nsec(1000000)",
-                                 "[poll] ppoll() timed out and no file descriptors were "
-                                 "ready(Timer expired) errno(62)"});
-    }
+    expectDebugLinesOnce(capture, {"[poll] pollfds size(2) timeout sec(0) nsec(1000000)",
+                                   "[poll] ppoll() timed out and no file descriptors were "
+                                   "ready(Timer expired) errno(62)"});
     EXPECT_TRUE(poller.poll(-5ms).empty());  // a negative time-out is rejected by ppoll
     EXPECT_EQ(errno, EINVAL);
     ASSERT_EQ(capture.count("ppoll() failed(Invalid argument) errno(22)"), 1u);

@@ -163,7 +163,6 @@ TEST_F(SocketEventHandlerTest, MessageFailures_AreReturnedAndLogged) {
     sender.reset();
     EXPECT_EQ(receiver->receiveMessage(&message), 0);
     EXPECT_EQ(receiver->receiveString(), "");  // nothing usable: no payload
-    EXPECT_GE(capture.count("no payload exists"), 1u);
     EXPECT_EQ(receiver->sendMessage(Message()), -EPIPE);
     EXPECT_EQ(capture.count("send string failed (Broken pipe)"), 1u);
     receiver->sendString("lost");

@@ -72,10 +72,8 @@ TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBuffer
             EXPECT_EQ(fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
             EXPECT_EQ(fcntl(end, F_GETFL) & O_NONBLOCK, 0);
         }
-        if (debugLogged()) {
-            expectEachOnce(capture, {"[createPairedSocket] socketpair created (" +
-                                     std::to_string(s0) + ", " + std::to_string(s1) + ")"});
-        }
+        expectDebugLinesOnce(capture, {"[createPairedSocket] socketpair created (" +
+                                       std::to_string(s0) + ", " + std::to_string(s1) + ")"});
         char got = 0;
         ASSERT_EQ(::write(s1, "p", 1), 1);
         EXPECT_EQ(::read(s0, &got, 1), 1);
@@ -158,12 +156,10 @@ TEST_F(UnixDomainSocketTest, WireFormat_IsAHeaderRecordThenADataRecordWithTheDes
 
     // Exactly two records: nothing else is waiting.
     EXPECT_EQ(readRecord(rawReceiver, 64, 4, MSG_DONTWAIT).error, EAGAIN);
-    if (debugLogged()) {
-        expectEachOnce(capture, {"[sendDataAndFileDescriptors] cmsg_space(16) cmsg_len(16)",
-                                 "[sendDataAndFileDescriptors] bytes_sent(24) FDS_CMSG_SIZE(0)",
-                                 "[sendDataAndFileDescriptors] cmsg_space(24) cmsg_len(24)",
-                                 "[sendDataAndFileDescriptors] bytes_sent(3) FDS_CMSG_SIZE(8)"});
-    }
+    expectDebugLinesOnce(capture, {"[sendDataAndFileDescriptors] cmsg_space(16) cmsg_len(16)",
+                                   "[sendDataAndFileDescriptors] bytes_sent(24) FDS_CMSG_SIZE(0)",
+                                   "[sendDataAndFileDescriptors] cmsg_space(24) cmsg_len(24)",
+                                   "[sendDataAndFileDescriptors] bytes_sent(3) FDS_CMSG_SIZE(8)"});
 }
 
 // An empty message travels as a header and an empty record, which the
@@ -173,7 +169,6 @@ TEST_F(UnixDomainSocketTest, EmptyMessage_TravelsAsAHeaderAndAnEmptyRecord) {
     const std::vector<ipc::Poller::PollEvent> readable{{rawReceiver, POLLIN}};
     EXPECT_EQ(poller.registeredPollEvents(), readable);
     ASSERT_EQ(sender.send(Message()), 0);
-    EXPECT_EQ(capture.count("no payload exists"), 1u);
     EXPECT_EQ(poller.poll(std::chrono::milliseconds(1000)), readable);
     EXPECT_EQ(readRecord(rawReceiver).result, 24);
     const auto second = readRecord(rawReceiver);
@@ -185,7 +180,6 @@ TEST_F(UnixDomainSocketTest, EmptyMessage_TravelsAsAHeaderAndAnEmptyRecord) {
     Message received = makeMessage(9, {1, 2}, {});  // an old payload, to be replaced
     capture.clear();
     ASSERT_EQ(receiver.recv(&received), 0);
-    EXPECT_EQ(received.header().second, 24u);
     EXPECT_EQ(capture.count("no ancillary data, do not handle the cmsg part"), 2u);
     EXPECT_TRUE(received.payload().data.empty());
 }
@@ -200,7 +194,6 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_EQ(received.id(), 41u);
     EXPECT_EQ(received.type(), 42u);
     EXPECT_EQ(received.flags(), 3u);
-    EXPECT_EQ(received.header().second, 24u);
     const Message::Payload payload = received.payload();
     EXPECT_EQ(payload.data, (Bytes{1, 2, 3}));
     ASSERT_EQ(payload.fds.size(), 2u);
@@ -208,13 +201,11 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_NE(payload.fds[1], second.get());
     EXPECT_TRUE(sameFile(payload.fds[0], file.get()));
     EXPECT_TRUE(sameFile(payload.fds[1], second.get()));
-    if (debugLogged()) {
-        expectEachOnce(capture, {"[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
-                                 "cmsg_data_size(8)",
-                                 "[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)",
-                                 "[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
-                                 "cmsg_space(24)"});
-    }
+    expectDebugLinesOnce(capture, {"[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
+                                   "cmsg_data_size(8)",
+                                   "[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)",
+                                   "[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
+                                   "cmsg_space(24)"});
     ipc::MessageHandler().handleMessage(received);  // closes what arrived
 
     // The same message object takes the next one: the old payload goes.

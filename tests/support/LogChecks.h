@@ -21,4 +21,12 @@ inline void expectEachOnce(const LogCapture& capture, std::initializer_list<std:
     }
 }
 
+// The same for debug lines, which exist only while debug logging is on.
+inline void expectDebugLinesOnce(const LogCapture& capture,
+                                 std::initializer_list<std::string> texts) {
+    if (debugLogged()) {
+        expectEachOnce(capture, texts);
+    }
+}
+
 }  // namespace velacam::test
