@@ -17,10 +17,8 @@
 
 namespace {
 
-using Kestrel::ipc::CBRegistry;
-using Kestrel::ipc::Message;
-using velacam::test::waitUntil;
-using velacam::test::Watchdog;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 // A message of `id` whose payload data are `data` (a reply's status is

@@ -17,7 +17,7 @@
 
 namespace {
 
-using velacam::test::FileDescriptor;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 struct Child {

@@ -11,8 +11,8 @@
 
 namespace {
 
-using Kestrel::ipc::CountingSemaphore;
-using velacam::test::waitUntil;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 class CountingSemaphoreTest : public ::testing::Test {

@@ -11,8 +11,8 @@
 
 namespace {
 
-using Kestrel::ipc::DequeHandler;
-using velacam::test::FunctionRunnable;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 
 TEST(DequeHandlerTest, RunsTheRunnableItTookOverOnTheCallingThreadOrLogsWithoutOne) {
     velacam::test::LogCapture capture;

@@ -25,19 +25,9 @@ namespace {
 using Kestrel::ca::CameraAlgorithmBuffer;
 using Kestrel::ca::CameraAlgorithmOps;
 using Kestrel::ca::CameraAlgorithmRequest;
-using Kestrel::ipc::IPC_CMD;
-using Kestrel::ipc::IPC_GROUP;
-using Kestrel::ipc::IPC_PLATFORM_TYPE;
-using Kestrel::ipc::IPC_PLATFORM_TYPE_DUMMY;
-using Kestrel::ipc::IPC_PLATFORM_TYPE_VELA;
-using Kestrel::ipc::IPCClient;
-using Kestrel::ipc::IPCDummyClient;
-using Kestrel::ipc::IPCDummyServer;
-using Kestrel::ipc::IPCServer;
-using Kestrel::ipc::IPCServerFactory;
-using Kestrel::ipc::ShmMemInfo;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using Kestrel::ipc::wrapper::VelaIPCServer;
-using velacam::test::FileDescriptor;
 
 IPCServer* serverOf(int type) {
     return IPCServerFactory::getInstance(static_cast<IPC_PLATFORM_TYPE>(type));

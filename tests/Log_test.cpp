@@ -16,10 +16,10 @@
 
 namespace {
 
-using Kestrel::ipc::Message;
-using Kestrel::ipc::utils::LogSetting;
+using namespace Kestrel::ipc;
+using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using Kestrel::Utils::ULog::ULogger;
-using velacam::test::LogCapture;
 
 // Logs the debug line "[Payload] data_offset(3)" (among others) from ipc/Message.
 void logOneDebugLine() {

@@ -18,11 +18,8 @@
 
 namespace {
 
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::MessageQueue;
-using velacam::test::Watchdog;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 // Counts its own destructions, so that a test sees every message go away.

@@ -18,10 +18,8 @@
 
 namespace {
 
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageTable;
-using velacam::test::waitUntil;
-using velacam::test::Watchdog;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 using MessageList = std::list<std::unique_ptr<Message>>;
 

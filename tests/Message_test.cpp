@@ -19,9 +19,8 @@
 
 namespace {
 
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using velacam::test::LogCapture;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using Bytes = std::vector<uint8_t>;
 
 Bytes storageOf(const Message& message, size_t size) {

@@ -22,8 +22,8 @@
 
 namespace {
 
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::ipc::Poller;
 using Kestrel::utils::sys::FileDescriptor;
 using Events = std::vector<Poller::PollEvent>;
 

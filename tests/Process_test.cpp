@@ -21,10 +21,8 @@
 
 namespace {
 
-using Kestrel::ipc::utils::Process;
-using velacam::test::forkPeer;
-using velacam::test::openDescriptors;
-using velacam::test::waitPeer;
+using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 // Reaps `pid` and returns its wait status; a child that never ends fails the

@@ -20,7 +20,7 @@
 
 namespace {
 
-using Kestrel::ipc::utils::ThreadPool;
+using namespace Kestrel::ipc::utils;
 using namespace std::chrono_literals;
 
 constexpr auto kLimit = 20s;

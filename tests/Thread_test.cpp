@@ -29,12 +29,8 @@
 
 namespace {
 
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::utils::Runnable;
-using Kestrel::ipc::utils::Thread;
-using Kestrel::ipc::utils::ThreadData;
+using namespace Kestrel::ipc;
+using namespace Kestrel::ipc::utils;
 using namespace std::chrono_literals;
 
 constexpr auto kLimit = 20s;

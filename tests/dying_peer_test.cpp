@@ -14,7 +14,6 @@
 #include <ipc/utils/Log.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
@@ -30,78 +29,21 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/EchoPeer.h"
+#include "support/EventFdHandler.h"
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
+#include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
 namespace {
 
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventHandler;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::SocketPair;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::LogSetting;
+using namespace Kestrel::ipc;
+using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::contentsOf;
-using velacam::test::DescriptorLeakCheck;
-using velacam::test::forkPeer;
-using velacam::test::FunctionRunnable;
-using velacam::test::LogCapture;
-using velacam::test::memoryFile;
-using velacam::test::waitPeer;
-using velacam::test::waitUntil;
-using velacam::test::Watchdog;
-using velacam::test::writeRecord;
 using namespace std::chrono_literals;
-
-// An eventfd handler that stays registered, so that the loop has something to
-// block on once the dying peer's handler is gone; counts its dispatches.
-class Doorbell : public EventHandler {
-  public:
-    Doorbell() : Doorbell(FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), 0)) {}
-    void ring() const {
-        const uint64_t one = 1;
-        EXPECT_EQ(write(mFd.get(), &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
-    }
-    void handleEvent() override {
-        uint64_t value = 0;
-        EXPECT_EQ(read(mFd.get(), &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
-        ++rings;
-    }
-    std::atomic<int> rings{0};
-
-  private:
-    explicit Doorbell(FileDescriptor&& fd)
-        : EventHandler(fd.get(), EventType::READ), mFd(std::move(fd)) {}
-    FileDescriptor mFd;
-};
-
-// Answers every message with an empty reply of the same id until end of
-// stream (a header read of 0 bytes leaves id 0).
-int echoUntilClosed(FileDescriptor&& end) {
-    UnixDomainSocket socket;
-    socket.bind(std::move(end));
-    while (true) {
-        Message request;
-        if (socket.recv(&request) != 0) {
-            return 1;
-        }
-        const uint32_t id = request.id();
-        if (id == 0) {
-            return 0;
-        }
-        Message reply;
-        reply.setHeader(id, 1, Message::kFlagReply, 0, 0);
-        if (socket.send(reply) != 0) {
-            return 2;
-        }
-    }
-}
 
 class DyingPeerTest : public ::testing::Test {
   protected:
@@ -110,31 +52,17 @@ class DyingPeerTest : public ::testing::Test {
             GTEST_SKIP() << "needs the debug property";
         }
     }
-    void TearDown() override {
-        if (loopThread.joinable()) {
-            reactor.requestExit();
-            loopThread.join();
-        }
-    }
 
-    struct LeakCheckAtEnd {
-        DescriptorLeakCheck check;
-        ~LeakCheckAtEnd() { check.check(); }
-    } leaks;
+    ScopedLeakCheck leaks;  // when the whole fixture is gone
     LogCapture capture;
     Watchdog watchdog{"dying peer test", 60s};
     DefaultReactor reactor;
-    std::thread loopThread;
 };
 
 TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAgain) {
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     ASSERT_GE(pair.first.get(), 0);
-    const pid_t child = forkPeer([&pair] {
-        pair.first = FileDescriptor();
-        return echoUntilClosed(std::move(pair.second));
-    });
-    pair.second = FileDescriptor();
+    const pid_t child = forkEchoPeer(pair);
 
     std::mutex lock;
     std::set<uint32_t> replies;  // guarded by lock
@@ -148,7 +76,9 @@ TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAga
             replies.insert(reply.id());
         }
     }));
-    auto doorbell = std::make_shared<Doorbell>();
+    // Stays registered, so that the loop has something to block on once the
+    // socket is gone.
+    auto doorbell = std::make_shared<EventFdHandler>();
     reactor.setHangUpListener([&](int fd, short revents, std::shared_ptr<EventHandler>) {
         EXPECT_TRUE(reactor.removeEventHandlerByFd(fd));
         std::lock_guard<std::mutex> guard(lock);
@@ -156,7 +86,7 @@ TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAga
     });
     ASSERT_TRUE(reactor.registerEventHandler(socket));
     ASSERT_TRUE(reactor.registerEventHandler(doorbell));
-    loopThread = std::thread([this] { reactor.loop(0ms); });
+    ReactorThread loop(reactor);
 
     auto locked = [&](const std::function<bool()>& condition) {
         return waitUntil([&] {
@@ -182,10 +112,9 @@ TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAga
     const size_t cyclesAfterNotice = capture.count("[loop] (1)");
     for (int ring = 1; ring <= 3; ++ring) {
         doorbell->ring();
-        ASSERT_TRUE(waitUntil([&] { return doorbell->rings.load() == ring; }));
+        ASSERT_TRUE(waitUntil([&] { return doorbell->calls.load() == ring; }));
     }
-    reactor.requestExit();
-    loopThread.join();
+    loop.stop();
 
     // One cycle per ring and none besides: the loop blocked in between.
     EXPECT_EQ(capture.count("[loop] (1)"), cyclesAfterNotice + 3);

@@ -19,7 +19,6 @@
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -30,25 +29,14 @@
 #include "support/Descriptors.h"
 #include "support/FunctionRunnable.h"
 #include "support/RawPeer.h"
+#include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
 namespace {
 
-using Kestrel::ipc::CBRegistry;
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::UnixDomainSocket;
+using namespace Kestrel::ipc;
+using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::DescriptorLeakCheck;
-using velacam::test::forkPeer;
-using velacam::test::FunctionRunnable;
-using velacam::test::openDescriptors;
-using velacam::test::waitPeer;
-using velacam::test::Watchdog;
 using namespace std::chrono_literals;
 
 constexpr uint32_t kWork = 1;
@@ -175,103 +163,80 @@ int runService(FileDescriptor end) {
     return result;
 }
 
-// Runs `action` when the scope ends, so that a failed assertion still stops
-// the reactor's thread.
-class ScopeExit {
-  public:
-    explicit ScopeExit(std::function<void()> action) : mAction(std::move(action)) {}
-    ~ScopeExit() { mAction(); }
-    ScopeExit(const ScopeExit&) = delete;
-    ScopeExit& operator=(const ScopeExit&) = delete;
-
-  private:
-    std::function<void()> mAction;
-};
-
 TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) {
-    DescriptorLeakCheck leaks;
-    {
-        Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-        ASSERT_GE(pair.first.get(), 0);
-        const pid_t child = forkPeer([&pair] {  // no other thread exists yet
-            pair.first = FileDescriptor();
-            return runService(std::move(pair.second));
-        });
-        pair.second = FileDescriptor();
+    ScopedLeakCheck leaks;
+    Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    ASSERT_GE(pair.first.get(), 0);
+    const pid_t child = forkPeer([&pair] {  // no other thread exists yet
+        pair.first = FileDescriptor();
+        return runService(std::move(pair.second));
+    });
+    pair.second = FileDescriptor();
 
-        Watchdog watchdog("camera side", 30s);
-        DefaultReactor reactor;
-        CBRegistry registry(1);
-        std::mutex lock;
-        std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
-        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-        std::atomic<int> receiveFailures{0};
-        socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
-            auto reply = std::make_unique<Message>();
-            if (raw->receiveMessage(reply.get()) != 0) {
-                ++receiveFailures;
-                return;
-            }
-            registry.unRegisterCB(std::move(reply));
-        }));
-        ASSERT_TRUE(reactor.registerEventHandler(socket));
-        std::thread reactorThread([&] { reactor.loop(0ms); });
-        const ScopeExit stopReactor([&] {
-            if (reactorThread.joinable()) {
-                reactor.requestExit();
-                reactorThread.join();
-            }
-        });
-
-        std::vector<FileDescriptor> readEnds;
-        for (uint32_t i = 0; i < kRequests; ++i) {
-            int ends[2];
-            ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-            readEnds.emplace_back(ends[0], 0);
-            const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
-
-            Message request;
-            Message::Payload payload;
-            payload.data = {static_cast<uint8_t>(i)};
-            payload.fds = {writeEnd.get()};
-            request.setPayload(payload);
-            request.setHeader(kFirstId + i, kWork, 0, 1, 1);
-            registry.registerCB(request, [&, id = kFirstId + i](uint8_t status) {
-                std::lock_guard<std::mutex> guard(lock);
-                statuses[id].push_back(status);
-            });
-            ASSERT_EQ(socket->sendMessage(request), 0);
+    Watchdog watchdog("camera side", 30s);
+    DefaultReactor reactor;
+    CBRegistry registry(1);
+    std::mutex lock;
+    std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
+    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    std::atomic<int> receiveFailures{0};
+    socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+        auto reply = std::make_unique<Message>();
+        if (raw->receiveMessage(reply.get()) != 0) {
+            ++receiveFailures;
+            return;
         }
+        registry.unRegisterCB(std::move(reply));
+    }));
+    ASSERT_TRUE(reactor.registerEventHandler(socket));
+    ReactorThread loop(reactor);
 
-        ASSERT_TRUE(velacam::test::waitUntil([&] {
+    std::vector<FileDescriptor> readEnds;
+    for (uint32_t i = 0; i < kRequests; ++i) {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+        readEnds.emplace_back(ends[0], 0);
+        const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
+
+        Message request;
+        Message::Payload payload;
+        payload.data = {static_cast<uint8_t>(i)};
+        payload.fds = {writeEnd.get()};
+        request.setPayload(payload);
+        request.setHeader(kFirstId + i, kWork, 0, 1, 1);
+        registry.registerCB(request, [&, id = kFirstId + i](uint8_t status) {
             std::lock_guard<std::mutex> guard(lock);
-            return statuses.size() >= kRequests;
-        }));
-        reactor.requestExit();
-        reactorThread.join();  // statuses is ours alone from here
-        EXPECT_EQ(receiveFailures.load(), 0);
-        for (uint32_t i = 0; i < kRequests; ++i) {
-            const auto found = statuses.find(kFirstId + i);
-            ASSERT_NE(found, statuses.end()) << "no reply for request " << i;
-            EXPECT_EQ(found->second, std::vector<uint8_t>{answerFor(static_cast<uint8_t>(i))});
-        }
-
-        // While the peer still runs, each pipe holds the handler's one byte
-        // and then ends: the only other write end, the one the peer received,
-        // has been closed by its handler.
-        for (uint32_t i = 0; i < kRequests; ++i) {
-            uint8_t bytes[2] = {0, 0};
-            EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 1) << "pipe " << i;
-            EXPECT_EQ(bytes[0], answerFor(static_cast<uint8_t>(i)));
-            EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
-        }
-
-        Message quit;
-        quit.setHeader(0, kQuit, 0, 0, 0);
-        ASSERT_EQ(socket->sendMessage(quit), 0);
-        EXPECT_EQ(waitPeer(child), kServiceOk);
+            statuses[id].push_back(status);
+        });
+        ASSERT_EQ(socket->sendMessage(request), 0);
     }
-    leaks.check();
+
+    ASSERT_TRUE(velacam::test::waitUntil([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        return statuses.size() >= kRequests;
+    }));
+    loop.stop();  // statuses is ours alone from here
+    EXPECT_EQ(receiveFailures.load(), 0);
+    for (uint32_t i = 0; i < kRequests; ++i) {
+        const auto found = statuses.find(kFirstId + i);
+        ASSERT_NE(found, statuses.end()) << "no reply for request " << i;
+        EXPECT_EQ(found->second, std::vector<uint8_t>{answerFor(static_cast<uint8_t>(i))});
+    }
+
+    // While the peer still runs, each pipe holds the handler's one byte
+    // and then ends: the only other write end, the one the peer received,
+    // has been closed by its handler.
+    for (uint32_t i = 0; i < kRequests; ++i) {
+        uint8_t bytes[2] = {0, 0};
+        EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 1) << "pipe " << i;
+        EXPECT_EQ(bytes[0], answerFor(static_cast<uint8_t>(i)));
+        EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
+    }
+
+    Message quit;
+    quit.setHeader(0, kQuit, 0, 0, 0);
+    ASSERT_EQ(socket->sendMessage(quit), 0);
+    EXPECT_EQ(waitPeer(child), kServiceOk);
 }
 
 }  // namespace

@@ -35,8 +35,8 @@
 
 namespace {
 
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::ipc::Message;
 
 constexpr uint32_t kMaxDataCount = std::numeric_limits<uint32_t>::max();
 

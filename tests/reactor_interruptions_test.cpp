@@ -11,7 +11,6 @@
 #include <ipc/utils/Log.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
@@ -24,43 +23,21 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/EchoPeer.h"
+#include "support/EventFdHandler.h"
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
+#include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
 namespace {
 
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventHandler;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::SocketPair;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::LogSetting;
+using namespace Kestrel::ipc;
+using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::DescriptorLeakCheck;
-using velacam::test::forkPeer;
-using velacam::test::FunctionRunnable;
-using velacam::test::LogCapture;
-using velacam::test::memoryFile;
-using velacam::test::waitPeer;
-using velacam::test::Watchdog;
 using namespace std::chrono_literals;
-
-// A readable eventfd nobody drains: keeps every cycle busy.
-class AlwaysReady : public EventHandler {
-  public:
-    AlwaysReady() : AlwaysReady(FileDescriptor(eventfd(1, EFD_CLOEXEC), 0)) {}
-    void handleEvent() override { ++calls; }
-    std::atomic<int> calls{0};
-
-  private:
-    explicit AlwaysReady(FileDescriptor&& fd)
-        : EventHandler(fd.get(), EventType::READ), mFd(std::move(fd)) {}
-    FileDescriptor mFd;
-};
 
 enum class ExitTiming { kBefore, kTogether, kAfterStart };
 
@@ -69,7 +46,7 @@ enum class ExitTiming { kBefore, kTogether, kAfterStart };
 void runOneRound(ExitTiming timing, bool withHandler, int jitter, LogCapture& capture) {
     capture.clear();
     DefaultReactor reactor;
-    auto handler = std::make_shared<AlwaysReady>();
+    auto handler = std::make_shared<EventFdHandler>(EventFdHandler::Readiness::kAlwaysReady);
     if (withHandler) {
         ASSERT_TRUE(reactor.registerEventHandler(handler));
     }
@@ -150,118 +127,83 @@ class InterruptingSignal {
     struct sigaction mPrevious {};
 };
 
-// Echoes each request with its data and no descriptor until end of stream;
-// the descriptors a request carried are closed.
-int echoUntilClosed(FileDescriptor&& end) {
-    UnixDomainSocket socket;
-    socket.bind(std::move(end));
-    while (true) {
-        Message request;
-        if (socket.recv(&request) != 0) {
-            return 1;
-        }
-        const uint32_t id = request.id();
-        if (id == 0) {
-            return 0;
-        }
-        const Message::Payload payload = request.payload();
-        for (int fd : payload.fds) {
-            ::close(fd);
-        }
-        Message reply;
-        Message::Payload echoed;
-        echoed.data = payload.data;
-        reply.setPayload(echoed);
-        reply.setHeader(id, 1, Message::kFlagReply, static_cast<uint32_t>(echoed.data.size()), 0);
-        if (socket.send(reply) != 0) {
-            return 2;
-        }
-    }
-}
-
 TEST(ReactorSignalTest, SignalsWithoutRestartWhileMessagesFlow_FailNothing) {
     if (LogSetting::logLevel() < 1) {
         GTEST_SKIP() << "needs the debug property";
     }
     constexpr uint32_t kMessages = 1000;
-    DescriptorLeakCheck leaks;
-    {
-        LogCapture capture;
-        Watchdog watchdog{"messages under signals", 120s};
-        InterruptingSignal interrupting;
-        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-        ASSERT_GE(pair.first.get(), 0);
-        const pid_t child = forkPeer([&pair] {
-            pair.first = FileDescriptor();
-            return echoUntilClosed(std::move(pair.second));
-        });
-        pair.second = FileDescriptor();
+    ScopedLeakCheck leaks;
+    LogCapture capture;
+    Watchdog watchdog{"messages under signals", 120s};
+    InterruptingSignal interrupting;
+    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    ASSERT_GE(pair.first.get(), 0);
+    const pid_t child = forkEchoPeer(pair);
 
-        std::mutex lock;
-        std::condition_variable arrived;
-        std::vector<uint32_t> replies;  // guarded by lock
-        size_t badReplies = 0;          // guarded by lock
-        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-        socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
-            Message reply;
-            const int result = end->receiveMessage(&reply);
-            const Message::Payload payload = reply.payload();
-            {
-                std::lock_guard<std::mutex> guard(lock);
-                const bool intact = result == 0 && reply.isReply() && payload.data.size() == 4 &&
-                                    payload.data[0] == static_cast<uint8_t>(reply.id());
-                badReplies += intact ? 0 : 1;
-                replies.push_back(reply.id());
-            }
-            arrived.notify_all();
-        }));
-        DefaultReactor reactor;
-        ASSERT_TRUE(reactor.registerEventHandler(socket));
-        std::thread loopThread([&reactor] { reactor.loop(0ms); });
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::vector<uint32_t> replies;  // guarded by lock
+    size_t badReplies = 0;          // guarded by lock
+    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
+        Message reply;
+        const int result = end->receiveMessage(&reply);
+        const Message::Payload payload = reply.payload();
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            const bool intact = result == 0 && reply.isReply() && payload.data.size() == 4 &&
+                                payload.data[0] == static_cast<uint8_t>(reply.id());
+            badReplies += intact ? 0 : 1;
+            replies.push_back(reply.id());
+        }
+        arrived.notify_all();
+    }));
+    DefaultReactor reactor;
+    ASSERT_TRUE(reactor.registerEventHandler(socket));
+    ReactorThread loop(reactor);
 
-        const pthread_t targets[] = {loopThread.native_handle(), pthread_self()};
-        std::atomic<bool> stop{false};
-        std::atomic<int> signalsSent{0};
-        std::thread storm([&] {
-            while (!stop.load()) {
-                for (const pthread_t target : targets) {
-                    if (pthread_kill(target, SIGUSR1) == 0) {
-                        ++signalsSent;
-                    }
+    const pthread_t targets[] = {loop.thread().native_handle(), pthread_self()};
+    std::atomic<bool> stop{false};
+    std::atomic<int> signalsSent{0};
+    std::thread storm([&] {
+        while (!stop.load()) {
+            for (const pthread_t target : targets) {
+                if (pthread_kill(target, SIGUSR1) == 0) {
+                    ++signalsSent;
                 }
             }
-        });
-
-        const FileDescriptor file = memoryFile("carried");
-        for (uint32_t id = 1; id <= kMessages; ++id) {
-            Message request;
-            Message::Payload payload;
-            payload.data = {static_cast<uint8_t>(id), 'a', 'b', 'c'};
-            payload.fds = {file.get()};
-            request.setPayload(payload);
-            request.setHeader(id, 1, 0, 4, 1);
-            ASSERT_EQ(socket->sendMessage(request), 0) << "message " << id;
-            std::unique_lock<std::mutex> guard(lock);
-            ASSERT_TRUE(arrived.wait_for(guard, 10s, [&] { return replies.size() == id; }))
-                    << "reply " << id;
         }
-        stop = true;
-        storm.join();
-        reactor.requestExit();
-        loopThread.join();
-        socket.reset();  // end of stream: the echo ends by itself
-        EXPECT_EQ(waitPeer(child), 0);
+    });
 
-        EXPECT_EQ(badReplies, 0u);
-        for (uint32_t i = 0; i < replies.size(); ++i) {
-            ASSERT_EQ(replies[i], i + 1);
+    const FileDescriptor file = memoryFile("carried");
+    for (uint32_t id = 1; id <= kMessages; ++id) {
+        Message request;
+        Message::Payload payload;
+        payload.data = {static_cast<uint8_t>(id), 'a', 'b', 'c'};
+        payload.fds = {file.get()};
+        request.setPayload(payload);
+        request.setHeader(id, 1, 0, 4, 1);
+        EXPECT_EQ(socket->sendMessage(request), 0) << "message " << id;
+        std::unique_lock<std::mutex> guard(lock);
+        if (!arrived.wait_for(guard, 10s, [&] { return replies.size() == id; })) {
+            ADD_FAILURE() << "no reply " << id;
+            break;
         }
-        EXPECT_GT(signalsSent.load(), 0);
-        EXPECT_GT(gSignalsHandled.load(), 0);
-        EXPECT_EQ(capture.countContaining("failed"), 0u);
-        EXPECT_EQ(capture.count("poll timed out"), 0u);
     }
-    leaks.check();
+    stop = true;
+    storm.join();
+    loop.stop();
+    socket.reset();  // end of stream: the echo ends by itself
+    EXPECT_EQ(waitPeer(child), 0);
+
+    EXPECT_EQ(badReplies, 0u);
+    for (uint32_t i = 0; i < replies.size(); ++i) {
+        ASSERT_EQ(replies[i], i + 1);
+    }
+    EXPECT_GT(signalsSent.load(), 0);
+    EXPECT_GT(gSignalsHandled.load(), 0);
+    EXPECT_EQ(capture.countContaining("failed"), 0u);
+    EXPECT_EQ(capture.count("poll timed out"), 0u);
 }
 
 }  // namespace

@@ -38,22 +38,10 @@
 
 namespace {
 
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::SocketPair;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::Process;
-using Kestrel::ipc::utils::Runnable;
+using namespace Kestrel::ipc;
+using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using velacam::test::DescriptorLeakCheck;
-using velacam::test::forkPeer;
-using velacam::test::waitPeer;
-using velacam::test::waitUntil;
-using velacam::test::Watchdog;
 using namespace std::chrono_literals;
 
 constexpr uint32_t kData = 1;

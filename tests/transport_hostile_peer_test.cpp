@@ -17,8 +17,8 @@
 
 namespace {
 
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::ipc::Message;
 
 constexpr int kUntouched = 0x5a5a5a5a;
 constexpr int kCanary = 0x7eadbeef;

@@ -26,4 +26,11 @@ class DescriptorLeakCheck {
     std::set<int> mBefore;
 };
 
+// The same check, made when it goes out of scope: declare it before whatever
+// must have closed its descriptors by then.
+class ScopedLeakCheck : public DescriptorLeakCheck {
+  public:
+    ~ScopedLeakCheck() { check(); }
+};
+
 }  // namespace velacam::test

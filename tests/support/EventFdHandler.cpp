@@ -1,0 +1,37 @@
+#include "support/EventFdHandler.h"
+
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+
+namespace velacam::test {
+
+using Kestrel::utils::sys::FileDescriptor;
+
+EventFdHandler::EventFdHandler(Readiness readiness)
+    : EventFdHandler(FileDescriptor(eventfd(readiness == Readiness::kAlwaysReady ? 1 : 0,
+                                            EFD_CLOEXEC | EFD_NONBLOCK),
+                                    0),
+                     readiness) {}
+
+EventFdHandler::EventFdHandler(FileDescriptor&& fd, Readiness readiness)
+    : EventHandler(fd.get(), Kestrel::ipc::EventType::READ),
+      mFd(std::move(fd)),
+      mReadiness(readiness) {}
+
+void EventFdHandler::ring() const {
+    const uint64_t one = 1;
+    EXPECT_EQ(write(mFd.get(), &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+}
+
+void EventFdHandler::handleEvent() {
+    if (mReadiness == Readiness::kDrainedByEachCall) {
+        uint64_t count = 0;
+        EXPECT_EQ(read(mFd.get(), &count, sizeof(count)), static_cast<ssize_t>(sizeof(count)));
+    }
+    ++calls;
+}
+
+}  // namespace velacam::test

@@ -1,0 +1,38 @@
+// Test helper: runs a DefaultReactor's loop on a thread of its own. stop()
+// asks the loop to exit and joins; the destructor does the same, so that a
+// failed assertion never leaves the loop running behind the test.
+#pragma once
+
+#include <ipc/DefaultReactor.h>
+
+#include <chrono>
+#include <thread>
+
+namespace velacam::test {
+
+class ReactorThread {
+  public:
+    explicit ReactorThread(Kestrel::ipc::DefaultReactor& reactor,
+                           std::chrono::milliseconds timeout = std::chrono::milliseconds(0))
+        : mReactor(reactor), mThread([&reactor, timeout] { reactor.loop(timeout); }) {}
+    ~ReactorThread() { stop(); }
+    ReactorThread(const ReactorThread&) = delete;
+    ReactorThread& operator=(const ReactorThread&) = delete;
+
+    void stop() {
+        if (mThread.joinable()) {
+            mReactor.requestExit();
+            mThread.join();
+        }
+    }
+    // Waits for a loop that is made to end from inside (a handler or a
+    // listener requesting exit).
+    void join() { mThread.join(); }
+    std::thread& thread() { return mThread; }
+
+  private:
+    Kestrel::ipc::DefaultReactor& mReactor;
+    std::thread mThread;
+};
+
+}  // namespace velacam::test
