@@ -1,5 +1,5 @@
-// MessageQueue and MessageLoop: order, blocking, exit, ownership of queued
-// messages, and several producers feeding one consumer.
+// MessageQueue and MessageLoop: order, blocking, exit and ownership of queued
+// messages (many producers feeding one loop are in the stress suite).
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
@@ -157,62 +157,6 @@ TEST_F(MessageQueueTest, EnqueueNeverWaitsWhateverItsTimeout) {
                   1u);
     }
     EXPECT_EQ(destroyed.load(), 1000);
-}
-
-// Per producer, the consumer must see every message, in that producer's
-// order. Runs without a log capture: it is about the queue, not its lines.
-class SequenceChecker : public MessageHandler {
-  public:
-    static constexpr uint32_t kProducerShift = 24;
-
-    explicit SequenceChecker(size_t producers) : mNext(producers, 0) {}
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> message) override {
-        const uint32_t producer = message->id() >> kProducerShift;
-        const uint32_t sequence = message->id() & ((1u << kProducerShift) - 1);
-        if (producer >= mNext.size() || mNext[producer] != sequence) {
-            ++mOutOfOrder;
-        } else {
-            ++mNext[producer];
-        }
-        mHandled.fetch_add(1, std::memory_order_release);
-    }
-
-    // Read after the consumer has been joined.
-    std::vector<uint32_t> mNext;
-    int mOutOfOrder = 0;
-    std::atomic<int> mHandled{0};
-};
-
-TEST(MessageQueueStress, SeveralProducersOneConsumerLoseNothing) {
-    constexpr uint32_t kProducers = 4;
-    constexpr uint32_t kPerProducer = 50000;
-    Watchdog watchdog("several producers", 60s);
-    auto checker = std::make_shared<SequenceChecker>(kProducers);
-    MessageLoop loop;
-    std::thread consumer([&] { loop.dispatchMessages(); });
-    std::vector<std::thread> producers;
-    for (uint32_t p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (uint32_t i = 0; i < kPerProducer; ++i) {
-                loop.messageQueue().enqueueMessage(
-                        makeMessage((p << SequenceChecker::kProducerShift) | i, checker), 0ms);
-            }
-        });
-    }
-    for (auto& producer : producers) {
-        producer.join();
-    }
-    ASSERT_TRUE(velacam::test::waitUntil(
-            [&] {
-                return checker->mHandled.load(std::memory_order_acquire) ==
-                       static_cast<int>(kProducers * kPerProducer);
-            },
-            40s));
-    loop.requestExit();
-    consumer.join();
-    EXPECT_EQ(checker->mOutOfOrder, 0);
-    EXPECT_EQ(checker->mNext, std::vector<uint32_t>(kProducers, kPerProducer));
 }
 
 }  // namespace

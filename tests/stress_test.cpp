@@ -34,6 +34,7 @@
 
 #include "support/Descriptors.h"
 #include "support/RawPeer.h"
+#include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -172,7 +173,7 @@ int writeUntilStopped(std::array<Stream, kStreams>& streams, int stop) {
 // next cycle has pruned that entry. Then stops the writer and drains.
 void churnHandlersWhileReceiving(std::array<Stream, kStreams>& streams, int stopWriter) {
     DefaultReactor reactor;
-    std::thread loop([&] { reactor.loop(10ms); });
+    ReactorThread loop(reactor, 10ms);
 
     std::array<std::shared_ptr<SocketEventHandler>, kStreams> lastHandlers;
     std::vector<std::thread> churners;
@@ -221,12 +222,10 @@ void churnHandlersWhileReceiving(std::array<Stream, kStreams>& streams, int stop
                 return true;
             },
             60s));
-    reactor.requestExit();
-    loop.join();
 }
 
 TEST(ReactorStress, HandlersComeAndGoWhileAPeerProcessWritesAndTheLoopRuns) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     std::array<Stream, kStreams> streams;
     for (Stream& stream : streams) {
         SocketPair pair = makePair();
@@ -265,10 +264,6 @@ TEST(ReactorStress, HandlersComeAndGoWhileAPeerProcessWritesAndTheLoopRuns) {
             ASSERT_EQ(stream.ids[n], n) << "stream " << i;
         }
     }
-    for (Stream& stream : streams) {
-        stream.end = FileDescriptor();
-    }
-    leaks.check();
 }
 
 // ---------------------------------------------------------------------------
@@ -351,7 +346,7 @@ constexpr int kChildren = 200;
 constexpr int kTerminatedOneByOne = 20;
 
 TEST(ProcessStress, TwoHundredChildrenAreStartedObservedAndTerminatedWithNoneLeft) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     Watchdog watchdog("process stress", 120s);
     const pid_t self = getpid();
     Process parent;
@@ -393,7 +388,6 @@ TEST(ProcessStress, TwoHundredChildrenAreStartedObservedAndTerminatedWithNoneLef
     errno = 0;
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    leaks.check();
 }
 
 // ---------------------------------------------------------------------------
@@ -475,7 +469,7 @@ Reading readUntilTheCut(UnixDomainSocket& socket, size_t i) {
 }
 
 TEST(TransportStress, PeersClosingAfterTheHeaderRecord_FailOrEndTheMessageAndLeaveNothingOpen) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     for (int round = 0; round < kClosingRounds; ++round) {
         std::vector<SocketPair> pairs;
         pairs.reserve(kClosingPeers);
@@ -521,7 +515,6 @@ TEST(TransportStress, PeersClosingAfterTheHeaderRecord_FailOrEndTheMessageAndLea
             EXPECT_TRUE(reading.afterEmpty);
         }
     }
-    leaks.check();
 }
 
 }  // namespace
