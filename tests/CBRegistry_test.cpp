@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -37,14 +37,8 @@ std::unique_ptr<Message> makeMessage(uint32_t id, std::vector<uint8_t> data = {}
     return message;
 }
 
-class CBRegistryTest : public ::testing::Test {
+class CBRegistryTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (Kestrel::ipc::utils::LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
-    velacam::test::LogCapture capture;
     Watchdog watchdog{"CBRegistry test", 30s};
     std::vector<int> calls;
 };

@@ -36,7 +36,7 @@ Child startChild(const std::string& message) {
     EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
     std::cout.flush();
     std::fflush(nullptr);
-    const pid_t pid = velacam::test::forkPeer([&] {
+    const pid_t pid = forkPeer([&] {
         dup2(input[0], STDIN_FILENO);
         dup2(output[1], STDOUT_FILENO);
         for (int fd : {input[0], input[1], output[0], output[1]}) {
@@ -50,7 +50,7 @@ Child startChild(const std::string& message) {
     close(output[1]);
     const FileDescriptor out(output[0], 0);
     std::string prompt;
-    velacam::test::Watchdog watchdog("the prompt line", 20s);
+    Watchdog watchdog("the prompt line", 20s);
     char c;
     while (prompt.empty() || prompt.back() != '\n') {
         if (read(out.get(), &c, 1) != 1) {
@@ -62,20 +62,20 @@ Child startChild(const std::string& message) {
 }
 
 TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput) {
-    velacam::test::DescriptorLeakCheck leaks;
+    DescriptorLeakCheck leaks;
     Child child = startChild("continue");
     EXPECT_EQ(child.prompt,
               "[----------] PID(" + std::to_string(child.pid) + ") Press ENTER to continue...\n");
     int status = 0;
     EXPECT_EQ(waitpid(child.pid, &status, WNOHANG), 0);  // the prompt is out; it waits for input
     ASSERT_EQ(write(child.input.get(), "\nx", 2), 2);
-    EXPECT_EQ(velacam::test::waitPeer(child.pid), 'x');
+    EXPECT_EQ(waitPeer(child.pid), 'x');
 
     child = startChild("attach a debugger");
     EXPECT_EQ(child.prompt, "[----------] PID(" + std::to_string(child.pid) +
                                     ") Press ENTER to attach a debugger...\n");
     child.input = FileDescriptor();  // end of input
-    EXPECT_EQ(velacam::test::waitPeer(child.pid), 200);
+    EXPECT_EQ(waitPeer(child.pid), 200);
     leaks.check();
 }
 

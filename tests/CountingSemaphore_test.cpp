@@ -6,7 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -15,13 +15,8 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using namespace std::chrono_literals;
 
-class CountingSemaphoreTest : public ::testing::Test {
+class CountingSemaphoreTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (Kestrel::ipc::utils::LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
     // Starts a thread that acquires once and then counts itself returned.
     std::thread acquirer(CountingSemaphore& semaphore) {
         return std::thread([this, &semaphore] {
@@ -36,8 +31,7 @@ class CountingSemaphoreTest : public ::testing::Test {
         return returned.load() == n;
     }
 
-    velacam::test::LogCapture capture;
-    velacam::test::Watchdog watchdog{"CountingSemaphore test", 30s};
+    Watchdog watchdog{"CountingSemaphore test", 30s};
     std::atomic<int> returned{0};
 };
 

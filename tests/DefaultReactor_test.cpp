@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
@@ -107,17 +107,11 @@ struct FilledPipe {
     FileDescriptor writeEnd;
 };
 
-class DefaultReactorTest : public ::testing::Test {
+class DefaultReactorTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
     void startLoop(std::chrono::milliseconds timeout = 0ms) { loop.emplace(*reactor, timeout); }
     void stopLoop() { loop.reset(); }
 
-    LogCapture capture;
     Watchdog watchdog{"DefaultReactor test", 30s};
     std::unique_ptr<DefaultReactor> reactor = std::make_unique<DefaultReactor>();
     std::optional<ReactorThread> loop;

@@ -15,7 +15,7 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 
 TEST(DequeHandlerTest, RunsTheRunnableItTookOverOnTheCallingThreadOrLogsWithoutOne) {
-    velacam::test::LogCapture capture;
+    LogCapture capture;
     int runs = 0;
     std::thread::id thread;
     auto runnable = std::make_shared<FunctionRunnable>([&] {

@@ -133,13 +133,13 @@ TEST(IPCEndpointsTest, CallTableForwardsToTheOverridesOfTheServerItCameFrom) {
 
 // A shared-memory file holding `values` as 32-bit integers.
 FileDescriptor planeOf(const std::vector<int32_t>& values) {
-    return velacam::test::memoryFile(std::string(reinterpret_cast<const char*>(values.data()),
-                                                 values.size() * sizeof(int32_t)));
+    return memoryFile(std::string(reinterpret_cast<const char*>(values.data()),
+                                  values.size() * sizeof(int32_t)));
 }
 
 // The integers the file holds now, as this process sees them.
 std::vector<int32_t> valuesIn(const FileDescriptor& plane) {
-    const std::string bytes = velacam::test::contentsOf(plane.get());
+    const std::string bytes = contentsOf(plane.get());
     std::vector<int32_t> values(bytes.size() / sizeof(int32_t));
     std::memcpy(values.data(), bytes.data(), values.size() * sizeof(int32_t));
     return values;
@@ -158,17 +158,17 @@ class IPCDummyServerTest : public ::testing::Test {
   protected:
     void TearDown() override { mLeaks.check(); }
 
-    velacam::test::DescriptorLeakCheck mLeaks;
-    velacam::test::LogCapture mCapture;
+    DescriptorLeakCheck mLeaks;
+    LogCapture mCapture;
     IPCServer& mServer = *serverOf(IPC_PLATFORM_TYPE_DUMMY);
 };
 
 TEST_F(IPCDummyServerTest, AnotherProcessReversesTheBufferThisProcessSees) {
     const FileDescriptor plane = planeOf({1, 2, 3, 4, 5});
-    const pid_t pid = velacam::test::forkPeer([&] {
+    const pid_t pid = forkPeer([&] {
         return mServer.registerBuffer({bufferOf(1, {{plane.get(), 4}})}) == -1 ? 0 : 1;
     });
-    ASSERT_EQ(velacam::test::waitPeer(pid), 0);
+    ASSERT_EQ(waitPeer(pid), 0);
     EXPECT_EQ(valuesIn(plane), (std::vector<int32_t>{4, 3, 2, 1, 5}));  // the first `size` only
 }
 
@@ -179,8 +179,8 @@ TEST_F(IPCDummyServerTest, CallTableReachesTheDummyAndLeavesTheDescriptorsOpen) 
     EXPECT_EQ(ops.registerBuffer({bufferOf(5, {{first.get(), 2}, {second.get(), 3}})}), -1);
     EXPECT_EQ(valuesIn(first), (std::vector<int32_t>{20, 10}));
     EXPECT_EQ(valuesIn(second), (std::vector<int32_t>{9, 8, 7}));
-    EXPECT_TRUE(velacam::test::isOpen(first.get()));
-    EXPECT_TRUE(velacam::test::isOpen(second.get()));
+    EXPECT_TRUE(isOpen(first.get()));
+    EXPECT_TRUE(isOpen(second.get()));
     EXPECT_EQ(ops.deregisterBuffer({5}), -1);
     EXPECT_EQ(ops.handleRequest(CameraAlgorithmRequest{}), -1);
     EXPECT_EQ(mServer.init(), -1);

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 
 namespace {
 
@@ -43,22 +43,14 @@ TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
     capture.clear();
     logOneWarning();
     ASSERT_EQ(capture.lines().size(), 1u);
-    const velacam::test::LogLine line = capture.lines()[0];
+    const LogLine line = capture.lines()[0];
     EXPECT_EQ(line.text, "no payload exists");
     EXPECT_EQ(line.level, 2u);
     EXPECT_EQ(line.tag, "Message");
     EXPECT_EQ(line.moduleId, 0x401034u);
 }
 
-class LogSinks : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
-    LogCapture capture;
-};
+using LogSinks = DebugLogTest;
 
 // A site declared here behaves as one in the library's own sources.
 constexpr Kestrel::ipc::utils::LogSite kLogSite{"Thread", "ipc/utils/Thread",
@@ -95,7 +87,7 @@ TEST_F(LogSinks, ModuleMaskGatesDebugLinesPerModule) {
         capture.clear();
         ULogger::sNormalDetailsMask = mask;
         logOneDebugLine();
-        Kestrel::ipc::CountingSemaphore(1).release(1);
+        CountingSemaphore(1).release(1);
         return std::make_pair(capture.count("[Payload] data_offset(3)"),
                               capture.countContaining("[release] before releasing!"));
     };

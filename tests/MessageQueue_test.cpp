@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -60,19 +60,13 @@ class RecordingHandler : public MessageHandler {
     const uint32_t mExitAt;
 };
 
-class MessageQueueTest : public ::testing::Test {
+class MessageQueueTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (Kestrel::ipc::utils::LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
     // Waits until the consumer has logged that it blocks for the `n`th time.
     bool waitForConsumerBlocked(size_t n = 1) {
         return capture.waitFor("[nextMessage] Block to wait for signal", n);
     }
 
-    velacam::test::LogCapture capture;
     Watchdog watchdog{"MessageQueue test", 30s};
     std::atomic<int> destroyed{0};
 };

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -41,14 +41,8 @@ std::unique_ptr<Message> makeMessage(uint32_t id, uint32_t type = 0,
     return message;
 }
 
-class MessageTableTest : public ::testing::Test {
+class MessageTableTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (Kestrel::ipc::utils::LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
-    velacam::test::LogCapture capture;
     Watchdog watchdog{"MessageTable test", 30s};
     std::atomic<int> destroyed{0};
 };

@@ -137,7 +137,7 @@ TEST(MessageMove, ConstructionTakesTheHandlerAndAssignmentSwapsThem) {
 }
 
 TEST(MessageMove, ConcurrentCrossAssignmentsDoNotDeadlock) {
-    velacam::test::Watchdog watchdog("cross move assignment", std::chrono::seconds(30));
+    Watchdog watchdog("cross move assignment", std::chrono::seconds(30));
     Message a;
     Message b;
     a.setHeader(1, 0, 0, 0, 0);
@@ -160,7 +160,7 @@ TEST(MessageResponse, ReturnsAtOnceOnASetReplyBitAndAfterAboutOneSecondOtherwise
     Message message;
     message.setHeader(77, 0, Message::kFlagReply, 0, 0);
     {
-        velacam::test::Watchdog watchdog("waitResponse", std::chrono::milliseconds(900));
+        Watchdog watchdog("waitResponse", std::chrono::milliseconds(900));
         message.waitResponse();
     }
     EXPECT_EQ(capture.count("waitResponse timed out, message ID(77) isReply(1)"), 1u);
@@ -175,7 +175,7 @@ TEST(MessageResponse, ReturnsAtOnceOnASetReplyBitAndAfterAboutOneSecondOtherwise
 }
 
 TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount) {
-    velacam::test::DescriptorLeakCheck leaks;
+    DescriptorLeakCheck leaks;
     LogCapture capture;
     const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -187,9 +187,9 @@ TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount)
     message->setPayload(payload);
     message->setHeader(3, 4, 1, 2, 2);
     MessageHandler().handleMessage(*message);
-    EXPECT_FALSE(velacam::test::isOpen(a));
-    EXPECT_FALSE(velacam::test::isOpen(b));
-    EXPECT_TRUE(velacam::test::isOpen(bystander));
+    EXPECT_FALSE(isOpen(a));
+    EXPECT_FALSE(isOpen(b));
+    EXPECT_TRUE(isOpen(bystander));
     EXPECT_EQ(message->fileDescriptorCount(), 0u);
     EXPECT_EQ(message->dataCount(), 2u);
     EXPECT_EQ(std::make_tuple(message->id(), message->type(), message->flags()),

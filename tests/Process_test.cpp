@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 // Reaps `pid` and returns its wait status; a child that never ends fails the
 // suite through the watchdog.
 int reap(pid_t pid) {
-    velacam::test::Watchdog watchdog("waitpid", 20s);
+    Watchdog watchdog("waitpid", 20s);
     int status = 0;
     while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
@@ -55,8 +55,8 @@ class ProcessTest : public ::testing::Test {
     void TearDown() override { mLeaks.check(); }
 
     const pid_t mParentPid = getpid();
-    velacam::test::LogCapture mCapture;
-    velacam::test::DescriptorLeakCheck mLeaks;
+    LogCapture mCapture;
+    DescriptorLeakCheck mLeaks;
 };
 
 TEST_F(ProcessTest, Create_RunsTheProgramUnderItsOwnNameWithTheFurtherArguments) {

@@ -32,7 +32,7 @@
 #include "support/EchoPeer.h"
 #include "support/EventFdHandler.h"
 #include "support/FunctionRunnable.h"
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/RawPeer.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -45,16 +45,9 @@ using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
 using namespace std::chrono_literals;
 
-class DyingPeerTest : public ::testing::Test {
+class DyingPeerTest : public DebugLogTest {
   protected:
-    void SetUp() override {
-        if (LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
-        }
-    }
-
     ScopedLeakCheck leaks;  // when the whole fixture is gone
-    LogCapture capture;
     Watchdog watchdog{"dying peer test", 60s};
     DefaultReactor reactor;
 };
@@ -195,7 +188,7 @@ TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticed
 // Lowers this process's open-file limit so that exactly `free` descriptor
 // numbers are left for new descriptors; returns the limit before.
 rlimit leaveFreeDescriptors(size_t free) {
-    const std::set<int> open = velacam::test::openDescriptors();
+    const std::set<int> open = openDescriptors();
     rlimit before{};
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     rlim_t limit = 0;
@@ -261,7 +254,7 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
         // The default handler closes every slot: the descriptor that arrived,
         // and nothing for the lost ones, which hold -1.
         MessageHandler().handleMessage(some);
-        seen += velacam::test::isOpen(0) ? " stdin:open" : " stdin:closed";
+        seen += isOpen(0) ? " stdin:open" : " stdin:closed";
         seen += " lines:" + std::to_string(capture.count(
                                     "The number of received fds(1) is less than expected(3)"));
         seen += "\n";

@@ -165,7 +165,7 @@ int runService(FileDescriptor end) {
 
 TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) {
     ScopedLeakCheck leaks;
-    Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     ASSERT_GE(pair.first.get(), 0);
     const pid_t child = forkPeer([&pair] {  // no other thread exists yet
         pair.first = FileDescriptor();
@@ -211,7 +211,7 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
         ASSERT_EQ(socket->sendMessage(request), 0);
     }
 
-    ASSERT_TRUE(velacam::test::waitUntil([&] {
+    ASSERT_TRUE(waitUntil([&] {
         std::lock_guard<std::mutex> guard(lock);
         return statuses.size() >= kRequests;
     }));

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
@@ -59,11 +59,12 @@ std::string failureLine(int fd, const char* flags) {
     return text;
 }
 
-class HangUpNoticeTest : public ::testing::Test {
+class HangUpNoticeTest : public DebugLogTest {
   protected:
     void SetUp() override {
-        if (LogSetting::logLevel() < 1) {
-            GTEST_SKIP() << "needs the debug property";
+        DebugLogTest::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
@@ -89,7 +90,6 @@ class HangUpNoticeTest : public ::testing::Test {
     }
 
     ScopedLeakCheck leaks;  // when the whole fixture is gone
-    LogCapture capture;
     Watchdog watchdog{"hang-up notice test", 30s};
     DefaultReactor reactor;
     std::shared_ptr<SocketEnd> handler;

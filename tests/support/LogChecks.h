@@ -29,4 +29,18 @@ inline void expectDebugLinesOnce(const LogCapture& capture,
     }
 }
 
+// Base of fixtures whose checks read debug lines: each case is skipped while
+// debug logging is off (CTest always switches it on). The capture is made
+// before anything the derived fixture starts.
+class DebugLogTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!debugLogged()) {
+            GTEST_SKIP() << "needs the debug property";
+        }
+    }
+
+    LogCapture capture;
+};
+
 }  // namespace velacam::test
