@@ -19,7 +19,6 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using namespace std::chrono_literals;
 
 // A message of `id` whose payload data are `data` (a reply's status is
 // data[0]) with the descriptor numbers `fds`; header only when both are empty.

@@ -18,7 +18,6 @@
 namespace {
 
 using namespace velacam::test;
-using namespace std::chrono_literals;
 
 struct Child {
     pid_t pid;

@@ -13,7 +13,6 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using namespace std::chrono_literals;
 
 class CountingSemaphoreTest : public DebugLogTest {
   protected:

@@ -31,10 +31,8 @@
 namespace {
 
 using namespace Kestrel::ipc;
-using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 // An eventfd that tests make readable with signal() and drain().
 class Event {

@@ -20,7 +20,6 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using namespace std::chrono_literals;
 
 // Counts its own destructions, so that a test sees every message go away.
 class CountedMessage : public Message {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageTable.h>
-#include <ipc/utils/Log.h>
 
 #include <atomic>
 #include <list>
@@ -20,7 +19,6 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using namespace std::chrono_literals;
 using MessageList = std::list<std::unique_ptr<Message>>;
 
 class CountedMessage : public Message {

@@ -23,7 +23,6 @@ namespace {
 
 using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
-using namespace std::chrono_literals;
 
 // Reaps `pid` and returns its wait status; a child that never ends fails the
 // suite through the watchdog.

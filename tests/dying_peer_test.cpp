@@ -11,7 +11,6 @@
 #include <ipc/MessageHandler.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/Log.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -40,10 +39,7 @@
 namespace {
 
 using namespace Kestrel::ipc;
-using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
-using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 class DyingPeerTest : public DebugLogTest {
   protected:

@@ -36,8 +36,6 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 constexpr uint32_t kWork = 1;
 constexpr uint32_t kQuit = 2;

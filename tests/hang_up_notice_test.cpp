@@ -28,10 +28,8 @@
 namespace {
 
 using namespace Kestrel::ipc;
-using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 // Owns one end of a socket pair and counts its calls.
 class SocketEnd : public EventHandler {

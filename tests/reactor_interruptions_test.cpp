@@ -8,7 +8,6 @@
 #include <ipc/Message.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/Log.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sysutils/FileDescriptor.h>
@@ -26,7 +25,7 @@
 #include "support/EchoPeer.h"
 #include "support/EventFdHandler.h"
 #include "support/FunctionRunnable.h"
-#include "support/LogCapture.h"
+#include "support/LogChecks.h"
 #include "support/RawPeer.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -34,10 +33,7 @@
 namespace {
 
 using namespace Kestrel::ipc;
-using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
-using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 enum class ExitTiming { kBefore, kTogether, kAfterStart };
 
@@ -86,7 +82,7 @@ void runOneRound(ExitTiming timing, bool withHandler, int jitter, LogCapture& ca
 }
 
 TEST(ReactorExitTimingTest, ExitRequestedBeforeTogetherWithOrJustAfterTheStart_AlwaysEndsTheLoop) {
-    if (LogSetting::logLevel() < 1) {
+    if (!debugLogged()) {
         GTEST_SKIP() << "needs the debug property";
     }
     DescriptorLeakCheck leaks;
@@ -128,7 +124,7 @@ class InterruptingSignal {
 };
 
 TEST(ReactorSignalTest, SignalsWithoutRestartWhileMessagesFlow_FailNothing) {
-    if (LogSetting::logLevel() < 1) {
+    if (!debugLogged()) {
         GTEST_SKIP() << "needs the debug property";
     }
     constexpr uint32_t kMessages = 1000;

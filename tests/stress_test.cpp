@@ -42,8 +42,6 @@ namespace {
 using namespace Kestrel::ipc;
 using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
-using Kestrel::utils::sys::FileDescriptor;
-using namespace std::chrono_literals;
 
 constexpr uint32_t kData = 1;
 constexpr uint32_t kEnd = 2;
