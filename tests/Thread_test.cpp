@@ -24,6 +24,7 @@
 #include <system_error>
 #include <thread>
 
+#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/Waiting.h"
 
@@ -31,30 +32,14 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace Kestrel::ipc::utils;
+using namespace velacam::test;
 using namespace std::chrono_literals;
 
 constexpr auto kLimit = 20s;
 
-// Runs a function; counts its own destruction when given a counter.
-class FunctionRunnable : public Runnable {
-  public:
-    explicit FunctionRunnable(std::function<void()> body, std::atomic<int>* destroyed = nullptr)
-        : mBody(std::move(body)), mDestroyed(destroyed) {}
-    ~FunctionRunnable() override {
-        if (mDestroyed != nullptr) {
-            ++*mDestroyed;
-        }
-    }
-    void run() override { mBody(); }
-
-  private:
-    std::function<void()> mBody;
-    std::atomic<int>* mDestroyed;
-};
-
 class ThreadTest : public ::testing::Test {
   protected:
-    velacam::test::LogCapture mCapture;  // before any thread starts
+    LogCapture mCapture;  // before any thread starts
 };
 
 TEST_F(ThreadTest, MainThreadHasTheStaticThreadObjectAndNoLoop) {
@@ -100,7 +85,7 @@ struct Seen {
 };
 
 TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
-    velacam::test::Watchdog watchdog("per-thread loops", 60s);
+    Watchdog watchdog("per-thread loops", 60s);
     std::promise<Seen> dispatcherSeen;
     std::promise<Seen> holderSeen;
     std::promise<void> leave;
@@ -148,7 +133,7 @@ TEST_F(ThreadTest, EachStartedThreadHasItsOwnRecordAndLoopUntilItEnds) {
         message->setHeader(id, 0, 0, 0, 0);
         (id == 2 ? b.loop : a.loop)->messageQueue().enqueueMessage(std::move(message), 0ms);
     }
-    ASSERT_TRUE(velacam::test::waitUntil([&] { return handler->handled().size() == 2; }, kLimit));
+    ASSERT_TRUE(waitUntil([&] { return handler->handled().size() == 2; }, kLimit));
     a.loop->requestExit();
     dispatcher.wait();
     EXPECT_EQ(handler.use_count(), 2);  // message 2 still queued
