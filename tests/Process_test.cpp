@@ -58,30 +58,17 @@ class ProcessTest : public ::testing::Test {
     DescriptorLeakCheck mLeaks;
 };
 
-TEST_F(ProcessTest, Create_RunsTheProgramUnderItsOwnNameWithTheFurtherArguments) {
+TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInTheChildOnFailure) {
     Process self;
     // With -c and no operand after the script, sh sees its own argv[0] as $0.
     Process named = start(self, "/bin/sh", {"-c", "[ \"$0\" = /bin/sh ] && exit 3; exit 9"});
     // Operands after the script: $0 is "zero", then two positional ones.
     Process counted = start(self, "/bin/sh", {"-c", "exit $#", "zero", "one", "two"});
-    EXPECT_TRUE(named.children().empty());
-    ASSERT_EQ(self.children().size(), 2u);
-    EXPECT_EQ(self.children().front().pid(), named.pid());
-    EXPECT_EQ(self.children().back().pid(), counted.pid());
-    EXPECT_TRUE(exitedWith(reap(named.pid()), 3));
-    EXPECT_TRUE(exitedWith(reap(counted.pid()), 2));
-    EXPECT_EQ(mCapture.count("[create] child process PID(" + std::to_string(named.pid()) +
-                             ") created"),
-              1u);
-}
-
-TEST_F(ProcessTest, Create_OfAMissingProgramReturnsMinusOneInTheChildWhichMustEndIt) {
-    Process self;
-    Process child = self.create("/nonexistent/velacam-program", {"first"}, {});
+    Process missing = self.create("/nonexistent/velacam-program", {"first"}, {});
     if (getpid() != mParentPid) {
         // The child: exec failed and control came back here.
         const bool expected =
-                child.pid() == -1 && child.children().empty() &&
+                missing.pid() == -1 && missing.children().empty() &&
                 mCapture.count(
                         "execute a file (/nonexistent/velacam-program) "
                         "failed(No such file or directory)") == 1 &&
@@ -90,20 +77,26 @@ TEST_F(ProcessTest, Create_OfAMissingProgramReturnsMinusOneInTheChildWhichMustEn
                 mCapture.count("[create] execvp filename(/nonexistent/velacam-program) -") == 1;
         _exit(expected ? 42 : 43);
     }
-    ASSERT_GT(child.pid(), 0);
-    ASSERT_EQ(self.children().size(), 1u);
-    EXPECT_EQ(self.children().front().pid(), child.pid());
-    EXPECT_TRUE(exitedWith(reap(child.pid()), 42));
+    EXPECT_TRUE(named.children().empty());
+    std::vector<int> observed;
+    for (const Process& child : self.children()) {
+        observed.push_back(child.pid());
+    }
+    EXPECT_EQ(observed, (std::vector<int>{named.pid(), counted.pid(), missing.pid()}));
+    EXPECT_TRUE(exitedWith(reap(named.pid()), 3));
+    EXPECT_TRUE(exitedWith(reap(counted.pid()), 2));
+    EXPECT_TRUE(exitedWith(reap(missing.pid()), 42));
+    EXPECT_EQ(mCapture.count("[create] child process PID(" + std::to_string(named.pid()) +
+                             ") created"),
+              1u);
 }
 
-TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnlyAndKeepsTheChildObserved) {
+TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllKeepTheirSteps) {
     Process self;
     Process sleeper = start(self, "/bin/sleep", {"30"});
     EXPECT_TRUE(sleeper.terminate());
     EXPECT_TRUE(killedBy(reap(sleeper.pid()), SIGTERM));
     EXPECT_EQ(mCapture.count("[terminate] Pid(" + std::to_string(sleeper.pid()) + ")"), 1u);
-    ASSERT_EQ(self.children().size(), 1u);
-
     EXPECT_FALSE(sleeper.terminate());  // reaped already
     EXPECT_EQ(mCapture.count("failed to kill the process (No such process)"), 1u);
     mCapture.clear();
@@ -112,40 +105,32 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnlyAndKeepsTheChildObserved
     EXPECT_EQ(mCapture.lines().back().level, 1u);
     EXPECT_EQ(mCapture.lines().back().tag, "Process");
 
+    // Still observed after terminate(); an unknown id changes nothing, logs nothing.
     mCapture.clear();
-    self.removeFromObservation(sleeper.pid() + 1);  // unknown: nothing changes, nothing logged
+    self.removeFromObservation(sleeper.pid() + 1);
     EXPECT_EQ(self.children().size(), 1u);
     EXPECT_TRUE(mCapture.lines().empty());
-    self.removeFromObservation(sleeper.pid());
-    EXPECT_TRUE(self.children().empty());
+
+    // terminateAllChildProcess() keeps the child it failed to terminate (the
+    // reaped one) and drops the next one from observation unterminated.
+    Process skipped = start(self, "/bin/sleep", {"30"});
+    Process last = start(self, "/bin/sleep", {"30"});
+    Process copy = self;  // a list of its own
+    EXPECT_FALSE(self.terminateAllChildProcess());
+    ASSERT_EQ(self.children().size(), 1u);
+    EXPECT_EQ(self.children().front().pid(), sleeper.pid());
+    EXPECT_TRUE(killedBy(reap(last.pid()), SIGTERM));
+    int status = 0;
+    EXPECT_EQ(waitpid(skipped.pid(), &status, WNOHANG), 0);  // still running
+    ASSERT_EQ(kill(skipped.pid(), SIGKILL), 0);
+    EXPECT_TRUE(killedBy(reap(skipped.pid()), SIGKILL));
+
+    ASSERT_EQ(copy.children().size(), 3u);
+    copy.removeFromObservation(sleeper.pid());
+    EXPECT_EQ(copy.children().size(), 2u);
     EXPECT_EQ(mCapture.count("[operator()] child process PID(" + std::to_string(sleeper.pid()) +
                              ") removed"),
               1u);
-}
-
-TEST_F(ProcessTest, TerminateAll_KeepsAFailedChildAndForgetsTheNextOneUnterminated) {
-    Process self;
-    Process first = start(self, "/bin/sleep", {"30"});
-    Process copy = self;  // a list of its own
-    self.removeFromObservation(first.pid());
-    EXPECT_TRUE(copy.terminateAllChildProcess());
-    EXPECT_TRUE(copy.children().empty());
-    EXPECT_TRUE(killedBy(reap(first.pid()), SIGTERM));
-
-    Process gone = start(self, "/bin/true", {});
-    ASSERT_TRUE(exitedWith(reap(gone.pid()), 0));  // its terminate() will fail
-    Process skipped = start(self, "/bin/sleep", {"30"});
-    Process last = start(self, "/bin/sleep", {"30"});
-    EXPECT_FALSE(self.terminateAllChildProcess());
-    ASSERT_EQ(self.children().size(), 1u);
-    EXPECT_EQ(self.children().front().pid(), gone.pid());
-    EXPECT_TRUE(killedBy(reap(last.pid()), SIGTERM));
-    // The child after the failed one was dropped from observation while it
-    // still runs.
-    int status = 0;
-    EXPECT_EQ(waitpid(skipped.pid(), &status, WNOHANG), 0);
-    ASSERT_EQ(kill(skipped.pid(), SIGKILL), 0);
-    EXPECT_TRUE(killedBy(reap(skipped.pid()), SIGKILL));
 }
 
 TEST_F(ProcessTest, CloseOpenFileDescriptors_KeepsExactlyTheListedOnesAndZero) {

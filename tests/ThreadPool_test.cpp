@@ -21,7 +21,7 @@
 namespace {
 
 using namespace Kestrel::ipc::utils;
-using namespace std::chrono_literals;
+using namespace velacam::test;
 
 constexpr auto kLimit = 20s;
 
@@ -39,29 +39,39 @@ class ThreadPoolTest : public ::testing::Test {
     // Lines of the pool at `level` whose text is exactly `text`.
     size_t countAt(uint32_t level, const std::string& text) const {
         size_t n = 0;
-        for (const auto& line : mCapture.lines()) {
+        for (const LogLine& line : mCapture.lines()) {
             n += line.level == level && line.text == text && line.tag == "ThreadPool" ? 1 : 0;
         }
         return n;
     }
 
-    velacam::test::LogCapture mCapture;  // before any worker starts
+    LogCapture mCapture;  // before any worker starts
 };
 
-TEST_F(ThreadPoolTest, ZeroWorkersOnlyWarnsAndNeverRunsATask) {
+TEST_F(ThreadPoolTest, ZeroWorkersOnlyWarn_OneWorkerLogsEachWakeUpAndItsExit) {
     bool ran = false;
     {
-        ThreadPool pool(0);
-        pool.addTask([&ran] { ran = true; });
-        pool.setExitListener(std::make_shared<FunctionListener>([&ran] { ran = true; }));
+        ThreadPool none(0);
+        none.addTask([&ran] { ran = true; });
+        none.setExitListener(std::make_shared<FunctionListener>([&ran] { ran = true; }));
     }
     EXPECT_FALSE(ran);  // neither the task nor the listener that is gone
     EXPECT_EQ(countAt(2, "do nothing since thread number is 0"), 1u);
+
+    { ThreadPool idle(1); }
+    EXPECT_EQ(countAt(3, "wake up since queue size(0) or isExiting(yes)"), 1u);
+    EXPECT_EQ(countAt(2, "thread 0 has no callable method, do nothing"), 1u);
+    EXPECT_EQ(countAt(5, "[run] thread 0 exit now"), 1u);
+
+    std::promise<void> done;
+    ThreadPool pool(1);
+    pool.addTask([&done] { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(kLimit), std::future_status::ready);
+    EXPECT_EQ(countAt(3, "wake up since queue size(1) or isExiting(no)"), 1u);
 }
 
 TEST_F(ThreadPoolTest, RunsTasksFromSeveralProducersOnItsNamedWorkers) {
-    constexpr int kProducers = 4;
-    constexpr int kTasksEach = 50;
+    constexpr int kTasks = 4 * 50 + 1;  // four producers, and one task that adds a task
     std::atomic<int> done{0};
     std::mutex lock;
     std::set<std::string> names;  // guarded by lock
@@ -74,11 +84,11 @@ TEST_F(ThreadPoolTest, RunsTasksFromSeveralProducersOnItsNamedWorkers) {
             names.insert(name);
             ++done;
         };
-        pool.addTask([&] { pool.addTask(task); });  // a task may add tasks
+        pool.addTask([&] { pool.addTask(task); });
         std::vector<std::thread> producers;
-        for (int p = 0; p < kProducers; ++p) {
+        for (int p = 0; p < 4; ++p) {
             producers.emplace_back([&] {
-                for (int t = 0; t < kTasksEach; ++t) {
+                for (int t = 0; t < 50; ++t) {
                     pool.addTask(task);
                 }
             });
@@ -86,10 +96,9 @@ TEST_F(ThreadPoolTest, RunsTasksFromSeveralProducersOnItsNamedWorkers) {
         for (std::thread& producer : producers) {
             producer.join();
         }
-        ASSERT_TRUE(velacam::test::waitUntil([&] { return done == kProducers * kTasksEach + 1; },
-                                             kLimit));
+        ASSERT_TRUE(waitUntil([&] { return done == kTasks; }, kLimit));
     }
-    EXPECT_EQ(done, kProducers * kTasksEach + 1);  // nothing ran twice
+    EXPECT_EQ(done, kTasks);  // nothing ran twice
     ASSERT_FALSE(names.empty());
     for (const std::string& name : names) {
         EXPECT_TRUE(name == "ThreadPool-0" || name == "ThreadPool-1" || name == "ThreadPool-2")
@@ -98,19 +107,6 @@ TEST_F(ThreadPoolTest, RunsTasksFromSeveralProducersOnItsNamedWorkers) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(countAt(5, "[run] thread " + std::to_string(i) + " exit now"), 1u) << i;
     }
-}
-
-TEST_F(ThreadPoolTest, WorkerLogsEachWakeUpAndReturnsOnExitWithNothingToRun) {
-    { ThreadPool idle(1); }
-    EXPECT_EQ(countAt(3, "wake up since queue size(0) or isExiting(yes)"), 1u);
-    EXPECT_EQ(countAt(2, "thread 0 has no callable method, do nothing"), 1u);
-    EXPECT_EQ(countAt(5, "[run] thread 0 exit now"), 1u);
-
-    std::promise<void> ran;
-    ThreadPool pool(1);
-    pool.addTask([&ran] { ran.set_value(); });
-    ASSERT_EQ(ran.get_future().wait_for(kLimit), std::future_status::ready);
-    EXPECT_EQ(countAt(3, "wake up since queue size(1) or isExiting(no)"), 1u);
 }
 
 TEST_F(ThreadPoolTest, ExitWithTasksQueuedDiscardsThemAndThenTellsTheListenerOnce) {
