@@ -79,10 +79,9 @@ TEST(IPCEndpointsTest, BaseServersAndClientsReportEveryOperationUnsupported) {
     IPCDummyClient dummy;
     for (IPCClient* client : {&base, static_cast<IPCClient*>(&dummy)}) {
         const ShmMemInfo info{};
-        const uint32_t fd = 3;
         const auto cmd = static_cast<IPC_CMD>(5);
         EXPECT_EQ(client->init(1), -1);
-        EXPECT_EQ(client->registerBuffer(1, fd, 4096), -1);
+        EXPECT_EQ(client->registerBuffer(1, 3, 4096), -1);
         EXPECT_EQ(client->registerBuffer(info), -1);
         EXPECT_EQ(client->registerBuffer(std::vector<ShmMemInfo>{info}), -1);
         EXPECT_EQ(client->deregisterBuffers(std::vector<ShmMemInfo>{info}), -1);
@@ -92,7 +91,16 @@ TEST(IPCEndpointsTest, BaseServersAndClientsReportEveryOperationUnsupported) {
     }
 }
 
-// A server that answers with its own values and keeps what it was given.
+CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>> planes = {}) {
+    CameraAlgorithmBuffer buffer;
+    buffer.bufferId = id;
+    for (const auto& [fd, size] : planes) {
+        buffer.planes.push_back({fd, size});
+    }
+    return buffer;
+}
+
+// A server that answers with its own values and keeps the ids it was given.
 class RecordingServer : public IPCServer {
   public:
     int registerBuffer(const std::vector<CameraAlgorithmBuffer>& buffers) override {
@@ -117,11 +125,7 @@ class RecordingServer : public IPCServer {
 TEST(IPCEndpointsTest, CallTableForwardsToTheOverridesOfTheServerItCameFrom) {
     RecordingServer server;
     const CameraAlgorithmOps ops = server.getCameraAlgorithmOps();
-    CameraAlgorithmBuffer first;
-    first.bufferId = 4;
-    CameraAlgorithmBuffer second;
-    second.bufferId = 9;
-    EXPECT_EQ(ops.registerBuffer({first, second}), 10);
+    EXPECT_EQ(ops.registerBuffer({bufferOf(4), bufferOf(9)}), 10);
     EXPECT_EQ(server.mIds, (std::vector<uint32_t>{4, 9}));
     EXPECT_EQ(ops.deregisterBuffer({6}), 20);
     EXPECT_EQ(server.mIds, (std::vector<uint32_t>{6}));
@@ -145,15 +149,6 @@ std::vector<int32_t> valuesIn(const FileDescriptor& plane) {
     return values;
 }
 
-CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>> planes) {
-    CameraAlgorithmBuffer buffer;
-    buffer.bufferId = id;
-    for (const auto& [fd, size] : planes) {
-        buffer.planes.push_back({fd, size});
-    }
-    return buffer;
-}
-
 class IPCDummyServerTest : public ::testing::Test {
   protected:
     void TearDown() override { mLeaks.check(); }
@@ -172,37 +167,36 @@ TEST_F(IPCDummyServerTest, AnotherProcessReversesTheBufferThisProcessSees) {
     EXPECT_EQ(valuesIn(plane), (std::vector<int32_t>{4, 3, 2, 1, 5}));  // the first `size` only
 }
 
-TEST_F(IPCDummyServerTest, CallTableReachesTheDummyAndLeavesTheDescriptorsOpen) {
-    const FileDescriptor first = planeOf({10, 20});
-    const FileDescriptor second = planeOf({7, 8, 9});
-    const CameraAlgorithmOps ops = mServer.getCameraAlgorithmOps();
-    EXPECT_EQ(ops.registerBuffer({bufferOf(5, {{first.get(), 2}, {second.get(), 3}})}), -1);
-    EXPECT_EQ(valuesIn(first), (std::vector<int32_t>{20, 10}));
-    EXPECT_EQ(valuesIn(second), (std::vector<int32_t>{9, 8, 7}));
-    EXPECT_TRUE(isOpen(first.get()));
-    EXPECT_TRUE(isOpen(second.get()));
-    EXPECT_EQ(ops.deregisterBuffer({5}), -1);
-    EXPECT_EQ(ops.handleRequest(CameraAlgorithmRequest{}), -1);
-    EXPECT_EQ(mServer.init(), -1);
-}
-
-TEST_F(IPCDummyServerTest, LogsEachPlaneBeforeAndAfterAndLeavesASingleElementAlone) {
+TEST_F(IPCDummyServerTest, CallTableReachesTheDummyWhichReversesEachPlaneAndLogsIt) {
     EXPECT_EQ(mServer.registerBuffer({}), -1);
     EXPECT_TRUE(mCapture.lines().empty());
-    const FileDescriptor plane = planeOf({42});
-    EXPECT_EQ(mServer.registerBuffer({bufferOf(3, {{plane.get(), 1}})}), -1);
-    EXPECT_EQ(valuesIn(plane), (std::vector<int32_t>{42}));
+    const FileDescriptor first = planeOf({10, 20});
+    const FileDescriptor single = planeOf({42});
+    const CameraAlgorithmOps ops = mServer.getCameraAlgorithmOps();
+    EXPECT_EQ(ops.registerBuffer({bufferOf(5, {{first.get(), 2}, {single.get(), 1}})}), -1);
+    EXPECT_EQ(valuesIn(first), (std::vector<int32_t>{20, 10}));
+    EXPECT_EQ(valuesIn(single), (std::vector<int32_t>{42}));
+    EXPECT_TRUE(isOpen(first.get()));
+    EXPECT_TRUE(isOpen(single.get()));
     std::vector<std::string> texts;
-    for (const auto& line : mCapture.lines()) {
+    for (const LogLine& line : mCapture.lines()) {
         EXPECT_EQ(line.tag, "IPCDummyServer");
         texts.push_back(line.text);
     }
     EXPECT_EQ(texts, (std::vector<std::string>{
-                             "[registerBuffer] buffer id(3)",
+                             "[registerBuffer] buffer id(5)",
+                             "[registerBuffer] plane size(2)",
+                             "[registerBuffer] plane content[0]: before(10)",
+                             "[registerBuffer] plane content[1]: before(20)",
+                             "[registerBuffer] plane content[0]: after(20)",
+                             "[registerBuffer] plane content[1]: after(10)",
                              "[registerBuffer] plane size(1)",
                              "[registerBuffer] plane content[0]: before(42)",
                              "[registerBuffer] plane content[0]: after(42)",
                      }));
+    EXPECT_EQ(ops.deregisterBuffer({5}), -1);
+    EXPECT_EQ(ops.handleRequest(CameraAlgorithmRequest{}), -1);
+    EXPECT_EQ(mServer.init(), -1);
 }
 
 using IPCDummyServerDeathTest = IPCDummyServerTest;
