@@ -16,8 +16,6 @@
 #include <cerrno>
 #include <fstream>
 #include <future>
-#include <mutex>
-#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -40,22 +38,20 @@ class ThreadTest : public ::testing::Test {
     LogCapture mCapture;  // before any thread starts
 };
 
-// Records which thread handled each message.
-class RecordingHandler : public MessageHandler {
+// Marks each message it handles in a bit mask, checking that it runs on `tid`.
+class MarkingHandler : public MessageHandler {
   public:
+    explicit MarkingHandler(int tid) : mTid(tid) {}
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> message) override {
-        std::lock_guard<std::mutex> lock(mLock);
-        mHandled.emplace(message->id(), gettid());
-    }
-    std::set<std::pair<uint32_t, int>> handled() const {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mHandled;
+        EXPECT_EQ(gettid(), mTid);
+        handled |= 1u << message->id();
     }
 
+    std::atomic<uint32_t> handled{0};
+
   private:
-    mutable std::mutex mLock;
-    std::set<std::pair<uint32_t, int>> mHandled;  // guarded by mLock
+    const int mTid;
 };
 
 TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecordAndLoop) {
@@ -111,20 +107,21 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
 
     // Thread 0 handles what is queued on its loop; what waits in thread 1's
     // loop goes with that thread's record.
-    auto handler = std::make_shared<RecordingHandler>();
+    auto handler = std::make_shared<MarkingHandler>(tid0);
     for (uint32_t id : {1u, 2u, 3u}) {
         auto message = std::make_unique<Message>(handler);
         message->setHeader(id, 0, 0, 0, 0);
         (id == 2 ? loop1 : loop0)->messageQueue().enqueueMessage(std::move(message), 0ms);
     }
-    ASSERT_TRUE(waitUntil([&] { return handler->handled().size() == 2; }, kLimit));
+    constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
+    ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
     loop0->requestExit();
     threads[0].wait();
     EXPECT_EQ(handler.use_count(), 2);  // message 2 still queued
     leave.set_value();
     threads[1].wait();
     EXPECT_EQ(handler.use_count(), 1);
-    EXPECT_EQ(handler->handled(), (std::set<std::pair<uint32_t, int>>{{1, tid0}, {3, tid0}}));
+    EXPECT_EQ(handler->handled, kOneAndThree);
 }
 
 TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
