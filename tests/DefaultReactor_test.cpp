@@ -249,6 +249,72 @@ TEST_F(DefaultReactorTest, RegistrationAndRemovalFromAnyThreadAndFromInsideHandl
     EXPECT_EQ(self->calls.load(), 1);
 }
 
+// An exit request that comes before, together with or just after the start
+// of loop() always ends it: many rounds, meant to be run under TSan.
+enum class ExitTiming { kBefore, kTogether, kAfterStart };
+
+// One reactor, one loop thread, one exit request at `timing`; with or without
+// a handler that keeps the loop cycling.
+void runOneRound(ExitTiming timing, bool withHandler, int jitter, LogCapture& capture) {
+    capture.clear();
+    DefaultReactor reactor;
+    auto handler = std::make_shared<EventFdHandler>(EventFdHandler::Readiness::kAlwaysReady);
+    if (withHandler) {
+        ASSERT_TRUE(reactor.registerEventHandler(handler));
+    }
+    if (timing == ExitTiming::kBefore) {
+        reactor.requestExit();
+    }
+    std::atomic<bool> go{false};
+    const auto awaitGo = [&go] {
+        while (!go.load()) {
+            std::this_thread::yield();
+        }
+    };
+    std::thread loopThread([&] {
+        awaitGo();
+        reactor.loop(0ms);
+    });
+    std::thread requester([&] {
+        awaitGo();
+        if (timing == ExitTiming::kTogether) {
+            for (int i = 0; i < jitter; ++i) {
+                std::this_thread::yield();
+            }
+            reactor.requestExit();
+        } else if (timing == ExitTiming::kAfterStart) {  // at the gate, or cycling
+            EXPECT_TRUE(capture.waitFor(withHandler ? "[handlePollEvent] dispatch"
+                                                    : "[loop] Block to wait for signal"));
+            reactor.requestExit();
+        }
+    });
+    go = true;
+    requester.join();
+    loopThread.join();
+    EXPECT_EQ(capture.count("[loop] reactor exits now"), 1u);
+    if (timing == ExitTiming::kBefore && !withHandler) {  // no wait for a handler either
+        EXPECT_EQ(capture.count("[loop] (1)"), 1u);
+        EXPECT_EQ(capture.count("no available handlers, continue to wait..."), 0u);
+    }
+}
+
+using ReactorExitTimingTest = DebugLogTest;
+
+TEST_F(ReactorExitTimingTest,
+       ExitRequestedBeforeTogetherWithOrJustAfterTheStart_AlwaysEndsTheLoop) {
+    ScopedLeakCheck leaks;
+    Watchdog watchdog{"exit timing rounds", 120s};
+    for (int round = 0; round < 100; ++round) {
+        for (const ExitTiming timing :
+             {ExitTiming::kBefore, ExitTiming::kTogether, ExitTiming::kAfterStart}) {
+            runOneRound(timing, round % 2 == 0, round % 40, capture);
+            if (HasFailure()) {
+                FAIL() << "round " << round << ", timing " << static_cast<int>(timing);
+            }
+        }
+    }
+}
+
 // The fatal checks, each with its exact text.
 TEST(DefaultReactorDeathTest, InconsistentDispatchOrUnreadableExitEventAborts) {
     DefaultReactor reactor;

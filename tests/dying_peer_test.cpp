@@ -1,7 +1,8 @@
-// Peers that die across a real process boundary: killed mid-conversation,
-// gone between the two records of a message, or alive but out of descriptor
-// numbers. The owner hears of a hang-up once through the reactor's listener,
-// the loop then blocks again, and nothing is left open.
+// Peers across a real process boundary: answering while signals without
+// SA_RESTART interrupt both sides, killed mid-conversation, gone between the
+// two records of a message, or alive but out of descriptor numbers. The
+// owner hears of a hang-up once through the reactor's listener, the loop then
+// blocks again, and nothing is left open.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,15 +13,19 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -40,25 +45,62 @@ using namespace velacam::test;
 class DyingPeerTest : public DebugLogTest {
   protected:
     ScopedLeakCheck leaks;  // when the whole fixture is gone
-    Watchdog watchdog{"dying peer test", 60s};
+    Watchdog watchdog{"dying peer test", 120s};
     DefaultReactor reactor;
 };
 
-TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAgain) {
+std::atomic<int> gSignalsHandled{0};
+
+void countSignal(int) { gSignalsHandled.fetch_add(1, std::memory_order_relaxed); }
+
+// Installs a counting SIGUSR1 handler WITHOUT SA_RESTART, so that every
+// blocking call it interrupts fails with EINTR; restores the old one.
+class InterruptingSignal {
+  public:
+    InterruptingSignal() {
+        struct sigaction action {};
+        action.sa_handler = countSignal;
+        sigemptyset(&action.sa_mask);
+        EXPECT_EQ(sigaction(SIGUSR1, &action, &mPrevious), 0);
+    }
+    ~InterruptingSignal() { sigaction(SIGUSR1, &mPrevious, nullptr); }
+
+  private:
+    struct sigaction mPrevious {};
+};
+
+// A conversation with an echo peer, carrying a descriptor each way, first
+// under a storm of signals aimed at the loop's thread and at the sender: no
+// call fails. Then the peer is killed mid-conversation: one notice, and the
+// loop blocks again (counted in cycles, not seconds).
+TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoopBlocksAgain) {
+    constexpr uint32_t kMessages = 1000;
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     ASSERT_GE(pair.first.get(), 0);
     const pid_t child = forkEchoPeer(pair);
 
-    std::atomic<uint32_t> lastReply{0};  // the echo answers in order
+    // A condition variable, not waitUntil(): the signals would stretch its
+    // sleeps without end.
+    std::mutex lock;
+    std::condition_variable replied;
+    uint32_t lastReply = 0;  // guarded by lock
+    int badReplies = 0;      // guarded by lock
     std::atomic<int> notices{0};
     std::atomic<short> noticed{0};
     auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
     const int socketFd = socket->fd();
     socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
         Message reply;
-        if (end->receiveMessage(&reply) == 0 && reply.isReply()) {
-            lastReply = reply.id();
-        }
+        const int result = end->receiveMessage(&reply);
+        const Message::Payload payload = reply.payload();
+        std::lock_guard<std::mutex> guard(lock);
+        // The echo answers in order, with the request's data.
+        const bool intact = result == 0 && reply.isReply() && reply.id() == lastReply + 1 &&
+                            payload.data.size() == 4 &&
+                            payload.data[0] == static_cast<uint8_t>(reply.id());
+        badReplies += intact ? 0 : 1;
+        lastReply = reply.id();
+        replied.notify_all();
     }));
     // Stays registered, so that the loop has something to block on once the
     // socket is gone.
@@ -72,14 +114,46 @@ TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAga
     ASSERT_TRUE(reactor.registerEventHandler(doorbell));
     ReactorThread loop(reactor);
 
-    for (uint32_t id = 1; id <= 6; ++id) {
+    const FileDescriptor file = memoryFile("carried");
+    const auto send = [&](uint32_t id) {
         Message request;
-        request.setHeader(id, 1, 0, 0, 0);
-        ASSERT_EQ(socket->sendMessage(request), 0);
-        if (id < 6) {  // the sixth may or may not be answered
-            ASSERT_TRUE(waitUntil([&] { return lastReply.load() == id; })) << "reply " << id;
+        Message::Payload payload;
+        payload.data = {static_cast<uint8_t>(id), 'a', 'b', 'c'};
+        payload.fds = {file.get()};
+        request.setPayload(payload);
+        request.setHeader(id, 1, 0, 4, 1);
+        EXPECT_EQ(socket->sendMessage(request), 0) << "message " << id;
+    };
+    {
+        InterruptingSignal interrupting;
+        const pthread_t targets[] = {loop.thread().native_handle(), pthread_self()};
+        std::atomic<bool> stop{false};
+        std::atomic<int> signalsSent{0};
+        std::thread storm([&] {
+            while (!stop.load()) {
+                for (const pthread_t target : targets) {
+                    signalsSent += pthread_kill(target, SIGUSR1) == 0 ? 1 : 0;
+                }
+            }
+        });
+        for (uint32_t id = 1; id <= kMessages; ++id) {
+            send(id);
+            std::unique_lock<std::mutex> guard(lock);
+            if (!replied.wait_for(guard, 10s, [&] { return lastReply == id; })) {
+                ADD_FAILURE() << "no reply " << id;
+                break;
+            }
         }
+        stop = true;
+        storm.join();
+        EXPECT_GT(signalsSent.load(), 0);
+        EXPECT_GT(gSignalsHandled.load(), 0);
     }
+    EXPECT_EQ(badReplies, 0);
+    EXPECT_EQ(capture.countContaining("failed"), 0u);
+    EXPECT_EQ(capture.count("poll timed out"), 0u);
+
+    send(kMessages + 1);  // which may or may not be answered
     ASSERT_EQ(kill(child, SIGKILL), 0);
     EXPECT_EQ(waitPeer(child), -1);  // killed, not exited
 
