@@ -51,25 +51,7 @@ class DyingPeerTest : public DebugLogTest {
 
 std::atomic<int> gSignalsHandled{0};
 
-void countSignal(int) { gSignalsHandled.fetch_add(1, std::memory_order_relaxed); }
-
-// Installs a counting SIGUSR1 handler WITHOUT SA_RESTART, so that every
-// blocking call it interrupts fails with EINTR; restores the old one.
-class InterruptingSignal {
-  public:
-    InterruptingSignal() {
-        struct sigaction action {};
-        action.sa_handler = countSignal;
-        sigemptyset(&action.sa_mask);
-        EXPECT_EQ(sigaction(SIGUSR1, &action, &mPrevious), 0);
-    }
-    ~InterruptingSignal() { sigaction(SIGUSR1, &mPrevious, nullptr); }
-
-  private:
-    struct sigaction mPrevious {};
-};
-
-// A conversation with an echo peer, carrying a descriptor each way, first
+// A conversation with an echo peer, each request carrying a descriptor, first
 // under a storm of signals aimed at the loop's thread and at the sender: no
 // call fails. Then the peer is killed mid-conversation: one notice, and the
 // loop blocks again (counted in cycles, not seconds).
@@ -125,7 +107,13 @@ TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoo
         EXPECT_EQ(socket->sendMessage(request), 0) << "message " << id;
     };
     {
-        InterruptingSignal interrupting;
+        // A counting handler WITHOUT SA_RESTART: every blocking call it
+        // interrupts fails with EINTR.
+        struct sigaction action {};
+        struct sigaction previous {};
+        action.sa_handler = [](int) { gSignalsHandled.fetch_add(1, std::memory_order_relaxed); };
+        sigemptyset(&action.sa_mask);
+        ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
         const pthread_t targets[] = {loop.thread().native_handle(), pthread_self()};
         std::atomic<bool> stop{false};
         std::atomic<int> signalsSent{0};
@@ -146,6 +134,7 @@ TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoo
         }
         stop = true;
         storm.join();
+        sigaction(SIGUSR1, &previous, nullptr);
         EXPECT_GT(signalsSent.load(), 0);
         EXPECT_GT(gSignalsHandled.load(), 0);
     }
