@@ -1,7 +1,8 @@
-// Peers that die across a real process boundary: killed mid-conversation,
-// gone between the two records of a message, or alive but out of descriptor
-// numbers. The owner hears of a hang-up once through the reactor's listener,
-// the loop then blocks again, and nothing is left open.
+// Peers across a real process boundary: answering while signals without
+// SA_RESTART interrupt both sides, killed mid-conversation, gone between the
+// two records of a message, or alive but out of descriptor numbers. The
+// owner hears of a hang-up once through the reactor's listener, the loop then
+// blocks again, and nothing is left open.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,14 +13,14 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -44,57 +45,108 @@ using namespace velacam::test;
 class DyingPeerTest : public DebugLogTest {
   protected:
     ScopedLeakCheck leaks;  // when the whole fixture is gone
-    Watchdog watchdog{"dying peer test", 60s};
+    Watchdog watchdog{"dying peer test", 120s};
     DefaultReactor reactor;
 };
 
-TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAgain) {
+std::atomic<int> gSignalsHandled{0};
+
+// A conversation with an echo peer, each request carrying a descriptor, first
+// under a storm of signals aimed at the loop's thread and at the sender: no
+// call fails. Then the peer is killed mid-conversation: one notice, and the
+// loop blocks again (counted in cycles, not seconds).
+TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoopBlocksAgain) {
+    constexpr uint32_t kMessages = 1000;
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     ASSERT_GE(pair.first.get(), 0);
     const pid_t child = forkEchoPeer(pair);
 
+    // A condition variable, not waitUntil(): the signals would stretch its
+    // sleeps without end.
     std::mutex lock;
-    std::set<uint32_t> replies;  // guarded by lock
-    std::vector<short> notices;  // guarded by lock
+    std::condition_variable replied;
+    uint32_t lastReply = 0;  // guarded by lock
+    int badReplies = 0;      // guarded by lock
+    std::atomic<int> notices{0};
+    std::atomic<short> noticed{0};
     auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
     const int socketFd = socket->fd();
     socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
         Message reply;
-        if (end->receiveMessage(&reply) == 0 && reply.isReply()) {
-            std::lock_guard<std::mutex> guard(lock);
-            replies.insert(reply.id());
-        }
+        const int result = end->receiveMessage(&reply);
+        const Message::Payload payload = reply.payload();
+        std::lock_guard<std::mutex> guard(lock);
+        // The echo answers in order, with the request's data.
+        const bool intact = result == 0 && reply.isReply() && reply.id() == lastReply + 1 &&
+                            payload.data.size() == 4 &&
+                            payload.data[0] == static_cast<uint8_t>(reply.id());
+        badReplies += intact ? 0 : 1;
+        lastReply = reply.id();
+        replied.notify_all();
     }));
     // Stays registered, so that the loop has something to block on once the
     // socket is gone.
     auto doorbell = std::make_shared<EventFdHandler>();
     reactor.setHangUpListener([&](int fd, short revents, std::shared_ptr<EventHandler>) {
         EXPECT_TRUE(reactor.removeEventHandlerByFd(fd));
-        std::lock_guard<std::mutex> guard(lock);
-        notices.push_back(revents);
+        noticed = revents;
+        ++notices;
     });
     ASSERT_TRUE(reactor.registerEventHandler(socket));
     ASSERT_TRUE(reactor.registerEventHandler(doorbell));
     ReactorThread loop(reactor);
 
-    auto locked = [&](const std::function<bool()>& condition) {
-        return waitUntil([&] {
-            std::lock_guard<std::mutex> guard(lock);
-            return condition();
-        });
-    };
-    for (uint32_t id = 1; id <= 6; ++id) {
+    const FileDescriptor file = memoryFile("carried");
+    const auto send = [&](uint32_t id) {
         Message request;
-        request.setHeader(id, 1, 0, 0, 0);
-        ASSERT_EQ(socket->sendMessage(request), 0);
-        if (id < 6) {  // the sixth may or may not be answered
-            ASSERT_TRUE(locked([&] { return replies.count(id) == 1; })) << "reply " << id;
+        Message::Payload payload;
+        payload.data = {static_cast<uint8_t>(id), 'a', 'b', 'c'};
+        payload.fds = {file.get()};
+        request.setPayload(payload);
+        request.setHeader(id, 1, 0, 4, 1);
+        EXPECT_EQ(socket->sendMessage(request), 0) << "message " << id;
+    };
+    {
+        // A counting handler WITHOUT SA_RESTART: every blocking call it
+        // interrupts fails with EINTR.
+        struct sigaction action {};
+        struct sigaction previous {};
+        action.sa_handler = [](int) { gSignalsHandled.fetch_add(1, std::memory_order_relaxed); };
+        sigemptyset(&action.sa_mask);
+        ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+        const pthread_t targets[] = {loop.thread().native_handle(), pthread_self()};
+        std::atomic<bool> stop{false};
+        std::atomic<int> signalsSent{0};
+        std::thread storm([&] {
+            while (!stop.load()) {
+                for (const pthread_t target : targets) {
+                    signalsSent += pthread_kill(target, SIGUSR1) == 0 ? 1 : 0;
+                }
+            }
+        });
+        for (uint32_t id = 1; id <= kMessages; ++id) {
+            send(id);
+            std::unique_lock<std::mutex> guard(lock);
+            if (!replied.wait_for(guard, 10s, [&] { return lastReply == id; })) {
+                ADD_FAILURE() << "no reply " << id;
+                break;
+            }
         }
+        stop = true;
+        storm.join();
+        sigaction(SIGUSR1, &previous, nullptr);
+        EXPECT_GT(signalsSent.load(), 0);
+        EXPECT_GT(gSignalsHandled.load(), 0);
     }
+    EXPECT_EQ(badReplies, 0);
+    EXPECT_EQ(capture.countContaining("failed"), 0u);
+    EXPECT_EQ(capture.count("poll timed out"), 0u);
+
+    send(kMessages + 1);  // which may or may not be answered
     ASSERT_EQ(kill(child, SIGKILL), 0);
     EXPECT_EQ(waitPeer(child), -1);  // killed, not exited
 
-    ASSERT_TRUE(locked([&] { return !notices.empty(); }));
+    ASSERT_TRUE(waitUntil([&] { return notices.load() > 0; }));
     // The first cycle without the socket: the doorbell and the exit eventfd.
     ASSERT_TRUE(
             capture.waitFor("[loop] The registered PollEvent count(2) timeout milliseconds(0)"));
@@ -107,30 +159,16 @@ TEST_F(DyingPeerTest, PeerKilledMidConversation_IsNoticedOnceAndTheLoopBlocksAga
 
     // One cycle per ring and none besides: the loop blocked in between.
     EXPECT_EQ(capture.count("[loop] (1)"), cyclesAfterNotice + 3);
-    ASSERT_EQ(notices.size(), 1u);
-    EXPECT_NE(notices[0] & POLLHUP, 0);
+    EXPECT_EQ(notices.load(), 1);
+    EXPECT_NE(noticed.load() & POLLHUP, 0);
     char failure[64];
     std::snprintf(failure, sizeof(failure), "fd(%d): output event failed: ", socketFd);
     EXPECT_EQ(capture.countContaining(failure), 1u);
     EXPECT_EQ(capture.countContaining("hand up"), 1u);
 }
 
-// The child sends the header record of a message, waits for the word to go,
+// The peer sends the header record of a message, waits for the word to go,
 // and exits without sending the payload record.
-pid_t peerDyingAfterTheHeader(SocketPair& pair, int goRead, uint16_t fdCount) {
-    return forkPeer([&pair, goRead, fdCount] {
-        pair.first = FileDescriptor();
-        Message announced;
-        announced.setHeader(7, 1, 0, 3, fdCount);
-        const auto [bytes, size] = announced.header();
-        if (writeRecord(pair.second.get(), bytes, size, {}) != static_cast<ssize_t>(size)) {
-            return 1;
-        }
-        char go = 0;
-        return read(goRead, &go, 1) == 1 ? 0 : 2;
-    });
-}
-
 TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticedOnce) {
     for (const uint16_t fdCount : {uint16_t{1}, uint16_t{0}}) {
         SCOPED_TRACE(fdCount);
@@ -140,8 +178,18 @@ TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticed
         int go[2];
         ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
         FileDescriptor goRead(go[0], 0);
-        FileDescriptor goWrite(go[1], 0);
-        const pid_t child = peerDyingAfterTheHeader(pair, goRead.get(), fdCount);
+        const FileDescriptor goWrite(go[1], 0);
+        const pid_t child = forkPeer([&] {
+            pair.first = FileDescriptor();
+            Message announced;
+            announced.setHeader(7, 1, 0, 3, fdCount);
+            const auto [bytes, size] = announced.header();
+            if (writeRecord(pair.second.get(), bytes, size, {}) != static_cast<ssize_t>(size)) {
+                return 1;
+            }
+            char word = 0;
+            return read(goRead.get(), &word, 1) == 1 ? 0 : 2;
+        });
         pair.second = FileDescriptor();
         goRead = FileDescriptor();
 
@@ -207,8 +255,8 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
     FileDescriptor reportRead(report[0], 0);
     FileDescriptor reportWrite(report[1], 0);
 
-    // The receiver: a child, so that the lowered limit stays there. It writes what it saw as one
-    // line of text.
+    // The receiver: a child, so that the lowered limit stays there. It
+    // reports what it saw as one line of text.
     const pid_t child = forkPeer([&] {
         pair.second = FileDescriptor();
         reportRead = FileDescriptor();
@@ -219,34 +267,34 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
         devNull = FileDescriptor();
         UnixDomainSocket socket;
         socket.bind(std::move(pair.first));
-        std::string seen;
+        const auto slots = [](const Message& message) {
+            std::string text;
+            for (int fd : message.payload().fds) {
+                text += (fd < 0 ? std::to_string(fd) : contentsOf(fd)) + ",";
+            }
+            return text;
+        };
+        const auto receiveWithFree = [&socket](size_t free, Message* message) {
+            const rlimit saved = leaveFreeDescriptors(free);
+            const int result = socket.recv(message);
+            setrlimit(RLIMIT_NOFILE, &saved);
+            return std::to_string(result);
+        };
 
         // The first message arrives whole. Receiving it also lets the
         // undefined-behaviour checker see the types involved while it can
         // still open the descriptor it needs for that.
         Message whole;
-        seen += "whole:" + std::to_string(socket.recv(&whole)) + " slots:";
-        for (int fd : whole.payload().fds) {
-            seen += contentsOf(fd) + ",";
-        }
-        MessageHandler().handleMessage(whole);
-
         Message none;
-        rlimit saved = leaveFreeDescriptors(0);
-        const int noneResult = socket.recv(&none);
-        setrlimit(RLIMIT_NOFILE, &saved);
-        seen += " none:" + std::to_string(noneResult);
-
         Message some;
-        saved = leaveFreeDescriptors(1);
-        const int someResult = socket.recv(&some);
-        setrlimit(RLIMIT_NOFILE, &saved);
+        std::string seen = "whole:" + std::to_string(socket.recv(&whole));
+        seen += " slots:" + slots(whole);
+        MessageHandler().handleMessage(whole);
+        seen += " none:" + receiveWithFree(0, &none);
+        seen += " some:" + receiveWithFree(1, &some);
         const Message::Payload payload = some.payload();
-        seen += " some:" + std::to_string(someResult) +
-                " data:" + std::string(payload.data.begin(), payload.data.end()) + " slots:";
-        for (int fd : payload.fds) {
-            seen += fd < 0 ? std::to_string(fd) + "," : (contentsOf(fd) + ",");
-        }
+        seen += " data:" + std::string(payload.data.begin(), payload.data.end()) +
+                " slots:" + slots(some);
         // The default handler closes every slot: the descriptor that arrived,
         // and nothing for the lost ones, which hold -1.
         MessageHandler().handleMessage(some);
@@ -254,27 +302,22 @@ TEST_F(DyingPeerTest, ReceiverAtItsOpenFileLimit_GetsNoneAsMinus61OrSomeInTheFir
         seen += " lines:" + std::to_string(capture.count(
                                     "The number of received fds(1) is less than expected(3)"));
         seen += "\n";
-        return write(reportWrite.get(), seen.data(), seen.size()) ==
-                               static_cast<ssize_t>(seen.size())
-                       ? 0
-                       : 3;
+        const ssize_t written = write(reportWrite.get(), seen.data(), seen.size());
+        return written == static_cast<ssize_t>(seen.size()) ? 0 : 3;
     });
     pair.first = FileDescriptor();
     reportWrite = FileDescriptor();
 
     UnixDomainSocket sender;
     sender.bind(std::move(pair.second));
-    std::vector<FileDescriptor> files;
+    const FileDescriptor files[] = {memoryFile("first"), memoryFile("second"), memoryFile("third")};
     Message::Payload payload;
     payload.data = {'a', 'b', 'c'};
-    for (const char* contents : {"first", "second", "third"}) {
-        files.push_back(memoryFile(contents));
-        payload.fds.push_back(files.back().get());
-    }
+    payload.fds = {files[0].get(), files[1].get(), files[2].get()};
+    Message request;
+    request.setHeader(1, 1, 0, 0, 0);
+    request.setPayload(payload);
     for (int message = 0; message < 3; ++message) {
-        Message request;
-        request.setHeader(static_cast<uint32_t>(message + 1), 1, 0, 0, 0);
-        request.setPayload(payload);
         ASSERT_EQ(sender.send(request), 0);
     }
     EXPECT_EQ(waitPeer(child), 0);

@@ -10,15 +10,15 @@
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
-#include <ipc/EventHandler.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
-#include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,43 +42,39 @@ constexpr uint32_t kQuit = 2;
 constexpr uint32_t kFirstId = 100;
 constexpr uint32_t kRequests = 32;
 
-// What the algorithm side's handler answers for a request carrying `seed`;
-// it is also the byte it writes into the request's pipe.
-uint8_t answerFor(uint8_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
-
-// Exit codes of the algorithm side.
+// The algorithm side's exit status: 0, or what went wrong first.
 enum ServiceResult : int {
     kServiceOk = 0,
-    kServiceReceiveFailed = 10,
-    kServiceBadRequest = 11,
-    kServiceReplyFailed = 12,
-    kServiceWrongCount = 13,
-    kServiceLeakedDescriptor = 14,
+    kReceiveFailed = 10,
+    kBadRequest = 11,
+    kReplyFailed = 12,
+    kWrongCount = 13,
+    kLeakedDescriptor = 14,
 };
 
+// What the algorithm side answers for a request carrying `seed`; it is also
+// the byte it writes into the request's pipe.
+uint8_t answerFor(uint32_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
+
 // The algorithm side's handler of requests, called on its loop's thread.
+// `finish` records a result and ends both of the side's loops.
 class ServiceHandler : public MessageHandler {
   public:
-    ServiceHandler(SocketEventHandler& socket, DefaultReactor& reactor, MessageLoop& loop)
-        : mSocket(socket), mReactor(reactor), mLoop(loop) {}
+    ServiceHandler(SocketEventHandler& socket, std::function<void(int)> finish)
+        : mSocket(socket), mFinish(std::move(finish)) {}
 
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> request) override {
         if (request->type() == kQuit) {
-            mReactor.requestExit();
-            mLoop.requestExit();
+            mFinish(mHandled.size() == kRequests ? kServiceOk : kWrongCount);
             return;
         }
-        const uint32_t id = request->id();
+        const uint32_t id = request->id();  // handling the message clears its header
         const Message::Payload payload = request->payload();
-        if (request->type() != kWork || payload.data.size() != 1 || payload.fds.size() != 1) {
-            fail(kServiceBadRequest);
-            return;
-        }
-        ++mHandled[id];
-        const uint8_t answer = answerFor(payload.data[0]);
-        if (write(payload.fds[0], &answer, 1) != 1) {
-            fail(kServiceBadRequest);
+        const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
+        if (request->type() != kWork || payload.data.size() != 1 || payload.fds.size() != 1 ||
+            !mHandled.insert(id).second || write(payload.fds[0], &answer, 1) != 1) {
+            mFinish(kBadRequest);
         }
         MessageHandler::handleMessage(*request);  // closes the descriptor it carried
 
@@ -88,75 +84,51 @@ class ServiceHandler : public MessageHandler {
         reply.setPayload(status);
         reply.setHeader(id, kWork, Message::kFlagReply, 1, 0);
         if (mSocket.sendMessage(reply) != 0) {
-            fail(kServiceReplyFailed);
+            mFinish(kReplyFailed);
         }
-    }
-
-    // Read after the loop's thread has been joined.
-    int result() const {
-        if (mResult != kServiceOk) {
-            return mResult;
-        }
-        if (mHandled.size() != kRequests) {
-            return kServiceWrongCount;
-        }
-        for (const auto& [id, count] : mHandled) {
-            if (count != 1) {
-                return kServiceWrongCount;
-            }
-        }
-        return kServiceOk;
-    }
-    void fail(int result) {
-        mResult = result;
-        mReactor.requestExit();
-        mLoop.requestExit();
     }
 
   private:
     SocketEventHandler& mSocket;
-    DefaultReactor& mReactor;
-    MessageLoop& mLoop;
-    std::map<uint32_t, int> mHandled;  // loop thread only
-    int mResult = kServiceOk;          // loop thread only
+    std::function<void(int)> mFinish;
+    std::set<uint32_t> mHandled;  // loop thread only
 };
 
-// The algorithm side, run in the child on its end of the pair. Returns one
-// of the ServiceResult codes.
+// The algorithm side, run in the child on its end of the pair; returns a
+// ServiceResult.
 int runService(FileDescriptor end) {
-    const int socketFd = end.get();
     std::set<int> expected = openDescriptors();
-    expected.erase(socketFd);
-
-    int result = kServiceOk;
+    expected.erase(end.get());
+    std::atomic<int> result{kServiceOk};
     {
         DefaultReactor reactor;
         MessageLoop loop;
+        const auto finish = [&](int code) {
+            int none = kServiceOk;
+            result.compare_exchange_strong(none, code);
+            reactor.requestExit();
+            loop.requestExit();
+        };
         auto socket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-        auto service = std::make_shared<ServiceHandler>(*socket, reactor, loop);
-        std::atomic<bool> receiveFailed{false};
+        auto service = std::make_shared<ServiceHandler>(*socket, finish);
         // Runs on the reactor's thread: read the request, queue it for the loop.
         socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
             auto request = std::make_unique<Message>(service);
             if (raw->receiveMessage(request.get()) != 0) {
-                receiveFailed = true;
-                reactor.requestExit();
-                loop.requestExit();
+                finish(kReceiveFailed);
                 return;
             }
             loop.messageQueue().enqueueMessage(std::move(request), 0ms);
         }));
         if (!reactor.registerEventHandler(socket)) {
-            return kServiceReceiveFailed;
+            return kReceiveFailed;
         }
-        std::thread reactorThread([&] { reactor.loop(0ms); });
         std::thread loopThread([&] { loop.dispatchMessages(); });
-        reactorThread.join();
+        reactor.loop(0ms);
         loopThread.join();
-        result = receiveFailed ? kServiceReceiveFailed : service->result();
     }
     if (result == kServiceOk && openDescriptors() != expected) {
-        result = kServiceLeakedDescriptor;
+        return kLeakedDescriptor;
     }
     return result;
 }
@@ -176,15 +148,15 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
     CBRegistry registry(1);
     std::mutex lock;
     std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
-    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
     std::atomic<int> receiveFailures{0};
+    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
     socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
         auto reply = std::make_unique<Message>();
-        if (raw->receiveMessage(reply.get()) != 0) {
+        if (raw->receiveMessage(reply.get()) == 0) {
+            registry.unRegisterCB(std::move(reply));
+        } else {
             ++receiveFailures;
-            return;
         }
-        registry.unRegisterCB(std::move(reply));
     }));
     ASSERT_TRUE(reactor.registerEventHandler(socket));
     ReactorThread loop(reactor);
@@ -218,7 +190,7 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
     for (uint32_t i = 0; i < kRequests; ++i) {
         const auto found = statuses.find(kFirstId + i);
         ASSERT_NE(found, statuses.end()) << "no reply for request " << i;
-        EXPECT_EQ(found->second, std::vector<uint8_t>{answerFor(static_cast<uint8_t>(i))});
+        EXPECT_EQ(found->second, std::vector<uint8_t>{answerFor(i)});
     }
 
     // While the peer still runs, each pipe holds the handler's one byte
@@ -227,7 +199,7 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
     for (uint32_t i = 0; i < kRequests; ++i) {
         uint8_t bytes[2] = {0, 0};
         EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 1) << "pipe " << i;
-        EXPECT_EQ(bytes[0], answerFor(static_cast<uint8_t>(i)));
+        EXPECT_EQ(bytes[0], answerFor(i));
         EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
     }
 
