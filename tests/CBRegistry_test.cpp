@@ -123,6 +123,7 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
 
     std::vector<std::atomic<int>> called(kRequests);
     std::atomic<int> wrongStatus{0};
+    std::atomic<uint32_t> completed{0};
     std::atomic<int> returned{0};
     std::vector<std::thread> workers;
     for (int w = 0; w < 3; ++w) {
@@ -140,11 +141,13 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
         registry.registerCB(*makeMessage(id), [&, id](uint8_t status) {
             ++called[id];
             wrongStatus += status != static_cast<uint8_t>(id) ? 1 : 0;
+            ++completed;
         });
         registry.updateCBList(makeMessage(id, {static_cast<uint8_t>(id)}));
     }
+    ASSERT_TRUE(waitUntil([&] { return completed.load() == kRequests; }, 40s));
     // One wait per reply, then each worker blocks once more.
-    ASSERT_TRUE(capture.waitFor("[wait] Block to wait for signal", kRequests + 3, 40s));
+    ASSERT_TRUE(capture.waitFor("[wait] Block to wait for signal", kRequests + 3));
     for (uint32_t id = 0; id < kRequests; ++id) {
         EXPECT_EQ(called[id].load(), 1) << "id " << id;
     }
