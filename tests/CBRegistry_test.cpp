@@ -52,6 +52,12 @@ TEST_F(CBRegistryTest, OneCallbackPerIdIsCalledOnceWithTheFirstDataByteUnsigned)
         EXPECT_EQ(capture.lines().back().level, 1u);
         EXPECT_EQ(capture.lines().back().moduleId, Kestrel::ipc::utils::kLogModuleSync);
 
+        // No status byte: rejected, the callback stays for a well-formed reply.
+        registry.unRegisterCB(makeMessage(12));            // header only
+        registry.unRegisterCB(makeMessage(12, {}, {-1}));  // a descriptor but no data byte
+        EXPECT_EQ(capture.count("CB status is missing, ERROR with msgID=12"), 2u);
+        EXPECT_TRUE(calls.empty());
+
         auto reply = makeMessage(12, {0xF0, 9, 9});
         char expected[128];
         std::snprintf(expected, sizeof(expected),
@@ -60,10 +66,15 @@ TEST_F(CBRegistryTest, OneCallbackPerIdIsCalledOnceWithTheFirstDataByteUnsigned)
         registry.unRegisterCB(std::move(reply));
         EXPECT_EQ(calls, (std::vector<int>{0xF0}));
         EXPECT_EQ(capture.count(expected), 1u);
-
         registry.unRegisterCB(makeMessage(12, {5}));
         EXPECT_EQ(capture.count("CB has not registered, ERROR with msgID=12"), 1u);
         EXPECT_EQ(calls.size(), 1u);
+
+        // An empty callback throws, its entry already removed.
+        registry.registerCB(*makeMessage(40), std::function<void(uint8_t)>());
+        EXPECT_THROW(registry.unRegisterCB(makeMessage(40, {0})), std::bad_function_call);
+        registry.unRegisterCB(makeMessage(40, {0}));
+        EXPECT_EQ(capture.count("CB has not registered, ERROR with msgID=40"), 1u);
 
         // Left registered at destruction: destroyed, never called.
         registry.registerCB(*makeMessage(50), [token, this](uint8_t) { calls.push_back(50); });
@@ -73,8 +84,9 @@ TEST_F(CBRegistryTest, OneCallbackPerIdIsCalledOnceWithTheFirstDataByteUnsigned)
     EXPECT_EQ(calls.size(), 1u);
 }
 
+// Called without the lock and after its entry is gone: no deadlock, no
+// "CB has registered".
 TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
-    Watchdog noDeadlock("re-registration from a callback", 5s);
     CBRegistry registry(1);
     registry.registerCB(*makeMessage(21), [&](uint8_t) {
         registry.registerCB(*makeMessage(21), [&](uint8_t status) { calls.push_back(status); });
@@ -85,86 +97,36 @@ TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
     EXPECT_EQ(calls, (std::vector<int>{2}));
 }
 
-TEST_F(CBRegistryTest, ReplyWithoutStatusIsRejectedAndAnEmptyCallbackThrowsOnceRemoved) {
-    CBRegistry registry(1);
-    registry.registerCB(*makeMessage(30), [&](uint8_t status) { calls.push_back(status); });
-    registry.unRegisterCB(makeMessage(30));            // header only
-    registry.unRegisterCB(makeMessage(30, {}, {-1}));  // a descriptor but no data byte
-    EXPECT_EQ(capture.count("CB status is missing, ERROR with msgID=30"), 2u);
-    EXPECT_TRUE(calls.empty());
-    registry.unRegisterCB(makeMessage(30, {6}));
-    EXPECT_EQ(calls, (std::vector<int>{6}));
-
-    registry.registerCB(*makeMessage(40), std::function<void(uint8_t)>());
-    EXPECT_THROW(registry.unRegisterCB(makeMessage(40, {0})), std::bad_function_call);
-    registry.unRegisterCB(makeMessage(40, {0}));
-    EXPECT_EQ(capture.count("CB has not registered, ERROR with msgID=40"), 1u);
-    // The lock was released before the throw.
-    registry.registerCB(*makeMessage(40), [](uint8_t) {});
-    EXPECT_EQ(capture.countContaining("CB has registered"), 0u);
-}
-
-TEST_F(CBRegistryTest, ListHandsOutMessagesInArrivalOrder) {
-    CBRegistry registry(1);
+// The documented worker pattern, with one worker more than declared: workers
+// take replies off the list and complete the callbacks; each fires once with
+// its status. The surplus worker shows that requestExit() wakes exactly the
+// declared ones.
+TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilTheDeclaredExit) {
+    constexpr uint32_t kRequests = 2000;
+    CBRegistry registry(2);
     EXPECT_TRUE(registry.isEmptyCBList());
     registry.updateCBList(makeMessage(1));
     registry.updateCBList(makeMessage(2));
-    EXPECT_EQ(capture.count("[update] Release Semaphore of CBList"), 2u);
-    EXPECT_FALSE(registry.isEmptyCBList());
     std::unique_ptr<Message> out;
     for (uint32_t id : {1u, 2u}) {
         ASSERT_TRUE(registry.waitCB());
         ASSERT_TRUE(registry.extractCBList(out));
         EXPECT_EQ(out->id(), id);
     }
-    EXPECT_EQ(capture.count("[wait] Extract next entry from CBList"), 2u);
     EXPECT_FALSE(registry.extractCBList(out));
     ASSERT_TRUE(out);  // left alone
     EXPECT_EQ(out->id(), 2u);
     EXPECT_TRUE(registry.isEmptyCBList());
-}
+    EXPECT_EQ(capture.count("[update] Release Semaphore of CBList"), 2u);
+    EXPECT_EQ(capture.count("[wait] Extract next entry from CBList"), 2u);
+    capture.clear();
 
-TEST_F(CBRegistryTest, RequestExitWakesExactlyTheDeclaredWaitersAndNotifyNobody) {
-    CBRegistry registry(3);
-    std::atomic<int> returned{0};
-    std::atomic<int> trueResults{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i) {
-        waiters.emplace_back([&] {
-            trueResults += registry.waitCB() ? 1 : 0;
-            ++returned;
-        });
-    }
-    ASSERT_TRUE(capture.waitFor("[wait] Block to wait for signal", 4));
-    registry.notifyCB();
-    std::this_thread::sleep_for(50ms);  // a window for a wrong wake-up
-    EXPECT_EQ(returned.load(), 0);
-    registry.requestExit();
-    EXPECT_TRUE(waitUntil([&] { return returned.load() == 3; }));
-    std::this_thread::sleep_for(50ms);  // the surplus waiter must stay blocked
-    EXPECT_EQ(returned.load(), 3);
-    EXPECT_EQ(capture.count("CBRegistry is exiting"), 3u);
-    EXPECT_EQ(capture.count("[requestExit] Release Semaphore of CBList"), 1u);
-
-    registry.updateCBList(makeMessage(1));  // accepted after exit; frees the surplus waiter
-    for (auto& waiter : waiters) {
-        waiter.join();
-    }
-    EXPECT_EQ(trueResults.load(), 0);
-    EXPECT_FALSE(registry.isEmptyCBList());
-}
-
-// The documented worker pattern: workers take replies off the list and
-// complete the callbacks registered by another thread; each fires once.
-TEST(CBRegistryConcurrency, WorkersCompleteEveryCallbackOnce) {
-    constexpr int kWorkers = 2;
-    constexpr uint32_t kRequests = 2000;
-    Watchdog watchdog("callback workers", 60s);
-    CBRegistry registry(kWorkers);
-    std::vector<std::atomic<int>> calls(kRequests);
+    std::vector<std::atomic<int>> called(kRequests);
     std::atomic<int> wrongStatus{0};
+    std::atomic<uint32_t> completed{0};
+    std::atomic<int> returned{0};
     std::vector<std::thread> workers;
-    for (int w = 0; w < kWorkers; ++w) {
+    for (int w = 0; w < 3; ++w) {
         workers.emplace_back([&] {
             std::unique_ptr<Message> reply;
             while (registry.waitCB()) {
@@ -172,29 +134,39 @@ TEST(CBRegistryConcurrency, WorkersCompleteEveryCallbackOnce) {
                     registry.unRegisterCB(std::move(reply));
                 }
             }
+            ++returned;
         });
     }
-    std::thread requester([&] {
-        for (uint32_t id = 0; id < kRequests; ++id) {
-            registry.registerCB(*makeMessage(id), [&, id](uint8_t status) {
-                ++calls[id];
-                wrongStatus += status != static_cast<uint8_t>(id) ? 1 : 0;
-            });
-        }
-    });
-    requester.join();
     for (uint32_t id = 0; id < kRequests; ++id) {
+        registry.registerCB(*makeMessage(id), [&, id](uint8_t status) {
+            ++called[id];
+            wrongStatus += status != static_cast<uint8_t>(id) ? 1 : 0;
+            ++completed;
+        });
         registry.updateCBList(makeMessage(id, {static_cast<uint8_t>(id)}));
     }
-    ASSERT_TRUE(waitUntil([&] { return registry.isEmptyCBList(); }, 40s));
+    ASSERT_TRUE(waitUntil([&] { return completed.load() == kRequests; }, 40s));
+    // One wait per reply, then each worker blocks once more.
+    ASSERT_TRUE(capture.waitFor("[wait] Block to wait for signal", kRequests + 3));
+    for (uint32_t id = 0; id < kRequests; ++id) {
+        EXPECT_EQ(called[id].load(), 1) << "id " << id;
+    }
+    EXPECT_EQ(wrongStatus.load(), 0);
+
+    registry.notifyCB();
+    std::this_thread::sleep_for(50ms);  // a window for a wrong wake-up
+    EXPECT_EQ(returned.load(), 0);
     registry.requestExit();
+    EXPECT_TRUE(waitUntil([&] { return returned.load() == 2; }));
+    std::this_thread::sleep_for(50ms);  // the surplus worker must stay blocked
+    EXPECT_EQ(returned.load(), 2);
+    EXPECT_EQ(capture.count("CBRegistry is exiting"), 2u);
+    EXPECT_EQ(capture.count("[requestExit] Release Semaphore of CBList"), 1u);
+    registry.updateCBList(makeMessage(1));  // accepted after exit; frees the surplus worker
     for (auto& worker : workers) {
         worker.join();
     }
-    for (uint32_t id = 0; id < kRequests; ++id) {
-        EXPECT_EQ(calls[id].load(), 1) << "id " << id;
-    }
-    EXPECT_EQ(wrongStatus.load(), 0);
+    EXPECT_FALSE(registry.isEmptyCBList());
 }
 
 }  // namespace

@@ -53,15 +53,14 @@ TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
 using LogSinks = DebugLogTest;
 
 // A site declared here behaves as one in the library's own sources.
-constexpr Kestrel::ipc::utils::LogSite kLogSite{"Thread", "ipc/utils/Thread",
-                                                Kestrel::ipc::utils::kLogModuleCore};
+constexpr LogSite kLogSite{"Thread", "ipc/utils/Thread", kLogModuleCore};
 
 void run(int value) { IPC_LOGE("broken %d", value); }
 
 int sideEffects = 0;
 int countedArgument() { return ++sideEffects; }
 
-TEST_F(LogSinks, DetailsLevelGatesEachLevelBeforeItsArgumentsAreEvaluated) {
+TEST_F(LogSinks, DetailsLevelAndModuleMaskGateLinesBeforeTheirArgumentsAreEvaluated) {
     ULogger::sDetailsLevel = 4;
     logOneDebugLine();
     IPC_LOGD("[%s] %d", __func__, countedArgument());
@@ -80,9 +79,9 @@ TEST_F(LogSinks, DetailsLevelGatesEachLevelBeforeItsArgumentsAreEvaluated) {
         IPC_LOGI("an info line");
         EXPECT_EQ(capture.lines().size(), lines) << "details level " << level;
     }
-}
 
-TEST_F(LogSinks, ModuleMaskGatesDebugLinesPerModule) {
+    // Debug lines of the core module (Message) and the sync one (semaphore).
+    ULogger::sDetailsLevel = 5;
     const auto debugLines = [this](uint32_t mask) {
         capture.clear();
         ULogger::sNormalDetailsMask = mask;
@@ -96,7 +95,7 @@ TEST_F(LogSinks, ModuleMaskGatesDebugLinesPerModule) {
     EXPECT_EQ(debugLines(0x400000), std::make_pair(size_t{0}, size_t{0}));  // a bit missing
 }
 
-TEST_F(LogSinks, ModeSelectsTheSinks) {
+TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     for (uint32_t mode : {0u, 1u, 2u, 8u}) {
         capture.clear();
         ULogger::sMode = mode;
@@ -109,9 +108,7 @@ TEST_F(LogSinks, ModeSelectsTheSinks) {
         }
         EXPECT_EQ(capture.count("no payload exists"), mode >= 2 ? 1u : 0u) << "mode " << mode;
     }
-}
 
-TEST_F(LogSinks, DebugPrintFramesDebugAndErrorLines) {
     ULogger::sMode = 3;
     testing::internal::CaptureStderr();
     logOneDebugLine();
@@ -131,12 +128,11 @@ TEST_F(LogSinks, DebugPrintFramesDebugAndErrorLines) {
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].text, "broken 7");  // no frame, no suffix
     EXPECT_EQ(capture.lines()[0].level, 1u);
-}
 
-TEST_F(LogSinks, LongMessageIsTruncatedWithTheUntruncatedLength) {
+    capture.clear();  // a line longer than the buffer, on the unified logger only
+    ULogger::sMode = 2;
     const std::string longText(2000, 'x');
-    Kestrel::ipc::utils::logging::record(kLogSite, Kestrel::ipc::utils::logging::kWarning, "%s",
-                                         longText.c_str());
+    logging::record(kLogSite, logging::kWarning, "%s", longText.c_str());
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].text, std::string(1023, 'x'));
     EXPECT_EQ(capture.lines()[0].length, 2000);

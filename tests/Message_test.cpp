@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <numeric>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -29,12 +30,6 @@ Bytes storageOf(const Message& message, size_t size) {
     return Bytes(bytes, bytes + size);
 }
 
-uint32_t wordAt(const Bytes& bytes, size_t offset) {
-    uint32_t value;
-    std::memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
-
 TEST(MessageHeader, FieldsSitAtTheirOffsetsAndNoSetterWritesTheReservedBytes) {
     Message message;
     EXPECT_EQ(storageOf(message, 24), Bytes(24, 0));
@@ -43,37 +38,25 @@ TEST(MessageHeader, FieldsSitAtTheirOffsetsAndNoSetterWritesTheReservedBytes) {
     auto [writable, size] = message.header();
     std::memset(writable + 18, 0x5A, size - 18);  // as a peer's reserved bytes would arrive
     message.setHeader(0x11223344, 0x55667788, 3, 0x0A0B0C0D, 0xBEEF);
-    Bytes bytes = storageOf(message, 24);
-    EXPECT_EQ(wordAt(bytes, 0), 0x11223344u);
-    EXPECT_EQ(wordAt(bytes, 4), 0x55667788u);
-    EXPECT_EQ(wordAt(bytes, 8), 3u);
-    EXPECT_EQ(wordAt(bytes, 12), 0x0A0B0C0Du);
-    uint16_t fdCount;
-    std::memcpy(&fdCount, bytes.data() + 16, sizeof(fdCount));
-    EXPECT_EQ(fdCount, 0xBEEF);
-    EXPECT_EQ(Bytes(bytes.begin() + 18, bytes.end()), Bytes(6, 0x5A));
-    EXPECT_TRUE(message.isAsync());
-    EXPECT_TRUE(message.isReply());
+    EXPECT_EQ(storageOf(message, 24),
+              (Bytes{0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66, 0x55, 3,    0,    0,    0,
+                     0x0D, 0x0C, 0x0B, 0x0A, 0xEF, 0xBE, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A}));
+    EXPECT_TRUE(message.isAsync() && message.isReply());
     EXPECT_EQ(message.clearFlags(), 3u);
     EXPECT_EQ(message.flags(), 0u);
     EXPECT_FALSE(message.isAsync() || message.isReply());
 
     message.setHeader(7, 8, 3, 1, 1);
     message.setHeader(5, 2);  // resets id, type and flags
-    EXPECT_EQ(std::make_tuple(message.id(), message.type(), message.flags()),
-              std::make_tuple(0u, 0u, 0u));
-    EXPECT_EQ(message.dataCount(), 5u);
-    EXPECT_EQ(message.fileDescriptorCount(), 2u);
+    EXPECT_EQ(std::make_tuple(message.id(), message.type(), message.flags(), message.dataCount(),
+                              message.fileDescriptorCount()),
+              std::make_tuple(0u, 0u, 0u, 5u, uint16_t{2}));
 
     Bytes incoming(24);
-    for (size_t i = 0; i < incoming.size(); ++i) {
-        incoming[i] = static_cast<uint8_t>(i + 1);
-    }
+    std::iota(incoming.begin(), incoming.end(), uint8_t{1});
     message.setHeader(incoming);  // copies bytes 0 to 17 only
-    bytes = storageOf(message, 24);
-    EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 18),
-              Bytes(incoming.begin(), incoming.begin() + 18));
-    EXPECT_EQ(Bytes(bytes.begin() + 18, bytes.end()), Bytes(6, 0x5A));
+    std::fill(incoming.begin() + 18, incoming.end(), 0x5A);
+    EXPECT_EQ(storageOf(message, 24), incoming);
 }
 
 TEST(MessagePayload, PacksDataThenUnalignedDescriptorsAndEmptyingKeepsTheCounts) {
@@ -86,10 +69,9 @@ TEST(MessagePayload, PacksDataThenUnalignedDescriptorsAndEmptyingKeepsTheCounts)
     EXPECT_EQ(message.dataCount(), 3u);
     EXPECT_EQ(message.fileDescriptorCount(), 2u);
     EXPECT_EQ(capture.count("[setPayload] adjust storage size from 24 to 35"), 1u);
-    const Bytes bytes = storageOf(message, 35);
-    EXPECT_EQ(Bytes(bytes.begin() + 24, bytes.begin() + 27), payload.data);
-    EXPECT_EQ(static_cast<int32_t>(wordAt(bytes, 27)), 70000);
-    EXPECT_EQ(static_cast<int32_t>(wordAt(bytes, 31)), -5);
+    const Bytes bytes = storageOf(message, 35);  // 70000 and -5 as unaligned 4-byte integers
+    EXPECT_EQ(Bytes(bytes.begin() + 24, bytes.end()),
+              (Bytes{0xA1, 0xA2, 0xA3, 0x70, 0x11, 0x01, 0x00, 0xFB, 0xFF, 0xFF, 0xFF}));
     const Message::Payload back = message.payload();
     EXPECT_EQ(back.data, payload.data);
     EXPECT_EQ(back.fds, payload.fds);
@@ -134,23 +116,18 @@ TEST(MessageMove, ConstructionTakesTheHandlerAndAssignmentSwapsThem) {
                   reinterpret_cast<unsigned long>(second.get()));
     EXPECT_EQ(capture.count(expected), 1u);
     EXPECT_EQ(b.messageHandler(), nullptr);
-}
 
-TEST(MessageMove, ConcurrentCrossAssignmentsDoNotDeadlock) {
+    // Assignment locks both messages: crossed assignments must not deadlock.
     Watchdog watchdog("cross move assignment", std::chrono::seconds(30));
-    Message a;
-    Message b;
-    a.setHeader(1, 0, 0, 0, 0);
-    b.setHeader(2, 0, 0, 0, 0);
     std::thread t([&] {
         for (int i = 0; i < 2000; ++i) {
-            a = std::move(b);
-            b = std::move(a);
+            b = std::move(c);
+            c = std::move(b);
         }
     });
     for (int i = 0; i < 2000; ++i) {
-        b = std::move(a);
-        a = std::move(b);
+        c = std::move(b);
+        b = std::move(c);
     }
     t.join();
 }
