@@ -153,13 +153,8 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
     }
     EXPECT_EQ(wrongStatus.load(), 0);
 
-    registry.notifyCB();
-    std::this_thread::sleep_for(50ms);  // a window for a wrong wake-up
-    EXPECT_EQ(returned.load(), 0);
-    registry.requestExit();
-    EXPECT_TRUE(waitUntil([&] { return returned.load() == 2; }));
-    std::this_thread::sleep_for(50ms);  // the surplus worker must stay blocked
-    EXPECT_EQ(returned.load(), 2);
+    expectExitWakesExactly(
+            returned, 2, [&] { registry.notifyCB(); }, [&] { registry.requestExit(); });
     EXPECT_EQ(capture.count("CBRegistry is exiting"), 2u);
     EXPECT_EQ(capture.count("[requestExit] Release Semaphore of CBList"), 1u);
     registry.updateCBList(makeMessage(1));  // accepted after exit; frees the surplus worker

@@ -56,17 +56,6 @@ std::string line(const char* format, int value) {
     return text;
 }
 
-// The levels `text` was logged at.
-std::set<uint32_t> levelsOf(const LogCapture& capture, const std::string& text) {
-    std::set<uint32_t> levels;
-    for (const auto& logged : capture.lines()) {
-        if (logged.text == text) {
-            levels.insert(logged.level);
-        }
-    }
-    return levels;
-}
-
 class DefaultReactorTest : public DebugLogTest {
   protected:
     void startLoop(std::chrono::milliseconds timeout = 0ms) { loop.emplace(*reactor, timeout); }
@@ -161,7 +150,7 @@ TEST_F(DefaultReactorTest, DroppedHandlerIsRemovedAsExpiredAndIdleCyclesTimeOut)
     EXPECT_EQ(capture.countContaining(line("dispatch to event handler(fd:%d)", droppedFd)), 0u);
     EXPECT_GE(capture.count("[loop] The registered PollEvent count(2) timeout milliseconds(100)"),
               2u);
-    EXPECT_EQ(levelsOf(capture, "poll timed out"), std::set<uint32_t>{2});
+    EXPECT_EQ(capture.levelsOf("poll timed out"), std::set<uint32_t>{2});
     EXPECT_FALSE(reactor->removeEventHandlerByFd(droppedFd));
     EXPECT_EQ(capture.count(line("handler(key: %d) does not registered before", droppedFd)), 1u);
 }
@@ -192,7 +181,7 @@ TEST_F(DefaultReactorTest, LoopWaitsForTheFirstRegistrationAndRefusals) {
     ASSERT_TRUE(reactor->registerEventHandler(first));
     EXPECT_FALSE(reactor->registerEventHandler(second));
     const std::string warning = line("handler(key: %d) already existed", fd);
-    EXPECT_EQ(levelsOf(capture, warning), std::set<uint32_t>{2});
+    EXPECT_EQ(capture.levelsOf(warning), std::set<uint32_t>{2});
     expectEachOnce(capture,
                    {warning, line("[registerEventHandler] handler(key: %d) registered", fd)});
     EXPECT_EQ(capture.count("[registerEventHandler] Release Semaphore of Reactor"), 2u);

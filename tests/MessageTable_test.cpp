@@ -111,13 +111,8 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
         ASSERT_TRUE(capture.waitFor("[wait] Block to wait for signal", kMessages + 3));
         EXPECT_EQ(mixedLists.load(), 0);
         EXPECT_TRUE(table.isEmpty());
-        table.notify();
-        std::this_thread::sleep_for(50ms);  // a window for a wrong wake-up
-        EXPECT_EQ(returned.load(), 0);
-        table.requestExit();
-        EXPECT_TRUE(waitUntil([&] { return returned.load() == 2; }));
-        std::this_thread::sleep_for(50ms);  // the surplus waiter must stay blocked
-        EXPECT_EQ(returned.load(), 2);
+        expectExitWakesExactly(
+                returned, 2, [&] { table.notify(); }, [&] { table.requestExit(); });
         EXPECT_EQ(capture.count("MessageTable is exiting"), 2u);
         EXPECT_EQ(capture.count("[requestExit] Release Semaphore of MessageTable"), 1u);
 

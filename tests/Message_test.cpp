@@ -171,13 +171,7 @@ TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsInOrderAndZeroesTheCount)
     EXPECT_EQ(message->dataCount(), 2u);
     EXPECT_EQ(std::make_tuple(message->id(), message->type(), message->flags()),
               std::make_tuple(0u, 0u, 0u));
-    std::vector<std::string> closes;
-    for (const auto& line : capture.lines()) {
-        if (line.text.rfind("[operator()] close fd(", 0) == 0) {
-            closes.push_back(line.text);
-        }
-    }
-    EXPECT_EQ(closes,
+    EXPECT_EQ(capture.texts("[operator()] close fd("),
               (std::vector<std::string>{"[operator()] close fd(" + std::to_string(a) + ")",
                                         "[operator()] close fd(" + std::to_string(b) + ")"}));
     ::close(bystander);

@@ -85,18 +85,14 @@ TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
     EXPECT_TRUE(poller.unregisterPollEvent(9));
     EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {5, POLLIN}}));
     if (debugLogged()) {  // the table before and after the removal
-        std::vector<std::string> texts;
-        for (const auto& line : capture.lines()) {
-            texts.push_back(line.text);
-        }
-        EXPECT_EQ(texts, (std::vector<std::string>{
-                                 "[dump] fd(7) events(4) revents(0)",
-                                 "[dump] fd(9) events(2) revents(0)",
-                                 "[dump] fd(5) events(1) revents(0)",
-                                 "[unregisterPollEvent] fd(9) is unregistered",
-                                 "[dump] fd(7) events(4) revents(0)",
-                                 "[dump] fd(5) events(1) revents(0)",
-                         }));
+        EXPECT_EQ(capture.texts(), (std::vector<std::string>{
+                                           "[dump] fd(7) events(4) revents(0)",
+                                           "[dump] fd(9) events(2) revents(0)",
+                                           "[dump] fd(5) events(1) revents(0)",
+                                           "[unregisterPollEvent] fd(9) is unregistered",
+                                           "[dump] fd(7) events(4) revents(0)",
+                                           "[dump] fd(5) events(1) revents(0)",
+                                   }));
     }
     capture.clear();
     EXPECT_FALSE(poller.unregisterPollEvent(9));

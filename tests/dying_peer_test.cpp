@@ -181,10 +181,7 @@ TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticed
         const FileDescriptor goWrite(go[1], 0);
         const pid_t child = forkPeer([&] {
             pair.first = FileDescriptor();
-            Message announced;
-            announced.setHeader(7, 1, 0, 3, fdCount);
-            const auto [bytes, size] = announced.header();
-            if (writeRecord(pair.second.get(), bytes, size, {}) != static_cast<ssize_t>(size)) {
+            if (!writeHeaderRecord(pair.second.get(), 7, 3, fdCount)) {
                 return 1;
             }
             char word = 0;

@@ -357,6 +357,7 @@ int writeAndCloseMidMessage(std::vector<SocketPair>& pairs) {
     const FileDescriptor devNull(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
     for (size_t i = 0; i < pairs.size(); ++i) {
         pairs[i].first = FileDescriptor();
+        const int end = pairs[i].second.get();
         UnixDomainSocket socket;
         socket.bind(std::move(pairs[i].second));
         for (uint32_t n = 0; n < wholeMessagesOn(i); ++n) {
@@ -364,10 +365,7 @@ int writeAndCloseMidMessage(std::vector<SocketPair>& pairs) {
                 return 1;
             }
         }
-        Message cut;
-        cut.setHeader(99, kData, 0, kAnnouncedData, static_cast<uint16_t>(i % 2));
-        const auto [header, size] = cut.header();
-        if (socket.sendDataAndFileDescriptors(nullptr, 0, header, size) != 0) {
+        if (!writeHeaderRecord(end, 99, kAnnouncedData, static_cast<uint16_t>(i % 2))) {
             return 2;
         }
     }

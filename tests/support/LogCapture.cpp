@@ -43,8 +43,7 @@ size_t LogCapture::count(const std::string& text) const {
     return n;
 }
 
-size_t LogCapture::countContaining(const std::string& part) const {
-    std::lock_guard<std::mutex> lock(mLock);
+size_t LogCapture::countContainingLocked(const std::string& part) const {
     size_t n = 0;
     for (const LogLine& line : mLines) {
         n += line.text.find(part) != std::string::npos ? 1 : 0;
@@ -52,16 +51,37 @@ size_t LogCapture::countContaining(const std::string& part) const {
     return n;
 }
 
+size_t LogCapture::countContaining(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return countContainingLocked(part);
+}
+
+std::vector<std::string> LogCapture::texts(const std::string& prefix) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::vector<std::string> texts;
+    for (const LogLine& line : mLines) {
+        if (line.text.compare(0, prefix.size(), prefix) == 0) {
+            texts.push_back(line.text);
+        }
+    }
+    return texts;
+}
+
+std::set<uint32_t> LogCapture::levelsOf(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::set<uint32_t> levels;
+    for (const LogLine& line : mLines) {
+        if (line.text == text) {
+            levels.insert(line.level);
+        }
+    }
+    return levels;
+}
+
 bool LogCapture::waitFor(const std::string& part, size_t times,
                          std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mLock);
-    return mChanged.wait_for(lock, timeout, [&] {
-        size_t n = 0;
-        for (const LogLine& line : mLines) {
-            n += line.text.find(part) != std::string::npos ? 1 : 0;
-        }
-        return n >= times;
-    });
+    return mChanged.wait_for(lock, timeout, [&] { return countContainingLocked(part) >= times; });
 }
 
 void LogCapture::clear() {

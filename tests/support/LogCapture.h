@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,12 +43,18 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
     // Number of lines whose text contains `part`.
     size_t countContaining(const std::string& part) const;
     bool contains(const std::string& part) const { return countContaining(part) > 0; }
+    // The texts of the lines that start with `prefix`, in order.
+    std::vector<std::string> texts(const std::string& prefix = "") const;
+    // The levels at which `text` was logged.
+    std::set<uint32_t> levelsOf(const std::string& text) const;
     // Waits until at least `times` lines contain `part`; false on time-out.
     bool waitFor(const std::string& part, size_t times = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     void clear();
 
   private:
+    size_t countContainingLocked(const std::string& part) const;
+
     mutable std::mutex mLock;
     mutable std::condition_variable mChanged;
     std::vector<LogLine> mLines;  // guarded by mLock

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <ipc/Message.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -66,6 +67,13 @@ ssize_t writeRecord(int socketFd, const void* data, size_t size, const std::vect
         }
     }
     return ::sendmsg(socketFd, &header, MSG_NOSIGNAL);
+}
+
+bool writeHeaderRecord(int socketFd, uint32_t id, uint32_t dataCount, uint16_t descriptorCount) {
+    Kestrel::ipc::Message announced;
+    announced.setHeader(id, 1, 0, dataCount, descriptorCount);
+    const auto [bytes, size] = announced.header();
+    return writeRecord(socketFd, bytes, size, {}) == static_cast<ssize_t>(size);
 }
 
 FileDescriptor memoryFile(const std::string& contents) {

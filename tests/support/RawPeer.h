@@ -40,6 +40,11 @@ RawRecord readRecord(int socketFd, size_t dataRoom = 4096, size_t fdRoom = 16, i
 ssize_t writeRecord(int socketFd, const void* data, size_t size, const std::vector<int>& fds,
                     bool withRights = true);
 
+// Sends, as writeRecord does, the header record of a message announcing
+// `dataCount` data bytes and `descriptorCount` descriptors, and nothing after
+// it. True when the whole header went.
+bool writeHeaderRecord(int socketFd, uint32_t id, uint32_t dataCount, uint16_t descriptorCount);
+
 // A new anonymous file holding `contents`, to be sent as a descriptor and
 // recognised afterwards (sameFile, or by its contents).
 FileDescriptor memoryFile(const std::string& contents = "");

@@ -47,10 +47,7 @@ class SocketPairFixture : public ::testing::Test {
     // Writes, as the peer, a header record announcing `dataCount` bytes and
     // `descriptorCount` descriptors.
     void announce(uint32_t dataCount, uint16_t descriptorCount) {
-        Kestrel::ipc::Message announced;
-        announced.setHeader(1, 2, 0, dataCount, descriptorCount);
-        const auto [bytes, size] = announced.header();
-        ASSERT_EQ(writeRecord(peer.get(), bytes, size, {}), static_cast<ssize_t>(size));
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, dataCount, descriptorCount));
     }
 
     DescriptorLeakCheck leaks;

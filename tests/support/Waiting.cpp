@@ -1,5 +1,7 @@
 #include "support/Waiting.h"
 
+#include <gtest/gtest.h>
+
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +18,18 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+void expectExitWakesExactly(const std::atomic<int>& returned, int declared,
+                            const std::function<void()>& notify,
+                            const std::function<void()>& requestExit) {
+    notify();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(returned.load(), 0) << "woken by a notify";
+    requestExit();
+    EXPECT_TRUE(waitUntil([&] { return returned.load() == declared; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(returned.load(), declared) << "a surplus waiter woken at exit";
 }
 
 struct Watchdog::State {

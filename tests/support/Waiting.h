@@ -2,6 +2,7 @@
 // stalling CI.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -13,6 +14,14 @@ using namespace std::chrono_literals;
 
 // Polls `condition` every millisecond until it holds; false after `timeout`.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s);
+
+// For a container whose blocked waiters count themselves in `returned` as
+// they leave: `notify` (a wake-up without a unit) must free none of them and
+// `requestExit` exactly `declared`, any surplus waiter staying blocked. Each
+// check waits 50 ms first, to give a wrong wake-up the time to show.
+void expectExitWakesExactly(const std::atomic<int>& returned, int declared,
+                            const std::function<void()>& notify,
+                            const std::function<void()>& requestExit);
 
 // Aborts the whole test process, naming `what`, unless disarmed (destroyed)
 // within `limit`. Put one around any step that could block forever.
