@@ -100,41 +100,6 @@ CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>
     return buffer;
 }
 
-// A server that answers with its own values and keeps the ids it was given.
-class RecordingServer : public IPCServer {
-  public:
-    int registerBuffer(const std::vector<CameraAlgorithmBuffer>& buffers) override {
-        mIds.clear();
-        for (const CameraAlgorithmBuffer& buffer : buffers) {
-            mIds.push_back(buffer.bufferId);
-        }
-        return 10;
-    }
-    int deregisterBuffer(const std::vector<uint32_t>& bufferIds) override {
-        mIds = bufferIds;
-        return 20;
-    }
-    int handleRequest(const CameraAlgorithmRequest& request) override {
-        mIds = {request.requestId};
-        return 30;
-    }
-
-    std::vector<uint32_t> mIds;
-};
-
-TEST(IPCEndpointsTest, CallTableForwardsToTheOverridesOfTheServerItCameFrom) {
-    RecordingServer server;
-    const CameraAlgorithmOps ops = server.getCameraAlgorithmOps();
-    EXPECT_EQ(ops.registerBuffer({bufferOf(4), bufferOf(9)}), 10);
-    EXPECT_EQ(server.mIds, (std::vector<uint32_t>{4, 9}));
-    EXPECT_EQ(ops.deregisterBuffer({6}), 20);
-    EXPECT_EQ(server.mIds, (std::vector<uint32_t>{6}));
-    CameraAlgorithmRequest request;
-    request.requestId = 77;
-    EXPECT_EQ(ops.handleRequest(request), 30);
-    EXPECT_EQ(server.mIds, (std::vector<uint32_t>{77}));
-}
-
 // A shared-memory file holding `values` as 32-bit integers.
 FileDescriptor planeOf(const std::vector<int32_t>& values) {
     return memoryFile(std::string(reinterpret_cast<const char*>(values.data()),

@@ -1,19 +1,15 @@
 // Poller: registration order and overwriting, removal, the wait (readiness,
-// time-out, failure, unlimited wait, restart after a signal), the errno
-// conventions of an empty result, copying and concurrent use.
+// time-out, failure, unlimited wait) and the errno conventions of an empty
+// result.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/Poller.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -148,75 +144,6 @@ TEST_F(PollerTest, ZeroTimeout_WaitsUntilTheDescriptorIsReady) {
     pipe.signal();
     EXPECT_EQ(waiting.get(), (Events{{pipe.readEnd.get(), POLLIN}}));
     EXPECT_EQ(poller.registeredPollEvents().size(), 2u);
-}
-
-std::atomic<int> sSignals{0};
-void onSignal(int) { sSignals.fetch_add(1); }
-
-TEST_F(PollerTest, SignalDuringTheWait_RestartsItWithTheFullTimeout) {
-    if (!debugLogged()) {
-        GTEST_SKIP() << "the restart is observed through the debug line";
-    }
-    struct sigaction action {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous {};
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
-
-    Pipe pipe;
-    poller.registerPollEvent(pipe.readEnd.get(), POLLIN);
-    const std::string line = "[poll] pollfds size(1) timeout sec(60) nsec(0)";
-    Watchdog watchdog("interrupted poll", 30s);
-    std::promise<pthread_t> started;
-    auto waiting = std::async(std::launch::async, [&] {
-        started.set_value(pthread_self());
-        return poller.poll(60000ms);
-    });
-    const pthread_t waiter = started.get_future().get();
-    ASSERT_TRUE(capture.waitFor(line, 1));
-    // A signal sent before the thread enters ppoll interrupts nothing: repeat
-    // until the wait has visibly started over.
-    bool restarted = false;
-    for (int attempt = 0; attempt < 500 && !restarted; ++attempt) {
-        ASSERT_EQ(pthread_kill(waiter, SIGUSR1), 0);
-        restarted = capture.waitFor(line, 2, 10ms);
-    }
-    ASSERT_TRUE(restarted);
-    EXPECT_EQ(waiting.wait_for(0ms), std::future_status::timeout);
-    pipe.signal();
-    EXPECT_EQ(waiting.get(), (Events{{pipe.readEnd.get(), POLLIN}}));
-    EXPECT_GE(sSignals.load(), 1);
-    EXPECT_EQ(capture.countContaining("ppoll() failed"), 0u);
-    sigaction(SIGUSR1, &previous, nullptr);
-}
-
-TEST_F(PollerTest, CopiesAreIndependentAndCrossedAssignmentsDoNotDeadlock) {
-    poller.registerPollEvent(3, POLLIN);
-    Poller copy(poller);
-    Poller assigned;
-    assigned.registerPollEvent(9, POLLOUT);
-    assigned = poller;
-    poller.registerPollEvent(4, POLLOUT);
-    EXPECT_EQ(copy.registeredPollEvents(), (Events{{3, POLLIN}}));
-    EXPECT_EQ(assigned.registeredPollEvents(), (Events{{3, POLLIN}}));
-    const Poller& self = assigned;
-    assigned = self;
-    EXPECT_EQ(assigned.registeredPollEvents(), (Events{{3, POLLIN}}));
-
-    // Many short assignments crossing each other: taking the two locks one
-    // after the other would sooner or later deadlock here.
-    Watchdog watchdog("crossed assignments", 30s);
-    std::thread first([&] {
-        for (int i = 0; i < 50000; ++i) {
-            copy = assigned;
-        }
-    });
-    for (int i = 0; i < 50000; ++i) {
-        assigned = copy;
-        assigned.registerPollEvent(5, POLLIN);
-    }
-    first.join();
-    EXPECT_FALSE(copy.registeredPollEvents().empty());
 }
 
 }  // namespace

@@ -1,28 +1,21 @@
 // Thread and ThreadData: the main-thread rules, per-thread records and loops,
-// join on destruction, the deliberate move semantics, and the exception when
-// no thread can be created.
+// join on destruction and the deliberate move semantics.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
 #include <ipc/utils/Thread.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
-#include <cerrno>
-#include <fstream>
 #include <future>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
-#include "support/RawPeer.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -191,48 +184,6 @@ TEST_F(ThreadTest, MoveTakesTheRunnableButNotTheRunningThread) {
     Thread target(new FunctionRunnable([] {}, &destroyed), true);
     target = Thread(new FunctionRunnable([] {}), true);
     EXPECT_EQ(destroyed, 2);  // the replaced runnable went
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VELACAM_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VELACAM_SANITIZED 1
-#endif
-#endif
-
-TEST_F(ThreadTest, StartThrowsSystemErrorWhenNoThreadCanBeCreated) {
-#ifdef VELACAM_SANITIZED
-    GTEST_SKIP() << "the sanitizer runtime dies on a failed allocation of its own first";
-#endif
-    // A child limits its address space to what it uses now plus 2 MiB, too
-    // little for a new thread's stack. An emulator may accept the limit and
-    // ignore it: a 64 MiB mapping that still succeeds shows it (77).
-    const int result = waitPeer(forkPeer([] {
-        std::ifstream statm("/proc/self/statm");
-        unsigned long pages = 0;
-        statm >> pages;
-        const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
-        const rlimit value{limit, limit};
-        if (setrlimit(RLIMIT_AS, &value) != 0 ||
-            mmap(nullptr, 64u << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) !=
-                    MAP_FAILED) {
-            return 77;
-        }
-        Thread thread(new FunctionRunnable([] {}), true);
-        try {
-            thread.start();
-        } catch (const std::system_error& error) {
-            const std::string what = error.what();
-            const bool named = what.find("thread constructor failed") != std::string::npos;
-            return named && error.code().value() == EAGAIN ? 0 : 2;
-        }
-        return 3;
-    }));
-    if (result == 77) {
-        GTEST_SKIP() << "the address-space limit is not enforced here (emulated run)";
-    }
-    EXPECT_EQ(result, 0);
 }
 
 using ThreadDeathTest = ThreadTest;

@@ -1,8 +1,8 @@
 // Peers across a real process boundary: answering while signals without
-// SA_RESTART interrupt both sides, killed mid-conversation, gone between the
-// two records of a message, or alive but out of descriptor numbers. The
-// owner hears of a hang-up once through the reactor's listener, the loop then
-// blocks again, and nothing is left open.
+// SA_RESTART interrupt both sides, killed mid-conversation, or alive but out
+// of descriptor numbers. The owner hears of a hang-up once through the
+// reactor's listener, the loop then blocks again, and nothing is left open.
+// (A peer gone between the two records of a message is in the stress suite.)
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -165,65 +165,6 @@ TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoo
     std::snprintf(failure, sizeof(failure), "fd(%d): output event failed: ", socketFd);
     EXPECT_EQ(capture.countContaining(failure), 1u);
     EXPECT_EQ(capture.countContaining("hand up"), 1u);
-}
-
-// The peer sends the header record of a message, waits for the word to go,
-// and exits without sending the payload record.
-TEST_F(DyingPeerTest, PeerGoneBetweenHeaderAndPayload_EndsTheReceiveAndIsNoticedOnce) {
-    for (const uint16_t fdCount : {uint16_t{1}, uint16_t{0}}) {
-        SCOPED_TRACE(fdCount);
-        DefaultReactor perRun;  // exit is permanent: one reactor per round
-        SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-        ASSERT_GE(pair.first.get(), 0);
-        int go[2];
-        ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
-        FileDescriptor goRead(go[0], 0);
-        const FileDescriptor goWrite(go[1], 0);
-        const pid_t child = forkPeer([&] {
-            pair.first = FileDescriptor();
-            if (!writeHeaderRecord(pair.second.get(), 7, 3, fdCount)) {
-                return 1;
-            }
-            char word = 0;
-            return read(goRead.get(), &word, 1) == 1 ? 0 : 2;
-        });
-        pair.second = FileDescriptor();
-        goRead = FileDescriptor();
-
-        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-        Message received;
-        int result = 1;
-        int calls = 0;
-        int notices = 0;
-        socket->setRunnable(std::make_shared<FunctionRunnable>([&, end = socket.get()] {
-            ++calls;
-            // Let the peer go; it may close before or during the payload read.
-            EXPECT_EQ(write(goWrite.get(), "g", 1), 1);
-            result = end->receiveMessage(&received);
-        }));
-        perRun.setHangUpListener([&](int fd, short, std::shared_ptr<EventHandler>) {
-            ++notices;
-            EXPECT_TRUE(perRun.removeEventHandlerByFd(fd));
-            perRun.requestExit();
-        });
-        ASSERT_TRUE(perRun.registerEventHandler(socket));
-        perRun.loop(0ms);
-        EXPECT_EQ(waitPeer(child), 0);
-
-        EXPECT_EQ(calls, 1);
-        EXPECT_EQ(notices, 1);
-        EXPECT_EQ(received.id(), 7u);
-        if (fdCount != 0) {
-            EXPECT_EQ(result, -ENODATA);
-            EXPECT_TRUE(received.payload().data.empty());  // the old, empty payload
-        } else {
-            // End of stream is not told apart from an empty record: the
-            // announced data bytes stay zero.
-            EXPECT_EQ(result, 0);
-            EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{0, 0, 0}));
-        }
-    }
-    EXPECT_EQ(capture.countContaining("receive file descriptors and message failed"), 1u);
 }
 
 // Lowers this process's open-file limit so that exactly `free` descriptor
