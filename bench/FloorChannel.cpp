@@ -1,5 +1,6 @@
-// The floor's channel: a raw socket pair and a forked server running
-// RawFloor::serveEcho.
+// The floors' channel: a raw socket pair and a forked server running
+// RawFloor's serveEcho (two calls per record pair) or BatchedFloor's
+// serveEchoBatched (one call per record pair).
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "BatchedFloor.h"
 #include "ForkedPeer.h"
 #include "RawFloor.h"
 #include "RoundTripChannel.h"
@@ -23,17 +25,24 @@ bool makeSocketPair(int pair[2]) {
         setsockopt(pair[i], SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
         setsockopt(pair[i], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
     }
-    return true;
+    if (socketHolds(pair[0], kLargestRecord) && socketHolds(pair[1], kLargestRecord)) {
+        return true;
+    }
+    close(pair[0]);
+    close(pair[1]);
+    return false;
 }
 
 class FloorChannel : public RoundTripChannel {
   public:
-    FloorChannel(int client, std::unique_ptr<ForkedPeer> server, const RoundTripShape& shape)
+    FloorChannel(int client, std::unique_ptr<ForkedPeer> server, const RoundTripShape& shape,
+                 FloorCalls calls)
         : mClient(client),
           mServer(std::move(server)),
+          mCalls(calls),
           mSent(shape.fds),
           mData(shape.payload, 0x5a),
-          mReply(raw::kMaxData) {
+          mReply(shape.payload) {
         raw::packHeader(
                 {7, 1, 0, static_cast<uint32_t>(shape.payload), static_cast<uint16_t>(shape.fds)},
                 mHeader);
@@ -44,6 +53,10 @@ class FloorChannel : public RoundTripChannel {
     }
 
     bool roundTrip() override {
+        if (mCalls == FloorCalls::kBatched) {
+            return raw::roundTripBatched(mClient, mHeader, mData.data(), mData.size(),
+                                         mSent.fds().data(), mSent.fds().size(), mReply.data());
+        }
         return raw::roundTrip(mClient, mHeader, mData.data(), mData.size(), mSent.fds().data(),
                               mSent.fds().size(), mReply.data());
     }
@@ -54,16 +67,22 @@ class FloorChannel : public RoundTripChannel {
         }
         uint8_t stop[raw::kHeaderSize];
         raw::packHeader({0, raw::kStopType, 0, 0, 0}, stop);
-        // The server ends on the header alone.
-        const bool sent = raw::sendRecord(mClient, stop, sizeof(stop), nullptr, 0);
+        // The two-call server ends on the header alone, the batched one on
+        // the header with an empty data record.
+        const bool sent = mCalls == FloorCalls::kBatched
+                                  ? raw::sendPair(mClient, stop, nullptr, 0, nullptr, 0)
+                                  : raw::sendRecord(mClient, stop, sizeof(stop), nullptr, 0);
         const bool joined = mServer->join();
         mServer.reset();
         return sent && joined;
     }
 
+    long serverFaults() const override { return mServer ? mServer->minorFaults() : -1; }
+
   private:
     int mClient;
     std::unique_ptr<ForkedPeer> mServer;
+    FloorCalls mCalls;
     SentDescriptors mSent;
     std::vector<uint8_t> mData;
     std::vector<uint8_t> mReply;
@@ -72,17 +91,24 @@ class FloorChannel : public RoundTripChannel {
 
 }  // namespace
 
-std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape) {
+std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape,
+                                                   FloorCalls calls) {
     int pair[2];
     if (!makeSocketPair(pair)) {
         return nullptr;
     }
     const size_t idleCount = shape.idle;
+    const size_t payload = shape.payload;
+    const size_t fds = shape.fds;
     auto server = std::make_unique<ForkedPeer>([&] {
         close(pair[0]);
         IdleSockets idle(idleCount);
         if (!idle.ok()) {
             return 1;
+        }
+        if (calls == FloorCalls::kBatched) {
+            return raw::serveEchoBatched(pair[1], idle.watched().data(), idle.watched().size(),
+                                         payload, fds);
         }
         return raw::serveEcho(pair[1], idle.watched().data(), idle.watched().size());
     });
@@ -91,7 +117,7 @@ std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape) 
         close(pair[0]);
         return nullptr;
     }
-    return std::make_unique<FloorChannel>(pair[0], std::move(server), shape);
+    return std::make_unique<FloorChannel>(pair[0], std::move(server), shape, calls);
 }
 
 }  // namespace velacam::bench

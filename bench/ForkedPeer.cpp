@@ -7,6 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
 
 namespace velacam::bench {
 
@@ -53,6 +56,30 @@ bool ForkedPeer::join() {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return exited && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+long ForkedPeer::minorFaults() const {
+    if (mPid <= 0) {
+        return -1;
+    }
+    const std::string path = "/proc/" + std::to_string(mPid) + "/stat";
+    FILE* file = std::fopen(path.c_str(), "re");
+    if (file == nullptr) {
+        return -1;
+    }
+    char line[1024];
+    const bool read = std::fgets(line, sizeof(line), file) != nullptr;
+    std::fclose(file);
+    // The command name (field 2) is in parentheses and may hold spaces; the
+    // fields after it are state, ppid, pgrp, session, tty_nr, tpgid, flags,
+    // then minflt.
+    const char* end = read ? std::strrchr(line, ')') : nullptr;
+    long faults = -1;
+    if (end == nullptr ||
+        std::sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %*u %ld", &faults) != 1) {
+        return -1;
+    }
+    return faults;
 }
 
 }  // namespace velacam::bench

@@ -29,6 +29,10 @@ class ForkedPeer {
     // Waits for the child; true when it exited with status 0 in time.
     bool join();
 
+    // The child's minor page faults so far (from /proc/PID/stat), or -1 when
+    // it is not running or cannot be read.
+    long minorFaults() const;
+
   private:
     pid_t mPid = -1;
 };

@@ -4,7 +4,8 @@
 // SocketEventHandler's runnable reads the request with receiveMessage, sends
 // it back with sendMessage and hands it to the default MessageHandler, which
 // closes the descriptors that came with it. The client disposes of the reply
-// the same way.
+// the same way. For large messages both sides also read the data they
+// received with payload(), the one copy a user of the message makes.
 #include <ipc/DefaultReactor.h>
 #include <ipc/EventHandler.h>
 #include <ipc/Message.h>
@@ -40,13 +41,23 @@ using Kestrel::Utils::ULog::ULogger;
 
 constexpr uint32_t kHostDetailsLevel = 5;
 
+// What a user of a received message does to get at its data: one unpacked
+// copy.
+void readPayload(const Message& message) {
+    const Message::Payload payload = message.payload();
+    benchmark::DoNotOptimize(payload.data.data());
+}
+
 // The server's work when its socket is readable: one request in, the same
 // message back out.
 class EchoRunnable : public Kestrel::ipc::utils::Runnable {
   public:
     EchoRunnable(SocketEventHandler& socket, DefaultReactor& reactor,
-                 std::shared_ptr<MessageHandler> disposer)
-        : mSocket(socket), mReactor(reactor), mDisposer(std::move(disposer)) {}
+                 std::shared_ptr<MessageHandler> disposer, bool readsPayload)
+        : mSocket(socket),
+          mReactor(reactor),
+          mDisposer(std::move(disposer)),
+          mReadsPayload(readsPayload) {}
 
     void run() override {
         Message request(mDisposer);
@@ -57,6 +68,9 @@ class EchoRunnable : public Kestrel::ipc::utils::Runnable {
         if (request.type() == raw::kStopType) {
             finish(true);
             return;
+        }
+        if (mReadsPayload) {
+            readPayload(request);
         }
         const bool sent = mSocket.sendMessage(request) == 0;
         mDisposer->handleMessage(request);
@@ -76,10 +90,11 @@ class EchoRunnable : public Kestrel::ipc::utils::Runnable {
     SocketEventHandler& mSocket;
     DefaultReactor& mReactor;
     std::shared_ptr<MessageHandler> mDisposer;
+    bool mReadsPayload;
     bool mSucceeded = false;
 };
 
-int serveWithReactor(FileDescriptor&& end, size_t idleCount) {
+int serveWithReactor(FileDescriptor&& end, size_t idleCount, bool readsPayload) {
     IdleSockets idle(idleCount);
     if (!idle.ok()) {
         return 1;
@@ -94,8 +109,8 @@ int serveWithReactor(FileDescriptor&& end, size_t idleCount) {
         }
     }
     auto served = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-    auto echo =
-            std::make_shared<EchoRunnable>(*served, reactor, std::make_shared<MessageHandler>());
+    auto echo = std::make_shared<EchoRunnable>(*served, reactor,
+                                               std::make_shared<MessageHandler>(), readsPayload);
     served->setRunnable(echo);
     if (!reactor.registerEventHandler(served)) {
         return 1;
@@ -107,12 +122,12 @@ int serveWithReactor(FileDescriptor&& end, size_t idleCount) {
 class LibraryChannel : public RoundTripChannel {
   public:
     LibraryChannel(FileDescriptor&& end, std::unique_ptr<ForkedPeer> server,
-                   const RoundTripShape& shape, bool hostLogging)
+                   const RoundTripShape& shape, LibraryUse use)
         : mServer(std::move(server)),
           mDisposer(std::make_shared<MessageHandler>()),
           mSent(shape.fds),
           mRequest(mDisposer),
-          mHostLogging(hostLogging) {
+          mUse(use) {
         mClient.bind(std::move(end));
         mRequest.setHeader(7, 1, 0, static_cast<uint32_t>(shape.payload),
                            static_cast<uint16_t>(shape.fds));
@@ -125,7 +140,7 @@ class LibraryChannel : public RoundTripChannel {
 
     bool roundTrip() override {
         const uint32_t level = ULogger::sDetailsLevel;
-        if (mHostLogging) {
+        if (mUse.hostLogging) {
             ULogger::sDetailsLevel = kHostDetailsLevel;
         }
         const bool ok = exchange();
@@ -145,6 +160,8 @@ class LibraryChannel : public RoundTripChannel {
         return sent && joined;
     }
 
+    long serverFaults() const override { return mServer ? mServer->minorFaults() : -1; }
+
   private:
     bool exchange() {
         if (mClient.send(mRequest) != 0) {
@@ -155,6 +172,9 @@ class LibraryChannel : public RoundTripChannel {
             reply.fileDescriptorCount() != mRequest.fileDescriptorCount()) {
             return false;
         }
+        if (mUse.readsPayload) {
+            readPayload(reply);
+        }
         mDisposer->handleMessage(reply);
         return true;
     }
@@ -164,32 +184,33 @@ class LibraryChannel : public RoundTripChannel {
     SentDescriptors mSent;
     UnixDomainSocket mClient;
     Message mRequest;
-    bool mHostLogging;
+    LibraryUse mUse;
 };
 
 }  // namespace
 
 std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape,
-                                                     bool hostLogging) {
+                                                     LibraryUse use) {
     SocketPair pair =
             UnixDomainSocket::createPairedSocket(kSocketBufferSize, kSocketBufferSize, false);
-    if (pair.first.get() < 0) {
+    if (pair.first.get() < 0 || !socketHolds(pair.first.get(), kLargestRecord) ||
+        !socketHolds(pair.second.get(), kLargestRecord)) {
         return nullptr;
     }
     const size_t idleCount = shape.idle;
     auto server = std::make_unique<ForkedPeer>([&] {
         pair.first = FileDescriptor();
-        if (hostLogging) {
+        if (use.hostLogging) {
             ULogger::sDetailsLevel = kHostDetailsLevel;
         }
-        return serveWithReactor(std::move(pair.second), idleCount);
+        return serveWithReactor(std::move(pair.second), idleCount, use.readsPayload);
     });
     pair.second = FileDescriptor();
     if (!server->started()) {
         return nullptr;
     }
     return std::make_unique<LibraryChannel>(std::move(pair.first), std::move(server), shape,
-                                            hostLogging);
+                                            use);
 }
 
 }  // namespace velacam::bench

@@ -1,13 +1,11 @@
 #include "RawFloor.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 namespace velacam::bench::raw {
 
@@ -16,13 +14,13 @@ namespace {
 // The largest control buffer a record can need.
 constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
 
+}  // namespace
+
 void closeAll(const int* fds, int count) {
     for (int i = 0; i < count; ++i) {
         close(fds[i]);
     }
 }
-
-}  // namespace
 
 void packHeader(const Header& header, uint8_t* bytes) {
     std::memset(bytes, 0, kHeaderSize);
@@ -129,35 +127,37 @@ bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t da
     return static_cast<size_t>(received) == fdCount;
 }
 
+ServerWait::ServerWait(int socket, const int* idle, size_t idleCount) {
+    mWatched.reserve(idleCount + 1);
+    for (size_t i = 0; i < idleCount; ++i) {
+        mWatched.push_back({idle[i], POLLIN, 0});
+    }
+    mWatched.push_back({socket, POLLIN, 0});
+    std::sort(mWatched.begin(), mWatched.end(),
+              [](const pollfd& a, const pollfd& b) { return a.fd < b.fd; });
+    for (size_t i = 0; i < mWatched.size(); ++i) {
+        if (mWatched[i].fd == socket) {
+            mServed = i;
+        }
+    }
+}
+
+bool ServerWait::wait() {
+    while (ppoll(mWatched.data(), mWatched.size(), nullptr, nullptr) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return (mWatched[mServed].revents & POLLIN) != 0;
+}
+
 int serveEcho(int socket, const int* idle, size_t idleCount) {
     uint8_t header[kHeaderSize];
     static uint8_t data[kMaxData];
     int fds[kMaxFds];
-    std::vector<pollfd> watched;
-    watched.reserve(idleCount + 1);
-    for (size_t i = 0; i < idleCount; ++i) {
-        watched.push_back({idle[i], POLLIN, 0});
-    }
-    watched.push_back({socket, POLLIN, 0});
-    // In ascending descriptor order, as the reactor polls its handlers: the
-    // kernel stops queueing waiters once it meets a ready descriptor, so the
-    // order changes what a wait costs.
-    std::sort(watched.begin(), watched.end(),
-              [](const pollfd& a, const pollfd& b) { return a.fd < b.fd; });
-    pollfd* served = nullptr;
-    for (pollfd& entry : watched) {
-        if (entry.fd == socket) {
-            served = &entry;
-        }
-    }
+    ServerWait waiter(socket, idle, idleCount);
     while (true) {
-        if (ppoll(watched.data(), watched.size(), nullptr, nullptr) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return 1;
-        }
-        if ((served->revents & POLLIN) == 0) {
+        if (!waiter.wait()) {
             return 1;
         }
         if (receiveRecord(socket, header, kHeaderSize, nullptr, 0) < 0) {

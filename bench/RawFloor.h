@@ -6,18 +6,23 @@
 // message, then the data with the descriptors as SCM_RIGHTS. The serving side
 // waits with one ppoll() per message, reads both records, sends both back
 // (the reply is the request echoed, descriptors included) and closes the
-// descriptors it received. Nothing here allocates or logs.
+// descriptors it received. Nothing here allocates or logs once the server
+// waits. BatchedFloor.h moves the same records with one call each way.
 // Thread: one thread per socket end. Failure: false (or a negative value).
 #pragma once
 
+#include <poll.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace velacam::bench::raw {
 
 inline constexpr size_t kHeaderSize = 24;
 inline constexpr size_t kMaxFds = 16;
-inline constexpr size_t kMaxData = 4096;
+// The largest data record the benchmarks send (the 256 KiB case).
+inline constexpr size_t kMaxData = 262144;
 // A header of this type asks the serving side to end.
 inline constexpr uint32_t kStopType = 0x53544f50;
 
@@ -40,6 +45,9 @@ bool sendRecord(int socket, const void* data, size_t size, const int* fds, size_
 // descriptors; returns the number received, or -1.
 int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount);
 
+// Closes the `count` descriptors of `fds`.
+void closeAll(const int* fds, int count);
+
 // Client side of one round trip: sends the request (header, then data with
 // `fds`), then receives the reply into `replyData` and closes the descriptors
 // that came back. True when all four records went through.
@@ -51,5 +59,21 @@ bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t da
 // as idle handlers would be) and echoes each message back. Returns 0 on a stop header, 1 on any
 // failure.
 int serveEcho(int socket, const int* idle, size_t idleCount);
+
+// The serving side's wait: one ppoll() on the served socket and on idle
+// descriptors that are watched but never ready (as idle handlers would be),
+// in ascending descriptor order as the reactor polls its handlers (the kernel
+// stops queueing waiters once it meets a ready descriptor, so the order
+// changes what a wait costs).
+class ServerWait {
+  public:
+    ServerWait(int socket, const int* idle, size_t idleCount);
+    // True once the served socket is readable; false on any other outcome.
+    bool wait();
+
+  private:
+    std::vector<pollfd> mWatched;
+    size_t mServed = 0;
+};
 
 }  // namespace velacam::bench::raw

@@ -21,11 +21,30 @@ void addRoundTripCases(benchmark::internal::Benchmark* benchmark) {
     benchmark->UseRealTime();
 }
 
+void addLargeCases(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgNames({"payload", "fds", "idle", "pinned"});
+    for (int pinned : {0, 1}) {
+        for (int payload : {65536, 262144}) {
+            benchmark->Args({payload, 0, 0, pinned});
+        }
+    }
+    benchmark->UseRealTime();
+}
+
 void addPeerCases(benchmark::internal::Benchmark* benchmark) {
     benchmark->ArgNames({"payload", "fds", "idle", "pinned"});
     benchmark->Args({64, 0, 0, 0});
     benchmark->Args({64, 0, 0, 1});
     benchmark->UseRealTime();
+}
+
+bool socketHolds(int socket, size_t bytes) {
+    // A datagram's socket buffer (skb) overhead, generously.
+    constexpr size_t kRecordOverhead = 4096;
+    int granted = 0;
+    socklen_t length = sizeof(granted);
+    return getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &granted, &length) == 0 &&
+           static_cast<size_t>(granted) >= bytes + kRecordOverhead;
 }
 
 SentDescriptors::SentDescriptors(size_t count) {

@@ -16,8 +16,18 @@
 
 namespace velacam::bench {
 
-// Socket buffer sizes, both directions, for the floor and the library alike.
+// Socket buffer sizes, both directions, for the floors and the library
+// alike. The kernel doubles the value asked for (to 512 KiB here), caps the
+// request at net.core.wmem_max / rmem_max (4 MiB on these machines; only
+// SO_SNDBUFFORCE as root goes past it, which neither side uses), and refuses
+// a sequenced-packet record larger than the send buffer with EMSGSIZE.
 inline constexpr unsigned long kSocketBufferSize = 262144;
+// The largest record a case sends: the 256 KiB data record.
+inline constexpr size_t kLargestRecord = 262144;
+
+// True when `socket`'s send buffer, as the kernel granted it, takes a record
+// of `bytes` (with the kernel's per-record overhead).
+bool socketHolds(int socket, size_t bytes);
 
 struct RoundTripShape {
     explicit RoundTripShape(const benchmark::State& state)
@@ -35,6 +45,9 @@ struct RoundTripShape {
 // Registers the cases: payload 64 B and 4 KiB with 0, 1, 4 and 16
 // descriptors, then 64 B with 16 and 256 idle handlers; each free and pinned.
 void addRoundTripCases(benchmark::internal::Benchmark* benchmark);
+// Registers the large-message cases: 64 KiB and 256 KiB without
+// descriptors, free and pinned.
+void addLargeCases(benchmark::internal::Benchmark* benchmark);
 // Registers the one case a peer is compared on: 64 B, no descriptors, no idle
 // handlers; free and pinned.
 void addPeerCases(benchmark::internal::Benchmark* benchmark);

@@ -1,11 +1,16 @@
-// Round trips across two processes, the library against the raw system-call
-// floor, measured in pairs (RoundTripChannel): every shape of
-// RoundTripSetup, free and pinned to one CPU, with logging as on a device;
-// and once with the host's default logging (standard error sent to
-// /dev/null for the run).
+// Round trips across two processes, the library against the two raw
+// system-call floors (a call per record, and one batched call per message),
+// measured side by side (RoundTripChannel): every shape of RoundTripSetup,
+// free and pinned to one CPU, with logging as on a device; large messages,
+// whose data both library sides read with payload(); and once with the
+// host's default logging (standard error sent to /dev/null for the run),
+// against the per-record floor only. The 64-byte case without descriptors
+// or idle handlers records its single round trips for the latency chart.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "CpuPinning.h"
 #include "RoundTripChannel.h"
@@ -37,30 +42,59 @@ class QuietStderr {
     int mSaved;
 };
 
-void runAgainstFloor(benchmark::State& state, bool hostLogging) {
+// The library against both floors: counters ours_*, reference_* (the
+// per-record floor, "ratio") and batched_* ("ratio_batched").
+void runAgainstFloors(benchmark::State& state, LibraryUse use) {
     const RoundTripShape shape(state);
     CpuPinning pinning(shape.pinned);
     if (!pinning.ok()) {
         state.SkipWithError("cannot pin to one CPU");
         return;
     }
-    const auto library = makeLibraryChannel(shape, hostLogging);
-    const auto floor = makeFloorChannel(shape);
+    const auto library = makeLibraryChannel(shape, use);
+    const auto floor = makeFloorChannel(shape, FloorCalls::kPerRecord);
+    const auto batched = makeFloorChannel(shape, FloorCalls::kBatched);
+    if (!library || !floor || !batched) {
+        state.SkipWithError("cannot set up the channels (socket buffers too small?)");
+        return;
+    }
+    const bool charted = shape.payload == 64 && shape.fds == 0 && shape.idle == 0;
+    const std::string label =
+            charted ? "round trip 64 B/pinned:" + std::to_string(shape.pinned ? 1 : 0) : "";
+    runInterleaved(state,
+                   {{"ours", library.get()}, {"reference", floor.get()}, {"batched", batched.get()}},
+                   label);
+}
+
+void Library_vs_Floor(benchmark::State& state) { runAgainstFloors(state, {}); }
+
+void LargeMessage_vs_Floor(benchmark::State& state) {
+    LibraryUse use;
+    use.readsPayload = true;
+    runAgainstFloors(state, use);
+}
+
+void LibraryHostLogging_vs_Floor(benchmark::State& state) {
+    QuietStderr quiet;
+    const RoundTripShape shape(state);
+    CpuPinning pinning(shape.pinned);
+    if (!pinning.ok()) {
+        state.SkipWithError("cannot pin to one CPU");
+        return;
+    }
+    LibraryUse use;
+    use.hostLogging = true;
+    const auto library = makeLibraryChannel(shape, use);
+    const auto floor = makeFloorChannel(shape, FloorCalls::kPerRecord);
     if (!library || !floor) {
         state.SkipWithError("cannot set up the channels");
         return;
     }
-    runPaired(state, *library, *floor);
-}
-
-void Library_vs_Floor(benchmark::State& state) { runAgainstFloor(state, false); }
-
-void LibraryHostLogging_vs_Floor(benchmark::State& state) {
-    QuietStderr quiet;
-    runAgainstFloor(state, true);
+    runPaired(state, *library, *floor, "");
 }
 
 BENCHMARK(Library_vs_Floor)->Apply(addRoundTripCases);
+BENCHMARK(LargeMessage_vs_Floor)->Apply(addLargeCases);
 BENCHMARK(LibraryHostLogging_vs_Floor)->Apply(addPeerCases);
 
 }  // namespace

@@ -106,6 +106,8 @@ class ZmqChannel : public RoundTripChannel {
         return stopped && joined;
     }
 
+    long serverFaults() const override { return mServer ? mServer->minorFaults() : -1; }
+
   private:
     std::string mPath;
     std::unique_ptr<ForkedPeer> mServer;
@@ -136,13 +138,13 @@ void Library_vs_ZeroMQ(benchmark::State& state) {
         return;
     }
     // The library's server is forked first, before ZeroMQ starts its threads.
-    const auto library = makeLibraryChannel(shape, false);
+    const auto library = makeLibraryChannel(shape, {});
     const auto zmq = makeZmqChannel(shape);
     if (!library || !zmq) {
         state.SkipWithError("cannot set up the channels");
         return;
     }
-    runPaired(state, *library, *zmq);
+    runPaired(state, *library, *zmq, "ZeroMQ 64 B/pinned:" + std::to_string(shape.pinned ? 1 : 0));
 }
 
 BENCHMARK(Library_vs_ZeroMQ)->Apply(addPeerCases);

@@ -1,0 +1,167 @@
+#include "BatchedFloor.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "RawFloor.h"
+
+namespace velacam::bench::raw {
+
+namespace {
+
+constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
+
+// The two records of one message as an mmsghdr array: header record first,
+// data record second, each with its own control buffer.
+class RecordPair {
+  public:
+    RecordPair(const uint8_t* header, const void* data, size_t dataSize, size_t fdCount) {
+        std::memset(mMessages, 0, sizeof(mMessages));
+        mVectors[0] = {const_cast<uint8_t*>(header), kHeaderSize};
+        mVectors[1] = {const_cast<void*>(data), dataSize};
+        const size_t spaces[2] = {CMSG_SPACE(0), CMSG_SPACE(sizeof(int) * fdCount)};
+        for (int i = 0; i < 2; ++i) {
+            std::memset(mControl[i], 0, spaces[i]);
+            msghdr& header = mMessages[i].msg_hdr;
+            header.msg_iov = &mVectors[i];
+            header.msg_iovlen = 1;
+            header.msg_control = mControl[i];
+            header.msg_controllen = spaces[i];
+        }
+    }
+
+    // Fills the control messages for sending: none in the header record,
+    // `fds` in the data record.
+    void attach(const int* fds, size_t fdCount) {
+        for (int i = 0; i < 2; ++i) {
+            const size_t fdBytes = i == 0 ? 0 : sizeof(int) * fdCount;
+            cmsghdr* cmsg = CMSG_FIRSTHDR(&mMessages[i].msg_hdr);
+            cmsg->cmsg_len = CMSG_LEN(fdBytes);
+            cmsg->cmsg_level = SOL_SOCKET;
+            cmsg->cmsg_type = SCM_RIGHTS;
+            if (fdBytes != 0) {
+                std::memcpy(CMSG_DATA(cmsg), fds, fdBytes);
+            }
+        }
+    }
+
+    bool send(int socket) {
+        unsigned done = 0;
+        while (done < 2) {
+            // As the library does: a vanished peer is an error, not SIGPIPE.
+            const int sent = sendmmsg(socket, mMessages + done, 2 - done, MSG_NOSIGNAL);
+            if (sent < 0 && errno != EINTR) {
+                return false;
+            }
+            done += sent > 0 ? static_cast<unsigned>(sent) : 0;
+        }
+        return true;
+    }
+
+    bool receive(int socket) {
+        unsigned done = 0;
+        while (done < 2) {
+            const int received = recvmmsg(socket, mMessages + done, 2 - done, 0, nullptr);
+            if (received < 0 && errno != EINTR) {
+                return false;
+            }
+            if (received == 0) {
+                return false;
+            }
+            done += received > 0 ? static_cast<unsigned>(received) : 0;
+        }
+        return true;
+    }
+
+    // Bytes that arrived in the data record.
+    size_t dataReceived() const { return mMessages[1].msg_len; }
+
+    // Descriptors that arrived in the data record, into `fds` (room for
+    // `room`); any beyond are closed. Returns the number kept.
+    int takeDescriptors(int* fds, size_t room) {
+        int count = 0;
+        msghdr* header = &mMessages[1].msg_hdr;
+        for (cmsghdr* cmsg = CMSG_FIRSTHDR(header); cmsg != nullptr;
+             cmsg = CMSG_NXTHDR(header, cmsg)) {
+            if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) {
+                continue;
+            }
+            const size_t arrived = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < arrived; ++i) {
+                int fd;
+                std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
+                if (static_cast<size_t>(count) < room) {
+                    fds[count++] = fd;
+                } else {
+                    closeAll(&fd, 1);
+                }
+            }
+        }
+        return count;
+    }
+
+  private:
+    mmsghdr mMessages[2];
+    iovec mVectors[2];
+    alignas(cmsghdr) uint8_t mControl[2][kControlSpace];
+};
+
+}  // namespace
+
+bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize,
+              const int* fds, size_t fdCount) {
+    RecordPair pair(header, data, dataSize, fdCount);
+    pair.attach(fds, fdCount);
+    return pair.send(socket);
+}
+
+bool roundTripBatched(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,
+                      const int* fds, size_t fdCount, uint8_t* replyData) {
+    if (!sendPair(socket, header, data, dataSize, fds, fdCount)) {
+        return false;
+    }
+    uint8_t replyHeader[kHeaderSize];
+    RecordPair reply(replyHeader, replyData, dataSize, fdCount);
+    if (!reply.receive(socket)) {
+        return false;
+    }
+    int replyFds[kMaxFds];
+    const int received = reply.takeDescriptors(replyFds, kMaxFds);
+    closeAll(replyFds, received);
+    return static_cast<size_t>(received) == fdCount && reply.dataReceived() == dataSize;
+}
+
+int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize,
+                     size_t fdCount) {
+    if (dataSize > kMaxData || fdCount > kMaxFds) {
+        return 1;
+    }
+    uint8_t header[kHeaderSize];
+    static uint8_t data[kMaxData];
+    int fds[kMaxFds];
+    ServerWait waiter(socket, idle, idleCount);
+    while (true) {
+        if (!waiter.wait()) {
+            return 1;
+        }
+        RecordPair request(header, data, dataSize, fdCount);
+        if (!request.receive(socket)) {
+            return 1;
+        }
+        const int received = request.takeDescriptors(fds, kMaxFds);
+        if (unpackHeader(header).type == kStopType) {
+            closeAll(fds, received);
+            return 0;
+        }
+        const bool sent =
+                sendPair(socket, header, data, request.dataReceived(), fds, received);
+        closeAll(fds, received);
+        if (!sent) {
+            return 1;
+        }
+    }
+}
+
+}  // namespace velacam::bench::raw
