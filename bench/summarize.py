@@ -1,17 +1,25 @@
 #!/usr/bin/env python3
 """Summarises a velacam_bench run (Google Benchmark's JSON output).
 
-Prints one line per comparison,
-    name: ours X ns, reference Y ns, ratio R
-then the targets and whether each is met, and writes the same, with every
-benchmark's median and spread, to the summary JSON file.
+Prints a table, one row per comparison: the library ("ours"), its reference
+and their ratio; for round trips also the batched floor and the ratio to it,
+and the minor page faults per message of each side. Then the targets and
+whether each is met. Writes the same, with every benchmark's median and
+spread, to the summary JSON file.
+
+References: the per-record floor (two sendmsg and two recvmsg per message
+each way, bench/RawFloor.cpp) is "reference" of the round trips; the
+batched floor (one sendmmsg and one recvmmsg per message,
+bench/BatchedFloor.cpp) is "batched". For the queue it is a plain
+mutex + condition variable + deque queue; for the peer, ZeroMQ ipc://.
 
 Medians are taken over the repetitions of each benchmark (the per-repetition
 entries of the JSON), so a run with --benchmark_repetitions=N quotes the
-median of N. The paired benchmarks (round trips, queues) carry both sides as
-counters, ours_ns and reference_ns, each already the median of its single
-round trips or batches in that repetition. Ratios are ours / reference of
-times: below 1 is faster.
+median of N. The interleaved benchmarks (round trips, queues) carry each
+side as counters (ours_ns, reference_ns, batched_ns), each already the
+median of its single round trips or batches in that repetition, and the
+page faults per message as ours_faults, reference_faults, batched_faults.
+Ratios are ours / reference of times: below 1 is faster.
 
 usage: summarize.py RESULTS_JSON SUMMARY_JSON
 """
@@ -22,17 +30,24 @@ import sys
 
 ROUND_TRIP = "{kind}/payload:{payload}/fds:{fds}/idle:{idle}/pinned:{pinned}/real_time"
 MODES = (("free", 0), ("pinned", 1))
+SIDES = ("ours", "reference", "batched")
 
 
 def round_trip(kind, pinned, payload=64, fds=0, idle=0):
     return ROUND_TRIP.format(kind=kind, payload=payload, fds=fds, idle=idle, pinned=pinned)
 
 
+def size_name(payload):
+    if payload >= 1024:
+        return f"{payload // 1024} KiB"
+    return f"{payload} B"
+
+
 def comparisons():
     """(name, ours, reference, target) for every line of the summary.
 
     ours and reference are benchmark names, or (benchmark, side) for the
-    paired round trips, whose two sides are counters of one benchmark. A
+    interleaved benchmarks, whose sides are counters of one benchmark. A
     target is (kind, bound): "ratio<=" bounds the ratio, "ours<" bounds ours
     in ns."""
     lines = []
@@ -40,13 +55,16 @@ def comparisons():
         for payload in (64, 4096):
             for fds in (0, 1, 4, 16):
                 target = ("ratio<=", 1.15) if payload == 64 and fds in (0, 1) else None
-                size = "64 B" if payload == 64 else "4 KiB"
                 pair = round_trip("Library_vs_Floor", pinned, payload, fds)
-                lines.append((f"round trip {size}, {fds} fds ({mode})", (pair, "ours"),
-                              (pair, "reference"), target))
+                lines.append((f"round trip {size_name(payload)}, {fds} fds ({mode})",
+                              (pair, "ours"), (pair, "reference"), target))
+        for payload in (65536, 262144):
+            pair = round_trip("LargeMessage_vs_Floor", pinned, payload)
+            lines.append((f"round trip {size_name(payload)}, 0 fds, data read with payload() "
+                          f"({mode})", (pair, "ours"), (pair, "reference"), None))
         for idle in (16, 256):
             pair = round_trip("Library_vs_Floor", pinned, idle=idle)
-            lines.append((f"round trip 64 B, {idle} idle handlers, floor polling {idle} idle fds "
+            lines.append((f"round trip 64 B, {idle} idle handlers, floors polling {idle} idle fds "
                           f"({mode})", (pair, "ours"), (pair, "reference"), None))
         pair = round_trip("LibraryHostLogging_vs_Floor", pinned)
         lines.append((f"round trip 64 B, 0 fds, default host logging ({mode})", (pair, "ours"),
@@ -87,38 +105,46 @@ def per_run_ns(entry):
     return entry[clock] * TO_NS[entry["time_unit"]]
 
 
+def summarise(values):
+    median = statistics.median(values)
+    return {
+        "median_ns": median,
+        "repetitions": len(values),
+        "min_ns": min(values),
+        "max_ns": max(values),
+        # Half the min-to-max range, as a share of the median.
+        "spread": (max(values) - min(values)) / (2 * median) if median else 0.0,
+    }
+
+
 def medians(results):
     """Median over the repetitions of every figure: a benchmark's time per
-    operation, or each side of a paired round trip (run name + "#ours" /
-    "#reference", already the median of its single round trips)."""
-    samples = {}
-    ratios = {}
+    operation, or each side of an interleaved benchmark (run name + "#ours",
+    "#reference", "#batched", already the median of its single round trips),
+    with that side's page faults per message and the range of its ratio."""
+    samples, faults, ratios = {}, {}, {}
     for entry in results["benchmarks"]:
         if entry.get("run_type") != "iteration" or entry.get("error_occurred"):
             continue
         name = entry["run_name"]
-        if "ours_ns" in entry:
-            samples.setdefault(name + "#ours", []).append(entry["ours_ns"])
-            samples.setdefault(name + "#reference", []).append(entry["reference_ns"])
-            ratios.setdefault(name, []).append(entry["ratio"])
-        else:
+        if "ours_ns" not in entry:
             samples.setdefault(name, []).append(per_run_ns(entry))
-    table = {}
-    for name, values in samples.items():
-        median = statistics.median(values)
-        table[name] = {
-            "median_ns": median,
-            "repetitions": len(values),
-            "min_ns": min(values),
-            "max_ns": max(values),
-            # Half the min-to-max range, as a share of the median.
-            "spread": (max(values) - min(values)) / (2 * median) if median else 0.0,
-        }
-    # A paired benchmark's own ratio in each repetition: how far the pairing
-    # kept the comparison steady while the times themselves moved.
+            continue
+        for side in SIDES:
+            if f"{side}_ns" in entry:
+                samples.setdefault(f"{name}#{side}", []).append(entry[f"{side}_ns"])
+            if f"{side}_faults" in entry:
+                faults.setdefault(f"{name}#{side}", []).append(entry[f"{side}_faults"])
+        for side, counter in (("reference", "ratio"), ("batched", "ratio_batched")):
+            if counter in entry:
+                ratios.setdefault(f"{name}#{side}", []).append(entry[counter])
+    table = {name: summarise(values) for name, values in samples.items()}
+    for name, values in faults.items():
+        table[name]["faults_per_message"] = statistics.median(values)
+    # An interleaved benchmark's own ratio in each repetition: how far the
+    # pairing kept the comparison steady while the times themselves moved.
     for name, values in ratios.items():
-        for side in ("#ours", "#reference"):
-            table[name + side]["ratio_range"] = [min(values), max(values)]
+        table[name]["ratio_range"] = [min(values), max(values)]
     return table
 
 
@@ -142,6 +168,68 @@ def describe(target):
             "ours<": f"ours < {bound} ns"}[kind]
 
 
+def compare(table, name, ours_key, ref_key, target):
+    """One line of the summary, or a "skipped" line."""
+    ours_name, ref_name = key(ours_key), key(ref_key)
+    ours, ref = table.get(ours_name), table.get(ref_name)
+    if ours is None or ref is None:
+        return {"name": name, "skipped": ours_name if ours is None else ref_name}
+    line = {"name": name, "ours": ours_name, "reference": ref_name,
+            "ours_ns": ours["median_ns"], "reference_ns": ref["median_ns"],
+            "ratio": ours["median_ns"] / ref["median_ns"],
+            "ours_spread": ours["spread"], "reference_spread": ref["spread"]}
+    if "ratio_range" in ref:
+        line["ratio_range_over_repetitions"] = ref["ratio_range"]
+    if isinstance(ours_key, tuple):
+        batched = table.get(f"{ours_key[0]}#batched")
+        if batched is not None:
+            line["batched_ns"] = batched["median_ns"]
+            line["ratio_batched"] = ours["median_ns"] / batched["median_ns"]
+            line["ratio_batched_range_over_repetitions"] = batched.get("ratio_range")
+        faults = {side: table[f"{ours_key[0]}#{side}"]["faults_per_message"]
+                  for side in SIDES
+                  if "faults_per_message" in table.get(f"{ours_key[0]}#{side}", {})}
+        if faults:
+            line["faults_per_message"] = faults
+    if target is not None:
+        line["target"] = describe(target)
+        line["met"] = verdict(target, ours["median_ns"], ratio=line["ratio"])
+    return line
+
+
+def fmt_ns(ns):
+    if ns >= 1e6:
+        return f"{ns / 1e6:.2f} ms"
+    if ns >= 1e4:
+        return f"{ns / 1e3:.1f} us"
+    return f"{ns:.1f} ns"
+
+
+def fmt_faults(value):
+    return "-" if value is None else f"{value:.3f}"
+
+
+def print_table(lines):
+    header = ("comparison", "ours", "reference", "ratio", "batched floor", "ratio",
+              "faults per message: ours ref batched")
+    rows = []
+    for line in lines:
+        if "skipped" in line:
+            rows.append((line["name"], "skipped", "", "", "", "", ""))
+            continue
+        faults = line.get("faults_per_message", {})
+        rows.append((line["name"], fmt_ns(line["ours_ns"]), fmt_ns(line["reference_ns"]),
+                     f"{line['ratio']:.3f}",
+                     fmt_ns(line["batched_ns"]) if "batched_ns" in line else "",
+                     f"{line['ratio_batched']:.3f}" if "ratio_batched" in line else "",
+                     " ".join(fmt_faults(faults.get(side)) for side in SIDES) if faults else ""))
+    widths = [max(len(row[i]) for row in rows + [header]) for i in range(len(header))]
+    for row in [header] + rows:
+        cells = [row[0].ljust(widths[0])] + [cell.rjust(width)
+                                             for cell, width in zip(row[1:], widths[1:])]
+        print("  ".join(cells).rstrip())
+
+
 def main(argv):
     if len(argv) != 3:
         print(__doc__.strip().splitlines()[-1], file=sys.stderr)
@@ -149,33 +237,14 @@ def main(argv):
     with open(argv[1]) as handle:
         results = json.load(handle)
     table = medians(results)
-    summary = {"context": results.get("context", {}), "comparisons": [], "medians": table}
-    targets = []
-    for name, ours_key, ref_key, target in comparisons():
-        ours_name, ref_name = key(ours_key), key(ref_key)
-        ours, ref = table.get(ours_name), table.get(ref_name)
-        if ours is None or ref is None:
-            missing = ours_name if ours is None else ref_name
-            print(f"{name}: skipped ({missing} did not run)")
-            summary["comparisons"].append({"name": name, "skipped": missing})
-            continue
-        ratio = ours["median_ns"] / ref["median_ns"]
-        print(f"{name}: ours {ours['median_ns']:.1f} ns, reference {ref['median_ns']:.1f} ns, "
-              f"ratio {ratio:.3f}")
-        line = {"name": name, "ours": ours_name, "reference": ref_name,
-                "ours_ns": ours["median_ns"], "reference_ns": ref["median_ns"], "ratio": ratio,
-                "ours_spread": ours["spread"], "reference_spread": ref["spread"]}
-        if "ratio_range" in ours:
-            line["ratio_range_over_repetitions"] = ours["ratio_range"]
-        if target is not None:
-            line["target"] = describe(target)
-            line["met"] = verdict(target, ours["median_ns"], ratio)
-            targets.append(line)
-        summary["comparisons"].append(line)
+    lines = [compare(table, *comparison) for comparison in comparisons()]
+    print_table(lines)
+    targets = [line for line in lines if "target" in line]
     if targets:
         print("\ntargets:")
         for line in targets:
             print(f"  {line['name']}: {line['target']}: {'met' if line['met'] else 'MISSED'}")
+    summary = {"context": results.get("context", {}), "comparisons": lines, "medians": table}
     with open(argv[2], "w") as handle:
         json.dump(summary, handle, indent=2)
         handle.write("\n")
