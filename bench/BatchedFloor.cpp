@@ -110,8 +110,8 @@ class RecordPair {
 
 }  // namespace
 
-bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize,
-              const int* fds, size_t fdCount) {
+bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize, const int* fds,
+              size_t fdCount) {
     RecordPair pair(header, data, dataSize, fdCount);
     pair.attach(fds, fdCount);
     return pair.send(socket);
@@ -155,8 +155,7 @@ int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataS
             closeAll(fds, received);
             return 0;
         }
-        const bool sent =
-                sendPair(socket, header, data, request.dataReceived(), fds, received);
+        const bool sent = sendPair(socket, header, data, request.dataReceived(), fds, received);
         closeAll(fds, received);
         if (!sent) {
             return 1;

@@ -18,8 +18,8 @@
 namespace velacam::bench::raw {
 
 // Both records of a message with one sendmmsg(). True when both went out.
-bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize,
-              const int* fds, size_t fdCount);
+bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize, const int* fds,
+              size_t fdCount);
 
 // Client side of one round trip: sends the request with sendPair, receives
 // the reply (`dataSize` bytes into `replyData`, `fdCount` descriptors) with

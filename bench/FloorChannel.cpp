@@ -91,8 +91,7 @@ class FloorChannel : public RoundTripChannel {
 
 }  // namespace
 
-std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape,
-                                                   FloorCalls calls) {
+std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape, FloorCalls calls) {
     int pair[2];
     if (!makeSocketPair(pair)) {
         return nullptr;

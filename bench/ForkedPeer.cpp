@@ -75,8 +75,7 @@ long ForkedPeer::minorFaults() const {
     // then minflt.
     const char* end = read ? std::strrchr(line, ')') : nullptr;
     long faults = -1;
-    if (end == nullptr ||
-        std::sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %*u %ld", &faults) != 1) {
+    if (end == nullptr || std::sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %*u %ld", &faults) != 1) {
         return -1;
     }
     return faults;

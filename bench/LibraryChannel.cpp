@@ -109,8 +109,8 @@ int serveWithReactor(FileDescriptor&& end, size_t idleCount, bool readsPayload) 
         }
     }
     auto served = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-    auto echo = std::make_shared<EchoRunnable>(*served, reactor,
-                                               std::make_shared<MessageHandler>(), readsPayload);
+    auto echo = std::make_shared<EchoRunnable>(*served, reactor, std::make_shared<MessageHandler>(),
+                                               readsPayload);
     served->setRunnable(echo);
     if (!reactor.registerEventHandler(served)) {
         return 1;
@@ -189,8 +189,7 @@ class LibraryChannel : public RoundTripChannel {
 
 }  // namespace
 
-std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape,
-                                                     LibraryUse use) {
+std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape, LibraryUse use) {
     SocketPair pair =
             UnixDomainSocket::createPairedSocket(kSocketBufferSize, kSocketBufferSize, false);
     if (pair.first.get() < 0 || !socketHolds(pair.first.get(), kLargestRecord) ||
@@ -209,8 +208,7 @@ std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape
     if (!server->started()) {
         return nullptr;
     }
-    return std::make_unique<LibraryChannel>(std::move(pair.first), std::move(server), shape,
-                                            use);
+    return std::make_unique<LibraryChannel>(std::move(pair.first), std::move(server), shape, use);
 }
 
 }  // namespace velacam::bench

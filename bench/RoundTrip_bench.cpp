@@ -61,9 +61,10 @@ void runAgainstFloors(benchmark::State& state, LibraryUse use) {
     const bool charted = shape.payload == 64 && shape.fds == 0 && shape.idle == 0;
     const std::string label =
             charted ? "round trip 64 B/pinned:" + std::to_string(shape.pinned ? 1 : 0) : "";
-    runInterleaved(state,
-                   {{"ours", library.get()}, {"reference", floor.get()}, {"batched", batched.get()}},
-                   label);
+    runInterleaved(
+            state,
+            {{"ours", library.get()}, {"reference", floor.get()}, {"batched", batched.get()}},
+            label);
 }
 
 void Library_vs_Floor(benchmark::State& state) { runAgainstFloors(state, {}); }
