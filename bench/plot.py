@@ -97,7 +97,8 @@ def plot_queue(summary, out):
     axis.bar([p + width / 2 for p in positions], plain, width,
              label="plain mutex + condition variable + deque")
     for p, line in zip(positions, rows):
-        axis.annotate(f"ratio {line['ratio']:.2f}", (p, max(line["ours_ns"], line["reference_ns"])),
+        top = max(line["ours_ns"], line["reference_ns"])
+        axis.annotate(f"MessageLoop / plain: {line['ratio']:.2f}", (p, top),
                       textcoords="offset points", xytext=(0, 4), ha="center", fontsize=8)
     axis.set_xticks(list(positions))
     axis.set_xticklabels([line["name"].split(", ")[-1] for line in rows])
