@@ -18,7 +18,9 @@ namespace Kestrel::ipc::utils {
 
 class IPC_EXPORT FunctionRunnable final : public Runnable {
   public:
-    // Keeps `function`; an empty one makes run() throw std::bad_function_call.
+    // Keeps `function`. An empty one is the caller's error: run() then throws
+    // std::bad_function_call, which ends the process where nothing catches it
+    // (on a Thread or the reactor's thread).
     explicit FunctionRunnable(std::function<void()> function);
 
     // Calls the function on the calling thread and returns when it returns.
