@@ -7,6 +7,7 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -19,7 +20,6 @@
 #include <memory>
 
 #include "DemoProtocol.h"
-#include "FunctionRunnable.h"
 #include "SharedBuffer.h"
 
 namespace demo {
@@ -33,6 +33,7 @@ using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
 using Kestrel::ipc::MessageLoop;
 using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::utils::FunctionRunnable;
 using Kestrel::ipc::utils::Thread;
 
 // Runs on the loop thread: transforms the buffers of one request, replies,

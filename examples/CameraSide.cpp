@@ -8,12 +8,14 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/SocketPair.h>
 #include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Process.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -26,7 +28,7 @@
 
 #include "ChildWait.h"
 #include "DemoProtocol.h"
-#include "FunctionRunnable.h"
+#include "ProgressLine.h"
 #include "RunReport.h"
 #include "SharedBuffer.h"
 
@@ -41,6 +43,7 @@ using Kestrel::ipc::EventType;
 using Kestrel::ipc::Message;
 using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::ipc::utils::FunctionRunnable;
 using Kestrel::ipc::utils::Process;
 using Kestrel::ipc::utils::Thread;
 using Clock = std::chrono::steady_clock;
@@ -171,7 +174,7 @@ int CameraSide::run() {
         (void)reactor.registerEventHandler(socket);
 
         const auto start = Clock::now();
-        const size_t progressStep = mOptions.requests >= 10000 ? mOptions.requests / 10 : 0;
+        ProgressLine progress(mOptions.requests);
         for (uint32_t id = 1; id <= mOptions.requests; ++id) {
             if (mOptions.cameraDiesAfter && id > *mOptions.cameraDiesAfter) {
                 std::printf(
@@ -199,11 +202,16 @@ int CameraSide::run() {
                 std::optional<SharedBuffer> buffer =
                         SharedBuffer::create(mOptions.bufferBytes, id * 131 + b);
                 if (!buffer) {
-                    std::fprintf(stderr, "cannot make a shared buffer\n");
                     break;
                 }
                 payload.fds.push_back(buffer->fd());
                 buffers.push_back(std::move(*buffer));
+            }
+            if (buffers.size() != mOptions.fdsPerRequest) {
+                // Not sent: counted among the requests never sent, so the run fails.
+                std::fprintf(stderr, "camera: cannot make a shared buffer of %zu bytes: %s\n",
+                             mOptions.bufferBytes, std::strerror(errno));
+                break;
             }
             Message request;
             request.setHeader(id, kProcessBuffers, 0, 0, 0);
@@ -229,15 +237,14 @@ int CameraSide::run() {
                 break;
             }
             report.addRoundTrip(Clock::now() - sent);
+            ++report.answered;
             report.failedStatuses += status == kStatusOk ? 0 : 1;
             for (const SharedBuffer& buffer : buffers) {
                 report.buffersVerified += buffer.holdsReversedPattern() ? 1 : 0;
             }
-            if (progressStep != 0 && id % progressStep == 0) {
-                std::printf("  ... %u of %zu requests\n", id, mOptions.requests);
-                std::fflush(stdout);
-            }
+            progress.update(id);
         }
+        progress.finish();
         report.setElapsed(Clock::now() - start);
         report.neverSent = mOptions.requests - report.requests;
 

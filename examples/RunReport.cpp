@@ -24,9 +24,11 @@ double percentileMicros(std::vector<std::chrono::nanoseconds> values, double fra
 }  // namespace
 
 bool RunReport::success() const {
-    return lostRequests.empty() && neverSent == 0 && failedStatuses == 0 &&
-           buffersVerified == buffersExpected && leakedDescriptors == 0 && !algorithmKilled &&
-           algorithmStatus && WIFEXITED(*algorithmStatus) && WEXITSTATUS(*algorithmStatus) == 0;
+    // Every request made was answered, with success, and every buffer checked.
+    return requests > 0 && answered == requests && lostRequests.empty() && neverSent == 0 &&
+           failedStatuses == 0 && buffersVerified == buffersExpected && leakedDescriptors == 0 &&
+           !algorithmKilled && algorithmStatus && WIFEXITED(*algorithmStatus) &&
+           WEXITSTATUS(*algorithmStatus) == 0;
 }
 
 void RunReport::print() const {

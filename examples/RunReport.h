@@ -16,7 +16,8 @@ class RunReport {
     void addRoundTrip(std::chrono::nanoseconds latency) { mLatencies.push_back(latency); }
     void setElapsed(std::chrono::nanoseconds elapsed) { mElapsed = elapsed; }
 
-    size_t requests = 0;
+    size_t requests = 0;  // sent, or tried
+    size_t answered = 0;  // replies received in time
     size_t descriptorsPassed = 0;
     size_t buffersVerified = 0;
     size_t buffersExpected = 0;

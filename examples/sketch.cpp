@@ -6,21 +6,15 @@
 #include <ipc/MessageQueue.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 
 #include <chrono>
-#include <functional>
 #include <future>
 
 using namespace Kestrel::ipc;
-using Kestrel::ipc::utils::Runnable;
+using Kestrel::ipc::utils::FunctionRunnable;  // runs a lambda on a Thread or a handler
 using Kestrel::ipc::utils::Thread;
-
-struct Call : Runnable {  // runs a lambda on a Thread or a handler
-    std::function<void()> body;
-    explicit Call(std::function<void()> f) : body(std::move(f)) {}
-    void run() override { body(); }
-};
 
 // Serving side: answers every request with the reply flag and status 0.
 struct Answer : MessageHandler {
@@ -46,7 +40,7 @@ int main() {
 
     // A loop thread: the serving side's handler runs here.
     std::promise<MessageLoop*> loopReady;
-    Thread loopThread(new Call([&] {
+    Thread loopThread(new FunctionRunnable([&] {
                           loopReady.set_value(Thread::myMessageLoop());
                           Thread::myMessageLoop()->dispatchMessages();
                       }),
@@ -58,20 +52,21 @@ int main() {
     auto answer = std::make_shared<Answer>();
     answer->socket = server;
     CBRegistry replies(1);
-    server->setRunnable(std::make_shared<Call>([&] {
+    server->setRunnable(std::make_shared<FunctionRunnable>([&] {
         auto request = std::make_unique<Message>(answer);
         if (server->receiveMessage(request.get()) == 0) {
             loop->messageQueue().enqueueMessage(std::move(request), std::chrono::milliseconds(0));
         }
     }));
-    client->setRunnable(std::make_shared<Call>([&] {
+    client->setRunnable(std::make_shared<FunctionRunnable>([&] {
         auto reply = std::make_unique<Message>();
         if (client->receiveMessage(reply.get()) == 0) {
             replies.unRegisterCB(std::move(reply));
         }
     }));
     DefaultReactor reactor;
-    Thread reactorThread(new Call([&] { reactor.loop(std::chrono::milliseconds(0)); }), true);
+    Thread reactorThread(new FunctionRunnable([&] { reactor.loop(std::chrono::milliseconds(0)); }),
+                         true);
     reactorThread.start();
     (void)reactor.registerEventHandler(server);
     (void)reactor.registerEventHandler(client);

@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -28,6 +30,28 @@ class RecentLinesLogger : public ULogger {
 
 RecentLinesLogger sRecentLines;
 
+constexpr const char* kLevelVariable = "VELACAM_LOG_LEVEL";
+
+// Reads kLevelVariable: unset or empty means errors only; otherwise exactly
+// one digit from 1 to 5 (4 passes what 3 does). Anything else is
+// reported once on standard error and leaves errors only, so that a typing
+// mistake is seen instead of silently opening or closing the gate.
+uint32_t detailsLevelFromEnvironment() {
+    constexpr uint32_t kErrorsOnly = 1;
+    const char* value = std::getenv(kLevelVariable);
+    if (value == nullptr || value[0] == '\0') {
+        return kErrorsOnly;
+    }
+    if (std::strlen(value) == 1 && value[0] >= '1' && value[0] <= '5') {
+        return static_cast<uint32_t>(value[0] - '0');
+    }
+    std::fprintf(stderr,
+                 "%s=\"%s\" ignored: expected 1 (errors), 2 (warnings), 3 (info) or 5 "
+                 "(debug); showing errors only\n",
+                 kLevelVariable, value);
+    return kErrorsOnly;
+}
+
 }  // namespace
 
 ULogger::~ULogger() = default;
@@ -37,8 +61,19 @@ void ULogger::record(uint32_t, const char*, uint32_t, const char*, int) {}
 void ULogger::flush(int /*reason*/) { std::fflush(stderr); }
 
 uint32_t ULogger::sMode = 1;
-uint32_t ULogger::sDetailsLevel = 5;
+uint32_t ULogger::sDetailsLevel = 1;  // errors only: a correct run is quiet
 uint32_t ULogger::sNormalDetailsMask = 0xFFFFFFFFu;
 ULogger* ULogger::sULogger = &sRecentLines;
+
+namespace {
+
+// Runs while this library is loaded, before the libraries that log through it
+// are initialised; until then sDetailsLevel holds its constant default.
+[[maybe_unused]] const bool sDetailsLevelRead = [] {
+    ULogger::sDetailsLevel = detailsLevelFromEnvironment();
+    return true;
+}();
+
+}  // namespace
 
 }  // namespace Kestrel::Utils::ULog

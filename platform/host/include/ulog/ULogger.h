@@ -4,6 +4,14 @@
 // every log site without synchronisation, so set them before starting the
 // threads that log. Tests capture lines by installing their own subclass in
 // `sULogger` and setting `sMode` to 2.
+//
+// Host defaults: `sMode` 1 (standard error), `sDetailsLevel` 1 (errors only,
+// so a correct run prints nothing), every module in `sNormalDetailsMask`, and
+// a logger that keeps the last lines in memory. The environment variable
+// VELACAM_LOG_LEVEL, read once when this library is loaded, raises the level:
+// 2 warnings, 3 info, 5 debug (debug lines also need the property
+// "vendor.debug.ipc.framework.log" set to 1). Any other value is reported on
+// standard error and ignored.
 #pragma once
 
 #include <cstdint>
