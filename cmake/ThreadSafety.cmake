@@ -16,4 +16,28 @@ if(VELACAM_THREAD_SAFETY_ANALYSIS)
         message(FATAL_ERROR "VELACAM_THREAD_SAFETY_ANALYSIS needs clang, not ${CMAKE_CXX_COMPILER_ID}")
     endif()
     add_compile_options(-Wthread-safety -Werror=thread-safety)
+
+    # The annotations must reach the compiler: a read of a guarded member
+    # without its lock has to be rejected, or the analysis checks nothing.
+    set(VELACAM_TSA_PROBE ${CMAKE_CURRENT_BINARY_DIR}/thread_safety_probe.cpp)
+    file(WRITE ${VELACAM_TSA_PROBE} [=[
+#include <ipc/utils/Mutex.h>
+struct Probe {
+    Kestrel::ipc::utils::Mutex mMutex;
+    int mValue IPC_GUARDED_BY(mMutex) = 0;
+    int unguardedRead() { return mValue; }
+};
+int probe() { return Probe().unguardedRead(); }
+]=])
+    set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
+    try_compile(VELACAM_TSA_PROBE_COMPILES ${CMAKE_CURRENT_BINARY_DIR}/thread_safety_probe
+        SOURCES ${VELACAM_TSA_PROBE}
+        CMAKE_FLAGS "-DINCLUDE_DIRECTORIES=${CMAKE_CURRENT_SOURCE_DIR}/include"
+        COMPILE_DEFINITIONS -Wthread-safety -Werror=thread-safety
+        CXX_STANDARD 17)
+    unset(CMAKE_TRY_COMPILE_TARGET_TYPE)
+    if(VELACAM_TSA_PROBE_COMPILES)
+        message(FATAL_ERROR "the thread-safety analysis accepts an unguarded read: "
+                            "the annotations of ipc/utils/ThreadSafety.h are not active")
+    endif()
 endif()
