@@ -7,10 +7,11 @@
 // one. The reactor builds a fresh poller each cycle; a socket builds one for
 // its own descriptor (UnixDomainSocket::getPoller).
 //
-// Thread: every operation may be called from any thread; each takes mMutex
-// itself (the annotations below say how). The wait runs on a private copy
+// Thread: every operation may be called from any thread. Mutations and the
+// snapshots of registeredPollEvents() and poll() take mMutex exclusively; the
+// copy constructor takes the source's shared. The wait runs on a private copy
 // without any lock, so registrations made during a wait take effect at the
-// next poll().
+// next poll(). Clang checks the locking against the annotations below.
 //
 // Failure: poll() reports through an empty result and errno (see poll()).
 // Nothing throws except the lock acquisition in copy assignment, which can
