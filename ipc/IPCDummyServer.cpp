@@ -38,9 +38,6 @@ int IPCDummyServer::registerBuffer(const std::vector<ca::CameraAlgorithmBuffer>&
             if (address == MAP_FAILED) {
                 IPC_FATAL("mmap failed(%s)", strerror(errno));
             }
-            // `size` counts elements here although the mapping is `size` bytes
-            // long. Kept on purpose (it is how this server reads a plane); callers
-            // keep `size` small.
             auto* elements = static_cast<int32_t*>(address);
             for (size_t i = 0; i < size; ++i) {
                 IPC_LOGD("[%s] plane content[%d]: before(%d)", __func__, static_cast<int>(i),

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 
 namespace Kestrel::ipc {
 
@@ -37,7 +38,7 @@ timespec durationToTimespec(std::chrono::nanoseconds d) {
 }  // namespace utils
 
 Poller::Poller(const Poller& other) {
-    std::shared_lock<std::shared_mutex> lock(other.mMutex);
+    utils::SharedLock lock(other.mMutex);
     mPollfds = other.mPollfds;
 }
 
@@ -45,15 +46,19 @@ Poller& Poller::operator=(const Poller& other) {
     if (&other == this) {
         return *this;
     }
-    std::unique_lock<std::shared_mutex> mine(mMutex, std::defer_lock);
-    std::shared_lock<std::shared_mutex> theirs(other.mMutex, std::defer_lock);
+    // Both at once, in whichever order avoids a deadlock with an assignment
+    // the other way round.
+    std::unique_lock<std::shared_mutex> mine(mMutex.native(), std::defer_lock);
+    std::shared_lock<std::shared_mutex> theirs(other.mMutex.native(), std::defer_lock);
     std::lock(mine, theirs);
+    mMutex.assertHeld();
+    other.mMutex.assertReaderHeld();
     mPollfds = other.mPollfds;
     return *this;
 }
 
 void Poller::registerPollEvent(int fd, short events) {
-    std::unique_lock<std::shared_mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     const auto found = std::find_if(mPollfds.begin(), mPollfds.end(),
                                     [fd](const pollfd& entry) { return entry.fd == fd; });
     if (found != mPollfds.end()) {
@@ -67,21 +72,25 @@ void Poller::registerPollEvent(int fd, short events) {
 }
 
 bool Poller::unregisterPollEvent(int fd) {
-    std::unique_lock<std::shared_mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     const auto found = std::find_if(mPollfds.begin(), mPollfds.end(),
                                     [fd](const pollfd& entry) { return entry.fd == fd; });
     if (found == mPollfds.end()) {
         IPC_LOGW("fd(%d) is not registered before, do nothing", fd);
         return false;
     }
-    dump();
+    dumpLocked();
     mPollfds.erase(found);
     IPC_LOGD("[%s] fd(%d) is unregistered", __func__, fd);
-    dump();
+    dumpLocked();
     return true;
 }
 
-void Poller::dump() const {
+void Poller::dumpLocked() const { dump(); }
+
+// Unchecked: reads mPollfds without taking the lock; its callers hold it
+// (dumpLocked) or own the poller alone.
+void Poller::dump() const IPC_NO_THREAD_SAFETY_ANALYSIS {
     if (mPollfds.empty()) {
         IPC_LOGW("mPollfds is empty");
         return;
@@ -94,8 +103,7 @@ void Poller::dump() const {
 }
 
 std::vector<Poller::PollEvent> Poller::registeredPollEvents() const {
-    // Exclusive although it only reads: every snapshot is taken the same way.
-    std::unique_lock<std::shared_mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     std::vector<PollEvent> events;
     events.reserve(mPollfds.size());
     for (const pollfd& entry : mPollfds) {
@@ -107,7 +115,7 @@ std::vector<Poller::PollEvent> Poller::registeredPollEvents() const {
 std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
     std::vector<pollfd> pollfds;
     {
-        std::unique_lock<std::shared_mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         pollfds = mPollfds;
     }
     std::vector<PollEvent> result;
@@ -120,8 +128,7 @@ std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
 
     int ready;
     do {
-        // 0 ms means no time-out at all: the wait lasts until a descriptor is
-        // ready. After a signal the wait starts over with the full time-out.
+        // After a signal the wait starts over with the full time-out.
         timespec limit{};
         const timespec* limitOrNone = nullptr;
         if (timeout.count() != 0) {
@@ -152,7 +159,7 @@ std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
 }
 
 void Poller::clear() {
-    std::unique_lock<std::shared_mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     mPollfds.clear();
 }
 

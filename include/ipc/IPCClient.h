@@ -10,6 +10,10 @@
 // Thread: no lock is taken; a subclass decides what may run concurrently.
 // Failure: -1 from every operation that is not supported or failed; nothing
 // here logs.
+//
+// Compatibility: the signatures are those platform clients override: the
+// first registerBuffer takes the descriptor as `const uint32_t&`, and
+// requestSync comes as three overloads rather than default arguments.
 #pragma once
 
 #include <cstdint>

@@ -6,12 +6,16 @@
 // shared the buffer sees the change) and unmaps it. Every other operation of
 // both classes is the base's and returns -1.
 //
-// Ownership: the dummy server neither validates nor closes the descriptors of
-// the planes; they stay the caller's. The dummy server handed out by
+// Ownership: the descriptors of the planes stay the caller's: the dummy server
+// neither validates nor closes them. The dummy server handed out by
 // IPCServerFactory lives until process exit.
 // Thread: no lock; concurrent registerBuffer calls on the same buffer race on
-// its contents. Failure: registerBuffer always returns -1; a plane that cannot
-// be mapped ends the process (tag "IPCDummyServer").
+// its contents. Failure: a plane that cannot be mapped ends the process (tag
+// "IPCDummyServer").
+//
+// Compatibility: registerBuffer returns -1 also when every plane was handled,
+// and a plane's `size` counts 32-bit integers although it maps that many
+// bytes.
 #pragma once
 
 #include <vector>
@@ -29,8 +33,7 @@ class IPC_EXPORT IPCDummyServer : public IPCServer {
 
     // For each plane in order: maps `size` bytes of `fd` shared, logs the first
     // `size` 32-bit integers, reverses those integers in place, logs them again
-    // and unmaps. `size` counts integers although it maps bytes, so keep it
-    // below a quarter of the mapped pages. Returns -1, also on success.
+    // and unmaps. Keep `size` below a quarter of the mapped pages. Returns -1.
     int registerBuffer(const std::vector<ca::CameraAlgorithmBuffer>& buffers) override;
 };
 

@@ -11,6 +11,10 @@
 // Thread: no lock is taken; a subclass decides what may run concurrently.
 // Failure: -1 from every operation that is not supported or failed; nothing
 // here logs.
+//
+// Compatibility: the base is a complete server that supports nothing rather
+// than an abstract class, since the factory hands it out for unknown platform
+// types.
 #pragma once
 
 #include <cstdint>

@@ -1,14 +1,16 @@
 // IPCServerFactory: hands out the one process-wide server of each platform
 // type.
 //
-// The first call makes all three servers (the base IPCServer, the
-// IPCDummyServer and the platform's VelaIPCServer), whatever type it asks
-// for; they live until process exit. Every caller asking for the same type
-// gets the same object.
+// The first call makes the three servers (the base IPCServer, the
+// IPCDummyServer and the platform's VelaIPCServer); they live until process
+// exit. Every caller asking for the same type gets the same object.
 //
 // Thread: any; concurrent first calls are safe (the servers are built under
 // the language's once-only guard for function-local statics). Failure: none;
 // the result is never null.
+//
+// Compatibility: the first call builds all three servers whatever type it
+// asks for, and an unknown type gets the base server rather than null.
 #pragma once
 
 #include "ipc/Export.h"

@@ -2,11 +2,15 @@
 // UnixDomainSocket::createPairedSocket.
 //
 // Each end is an owning FileDescriptor; its user moves it into a
-// UnixDomainSocket (directly or inside a SocketEventHandler). After a failed
-// creation `first` holds the negative errno value and `second` -1, so callers
-// test `first.get() < 0`; negative numbers are never closed.
+// UnixDomainSocket (directly or inside a SocketEventHandler).
 //
-// Thread: a plain value; no lock. Failure: see above.
+// Thread: a plain value; no lock. Failure: after a failed creation `first`
+// holds the negative errno value and `second` -1, so callers test
+// `first.get() < 0`; negative numbers are never closed.
+//
+// Compatibility: the ends are public members, the failure travels inside the
+// pair, and a pair can be copied (duplicating both descriptors) but not
+// copy-assigned.
 #pragma once
 
 #include <sysutils/FileDescriptor.h>

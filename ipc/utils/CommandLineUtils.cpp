@@ -6,6 +6,7 @@
 
 namespace Kestrel::CommandLineUtils {
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature
 void navigator(std::string message) {
     std::cout << "[----------] PID(" << getpid() << ") Press ENTER to " << message << "..."
               << std::endl;

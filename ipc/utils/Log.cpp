@@ -8,8 +8,15 @@
 
 namespace Kestrel::ipc::utils {
 
-int32_t LogSetting::sLogLevel =
-        Kestrel::Utils::Properties::property_get_int32("vendor.debug.ipc.framework.log", 0);
+namespace {
+// Runs during the library's static initialisation, where nothing could catch
+// an exception.
+int32_t readLogLevel() noexcept {
+    return Kestrel::Utils::Properties::property_get_int32("vendor.debug.ipc.framework.log", 0);
+}
+}  // namespace
+
+int32_t LogSetting::sLogLevel = readLogLevel();
 
 namespace logging {
 
@@ -17,8 +24,8 @@ namespace {
 
 uint32_t uloggerLevel(Level level) { return level == kDebug ? 5u : static_cast<uint32_t>(level); }
 
-// Formats into `buffer` and hands the line to the unified logger; the length
-// passed on is snprintf's result, also when the text was truncated.
+// Formats into `buffer` and hands the line to the unified logger with
+// snprintf's result as the length.
 void recordFormatted(const LogSite& site, Level level, const char* format, va_list args) {
     ULogger* logger = ULogger::sULogger;
     if (logger == nullptr) {
@@ -42,7 +49,6 @@ void writeFrame(char* buffer, Level level, const LogSite& site, int line, const 
             std::snprintf(buffer, kBufferSize, "%s[%s] %s:%d %s() %s", g_logInfoLv[level].prefix,
                           site.tag, get_filename_log_control(site.file), line, function, format);
     if (length < 0 || length >= kBufferSize) {
-        // A frame that does not fit would lose the caller's placeholders.
         std::abort();
     }
 }

