@@ -404,8 +404,9 @@ int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
         }
         if (error != 0 && error != EINTR) {
             IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
-            IPC_LOGE("the payload record did not follow its header, the connection is out of "
-                     "step");
+            IPC_LOGE(
+                    "the payload record did not follow its header, the connection is out of "
+                    "step");
             errno = error;
             return kOutOfStep;
         }
@@ -443,8 +444,8 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const int socketFd = mSocketFd.get();
     IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
     ControlBuffer control(fdCount);
-    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord, fdCount != 0 ? "yes" : "no",
-             control.size());
+    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
+             fdCount != 0 ? "yes" : "no", control.size());
     const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     iovec vector{nullptr, 0};
     msghdr record = recordHeader(&vector, control);
