@@ -451,11 +451,14 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     msghdr record = recordHeader(&vector, control);
 
     // Takes the record with no room for data, closing whatever came with it.
+    // A record that does not come leaves the connection out of step.
     const auto discard = [&](int error) {
         vector = iovec{nullptr, 0};
-        if (receiveBy(socketFd, &record, 0, deadline) >= 0) {
-            closeAllReceived(record);
+        if (receiveBy(socketFd, &record, 0, deadline) < 0) {
+            IPC_LOGE("the refused payload record could not be taken (%s)", std::strerror(errno));
+            return kOutOfStep;
         }
+        closeAllReceived(record);
         errno = error;
         return -error;
     };

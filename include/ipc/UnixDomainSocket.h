@@ -92,8 +92,9 @@ class IPC_EXPORT UnixDomainSocket {
     bool isBound() const;
 
     // How long a message's payload record may keep its receiver waiting once
-    // the header has arrived (and a send whose header went out waits for room
-    // for the payload); 0 waits without limit. Set before the socket is in
+    // the header has arrived; also how long a send whose payload record could
+    // not follow its header at once (a non-blocking socket with a full
+    // buffer) retries it. 0 waits without limit. Set before the socket is in
     // use, or from the thread that receives on it.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
 
