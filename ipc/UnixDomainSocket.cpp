@@ -11,6 +11,8 @@
 #include <new>
 #include <utility>
 
+#include "ControlBuffer.h"
+#include "OutgoingRecord.h"
 #include "ReceivedDescriptors.h"
 
 namespace Kestrel::ipc {
@@ -22,8 +24,6 @@ constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
 constexpr int kNotBound = -ENOENT;              // -2
 constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
-// The kernel passes at most this many descriptors in one record (SCM_MAX_FD).
-constexpr size_t kMaxRecordDescriptors = 253;
 // AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
 constexpr size_t kRecordOverhead = 32;
 // Every send buffer holds a record this large (the kernel's smallest send
@@ -44,73 +44,6 @@ using Clock = std::chrono::steady_clock;
 struct Deadline {
     bool bounded;
     Clock::time_point at;
-};
-
-// Room for the control data of one record: an SCM_RIGHTS message of up to
-// kMaxRecordDescriptors descriptors, on the stack, zero-filled.
-class ControlBuffer {
-  public:
-    explicit ControlBuffer(size_t fdCount)
-        : mSize(CMSG_SPACE(sizeof(int) * std::min(fdCount, kMaxRecordDescriptors))) {
-        std::memset(mData, 0, mSize);
-    }
-    ControlBuffer(const ControlBuffer&) = delete;
-    ControlBuffer& operator=(const ControlBuffer&) = delete;
-
-    unsigned char* data() { return mData; }
-    size_t size() const { return mSize; }
-
-  private:
-    alignas(cmsghdr) unsigned char mData[CMSG_SPACE(sizeof(int) * kMaxRecordDescriptors)];
-    size_t mSize;
-};
-
-msghdr recordHeader(iovec* vector, ControlBuffer& control) {
-    msghdr header{};
-    header.msg_iov = vector;
-    header.msg_iovlen = 1;
-    header.msg_control = control.data();
-    header.msg_controllen = control.size();
-    return header;
-}
-
-// One record to send: `dataSize` bytes at `data` and an SCM_RIGHTS message
-// carrying `fdCount` (at most kMaxRecordDescriptors) 4-byte descriptors read
-// from `fds`, which may be unaligned. Not movable: the header points into it.
-class OutgoingRecord {
-  public:
-    OutgoingRecord(const void* data, size_t dataSize, const void* fds, size_t fdCount)
-        : mControl(fdCount), mVector{const_cast<void*>(data), dataSize} {
-        mHeader = recordHeader(&mVector, mControl);
-        cmsghdr* cmsg = CMSG_FIRSTHDR(&mHeader);
-        if (cmsg == nullptr) {
-            IPC_FATAL("invalid struct cmsghdr, please check it");
-        }
-        cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
-        cmsg->cmsg_level = SOL_SOCKET;
-        cmsg->cmsg_type = SCM_RIGHTS;
-        if (fdCount != 0) {
-            std::memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
-        }
-    }
-    OutgoingRecord(const OutgoingRecord&) = delete;
-    OutgoingRecord& operator=(const OutgoingRecord&) = delete;
-
-    msghdr& header() { return mHeader; }
-    void logBefore(const char* caller, int socketFd) {
-        IPC_LOGD("[%s] socketFd(%d)", caller, socketFd);
-        IPC_LOGD("[%s] cmsg_space(%zu) cmsg_len(%zu)", caller, mControl.size(),
-                 static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len));
-    }
-    void logSent(const char* caller, size_t sent) {
-        IPC_LOGD("[%s] bytes_sent(%zd) FDS_CMSG_SIZE(%zu)", caller, static_cast<ssize_t>(sent),
-                 static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len - CMSG_LEN(0)));
-    }
-
-  private:
-    ControlBuffer mControl;
-    iovec mVector;
-    msghdr mHeader;
 };
 
 // Waits until `socketFd` reports `events`, hang-up or an error, or
@@ -448,7 +381,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
              fdCount != 0 ? "yes" : "no", control.size());
     const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     iovec vector{nullptr, 0};
-    msghdr record = recordHeader(&vector, control);
+    msghdr record = control.recordHeader(&vector);
 
     // Takes the record with no room for data, closing whatever came with it.
     // A record that does not come leaves the connection out of step.
@@ -557,7 +490,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
     IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", __func__, fdCount != 0 ? "yes" : "no",
              control.size());
     iovec vector{data, dataSize};
-    msghdr header = recordHeader(&vector, control);
+    msghdr header = control.recordHeader(&vector);
     if (receiveOnce(socketFd, &header, 0) < 0) {
         return receiveFailure();
     }
