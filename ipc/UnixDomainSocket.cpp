@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/Log.h>
 #include <poll.h>
@@ -80,14 +81,21 @@ ssize_t receiveOnce(int socketFd, msghdr* header, int flags) {
     return received;
 }
 
-// recvmsg that never waits past `deadline`: without blocking first (no
-// extra call when the record is already there), then after a bounded ppoll.
-// -1 with errno set on failure (ETIMEDOUT past the deadline).
+// recvmsg that never waits past `deadline`. The socket's own receive
+// time-out (SO_RCVTIMEO, the payload time-out) bounds the blocking call, so a
+// record already there, or one that comes while the call sleeps, costs the
+// one call; a call cut short (a signal, or a socket that does not block)
+// goes on with a ppoll for what is left. -1 with errno set on failure
+// (ETIMEDOUT past the deadline).
 ssize_t receiveBy(int socketFd, msghdr* header, int flags, const Deadline& deadline) {
     for (;;) {
-        const ssize_t received = receiveOnce(socketFd, header, flags | MSG_DONTWAIT);
+        const ssize_t received = receiveOnce(socketFd, header, flags);
         if (received >= 0 || errno != EAGAIN) {
             return received;
+        }
+        if (deadline.bounded && Clock::now() >= deadline.at) {
+            errno = ETIMEDOUT;
+            return -1;
         }
         const int waited = waitUntilReady(socketFd, POLLIN, deadline);
         if (waited < 0) {
@@ -95,6 +103,12 @@ ssize_t receiveBy(int socketFd, msghdr* header, int flags, const Deadline& deadl
             return -1;
         }
     }
+}
+
+// True when `socketFd` blocks (O_NONBLOCK clear).
+bool isBlocking(int socketFd) {
+    const int flags = ::fcntl(socketFd, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 
 // The result of a failed recvmsg (errno), logged unless it would only block.
@@ -260,12 +274,33 @@ SocketPair UnixDomainSocket::createPairedSocket(unsigned long receiveBufferSize,
 
 UnixDomainSocket::~UnixDomainSocket() = default;
 
-void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) { mSocketFd = std::move(fd); }
+void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
+    mSocketFd = std::move(fd);
+    applyPayloadTimeout();
+}
 
 bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
 void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
     mPayloadTimeout = std::max(timeout, std::chrono::milliseconds(0));
+    applyPayloadTimeout();
+}
+
+void UnixDomainSocket::applyPayloadTimeout() {
+    const int socketFd = mSocketFd.get();
+    if (socketFd < 0) {
+        return;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(mPayloadTimeout);
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(seconds.count());
+    limit.tv_usec = static_cast<suseconds_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(mPayloadTimeout - seconds)
+                    .count());
+    if (::setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0) {
+        // The bound still holds, at the cost of a ppoll per late record.
+        IPC_LOGE("set receive time-out failed (%s)", std::strerror(errno));
+    }
 }
 
 int UnixDomainSocket::send(const Message& message) {
@@ -491,7 +526,14 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
              control.size());
     iovec vector{data, dataSize};
     msghdr header = control.recordHeader(&vector);
-    if (receiveOnce(socketFd, &header, 0) < 0) {
+    ssize_t received;
+    do {
+        received = receiveOnce(socketFd, &header, 0);
+        // The payload time-out is the socket's receive time-out: a blocking
+        // socket that ran out of it waits on, as it always has.
+    } while (received < 0 && errno == EAGAIN && mPayloadTimeout.count() != 0 &&
+             isBlocking(socketFd));
+    if (received < 0) {
         return receiveFailure();
     }
     // Neither the byte count nor MSG_TRUNC is examined: a record is taken for

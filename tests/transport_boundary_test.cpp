@@ -161,14 +161,15 @@ TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
         Message message;
         return receiver.recv(&message);
     });
-    const std::string wchan =
-            "/proc/self/task/" + std::to_string(receiving.get_future().get()) + "/wchan";
-    // Waiting in the bounded poll, not in recvmsg.
-    EXPECT_TRUE(underEmulation() || waitUntil([&] {
-                    std::string where;
-                    std::ifstream(wchan) >> where;
-                    return where.find("poll") != std::string::npos;
-                }));
+    const std::string stat =
+            "/proc/self/task/" + std::to_string(receiving.get_future().get()) + "/stat";
+    // Asleep: in the receive, waiting for the payload record.
+    EXPECT_TRUE(waitUntil([&] {
+        std::string line;
+        std::getline(std::ifstream(stat), line);
+        const size_t end = line.rfind(')');
+        return end != std::string::npos && line.compare(end, 3, ") S") == 0;
+    }));
     const auto closed = Clock::now();
     peer = FileDescriptor();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);

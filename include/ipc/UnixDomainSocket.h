@@ -55,7 +55,11 @@
 // A peer that stalls between its two records: the receive of the payload
 // waits at most the payload time-out (1 s unless set), then returns -103
 // ECONNABORTED: the header is consumed, the connection is out of step and
-// must be closed. A peer that closes meanwhile ends the wait at once.
+// must be closed. A peer that closes meanwhile ends the wait at once. The
+// bound is the socket's receive time-out (SO_RCVTIMEO, set by bind() and
+// setPayloadTimeout()), so that the blocking recvmsg carries it at no extra
+// call; every other receive here waits on past it as before, but whoever
+// reads the descriptor directly sees it.
 #pragma once
 
 #include <ipc/Message.h>
@@ -172,6 +176,8 @@ class IPC_EXPORT UnixDomainSocket {
                                      uint32_t dataCount, uint16_t fdCount);
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
+    // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
+    void applyPayloadTimeout();
 
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
     std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
