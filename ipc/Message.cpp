@@ -134,24 +134,49 @@ std::pair<uint8_t*, size_t> Message::header() {
     return {mStorage.data(), mHeaderSize};
 }
 
+Message::PackedPayload Message::packedPayloadLocked() const {
+    const uint32_t numData = readWord(kDataCountOffset);
+    uint16_t numFds;
+    std::memcpy(&numFds, mStorage.data() + kFdCountOffset, sizeof(numFds));
+    IPC_LOGD("[%s] num_data(%u) num_fds(%u)", "payload", numData, static_cast<unsigned>(numFds));
+    // The counts are trusted only as far as the storage reaches: a header
+    // whose counts overstate the bytes behind it yields a payload clipped to
+    // what is there rather than a read past the storage.
+    const size_t available = mStorage.size() - mHeaderSize;
+    const size_t dataBytes = numData <= available ? numData : available;
+    const size_t fdRoom = (available - dataBytes) / sizeof(int);
+    const size_t fdCount = numFds <= fdRoom ? numFds : fdRoom;
+    const uint8_t* data = mStorage.data() + mHeaderSize;
+    return PackedPayload{data, dataBytes, data + dataBytes, fdCount};
+}
+
+Message::PackedPayload Message::packedPayload() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    checkHeaderPresent();
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+        return PackedPayload{nullptr, 0, nullptr, 0};
+    }
+    return packedPayloadLocked();
+}
+
 Message::Payload Message::payload() const {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mStorage.size() == mHeaderSize) {
         IPC_LOGW("no payload exists");
         return Payload();
     }
-    const uint32_t numData = readWord(kDataCountOffset);
-    uint16_t numFds;
-    std::memcpy(&numFds, mStorage.data() + kFdCountOffset, sizeof(numFds));
-    IPC_LOGD("[%s] num_data(%u) num_fds(%u)", __func__, numData, static_cast<unsigned>(numFds));
-    // The counts are trusted only as far as the storage reaches: a header
-    // whose counts overstate the bytes behind it yields a payload clipped to
-    // what is there rather than a read past the storage.
-    const size_t available = mStorage.size() - mHeaderSize;
-    const uint32_t dataBytes = numData <= available ? numData : static_cast<uint32_t>(available);
-    const size_t fdRoom = (available - dataBytes) / sizeof(int);
-    const auto fdCount = static_cast<uint16_t>(numFds <= fdRoom ? numFds : fdRoom);
-    return Payload(mStorage.data() + mHeaderSize, dataBytes, fdCount);
+    const PackedPayload packed = packedPayloadLocked();
+    return Payload(packed.data, static_cast<uint32_t>(packed.dataBytes),
+                   static_cast<uint16_t>(packed.fdCount));
+}
+
+void Message::adoptStorage(Storage&& storage) {
+    if (storage.size() < mHeaderSize) {
+        IPC_FATAL("storage size(%zu) below the header size(%zu)", storage.size(), mHeaderSize);
+    }
+    std::lock_guard<std::mutex> lock(mMutex);
+    mStorage.swap(storage);
 }
 
 void Message::setHeader(uint32_t dataCount, uint16_t fileDescriptorCount) {

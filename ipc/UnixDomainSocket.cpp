@@ -1,13 +1,20 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/Log.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
+#include <new>
 #include <utility>
-#include <vector>
+
+#include "ControlBuffer.h"
+#include "OutgoingRecord.h"
+#include "ReceivedDescriptors.h"
 
 namespace Kestrel::ipc {
 
@@ -16,45 +23,101 @@ constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
                                   utils::kLogModuleCore};
 
 constexpr int kNotBound = -ENOENT;              // -2
+constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
+// AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
+constexpr size_t kRecordOverhead = 32;
+// Every send buffer holds a record this large (the kernel's smallest send
+// buffer is 4608 bytes), so smaller payloads are sent without asking.
+constexpr size_t kRecordAlwaysFits = 4096;
+// A payload announced above this is measured (MSG_PEEK | MSG_TRUNC) before
+// memory is taken for it; below it one allocation of the announced size is
+// cheaper than the extra call.
+constexpr size_t kMeasureAbove = size_t{1} << 20;
+// The debug lines of a message's records name the single-record operations,
+// as they always have.
+constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
+constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
 
-// Zero-filled room for the control data of one record. Records carry few
-// descriptors, so up to kStackDescriptors of them the room is on the stack;
-// beyond that (a record may announce up to 65535, 256 KiB of control data, too
-// much for a stack) it comes from the heap.
-class ControlBuffer {
-  public:
-    explicit ControlBuffer(size_t size) : mSize(size) {
-        if (size <= sizeof(mStack)) {
-            std::memset(mStack, 0, size);
-            mData = mStack;
-        } else {
-            mHeap.resize(size);  // zero-filled; operator new aligns for cmsghdr
-            mData = mHeap.data();
-        }
-    }
-    ControlBuffer(const ControlBuffer&) = delete;
-    ControlBuffer& operator=(const ControlBuffer&) = delete;
+using Clock = std::chrono::steady_clock;
 
-    unsigned char* data() { return mData; }
-    size_t size() const { return mSize; }
-
-  private:
-    static constexpr size_t kStackDescriptors = 64;
-
-    alignas(cmsghdr) unsigned char mStack[CMSG_SPACE(sizeof(int) * kStackDescriptors)];
-    std::vector<unsigned char> mHeap;
-    unsigned char* mData;
-    size_t mSize;
+// When a wait for the second record of a message gives up.
+struct Deadline {
+    bool bounded;
+    Clock::time_point at;
 };
 
-msghdr recordHeader(iovec* vector, ControlBuffer& control) {
-    msghdr header{};
-    header.msg_iov = vector;
-    header.msg_iovlen = 1;
-    header.msg_control = control.data();
-    header.msg_controllen = control.size();
-    return header;
+// Waits until `socketFd` reports `events`, hang-up or an error, or
+// `deadline` passes: 0, -ETIMEDOUT, or -errno of ppoll.
+int waitUntilReady(int socketFd, short events, const Deadline& deadline) {
+    pollfd entry{socketFd, events, 0};
+    for (;;) {
+        timespec limit{};
+        if (deadline.bounded) {
+            const auto left = std::max(deadline.at - Clock::now(), Clock::duration::zero());
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+            limit.tv_sec = static_cast<time_t>(seconds.count());
+            limit.tv_nsec = static_cast<long>(
+                    std::chrono::duration_cast<std::chrono::nanoseconds>(left - seconds).count());
+        }
+        const int ready = ::ppoll(&entry, 1, deadline.bounded ? &limit : nullptr, nullptr);
+        if (ready > 0) {
+            return 0;
+        }
+        if (ready == 0) {
+            return -ETIMEDOUT;
+        }
+        if (errno != EINTR) {
+            return -errno;
+        }
+    }
+}
+
+ssize_t receiveOnce(int socketFd, msghdr* header, int flags) {
+    ssize_t received;
+    do {
+        received = ::recvmsg(socketFd, header, flags);
+    } while (received < 0 && errno == EINTR);
+    return received;
+}
+
+// recvmsg that never waits past `deadline`. The socket's own receive
+// time-out (SO_RCVTIMEO, the payload time-out) bounds the blocking call, so a
+// record already there, or one that comes while the call sleeps, costs the
+// one call; a call cut short (a signal, or a socket that does not block)
+// goes on with a ppoll for what is left. -1 with errno set on failure
+// (ETIMEDOUT past the deadline).
+ssize_t receiveBy(int socketFd, msghdr* header, int flags, const Deadline& deadline) {
+    for (;;) {
+        const ssize_t received = receiveOnce(socketFd, header, flags);
+        if (received >= 0 || errno != EAGAIN) {
+            return received;
+        }
+        if (deadline.bounded && Clock::now() >= deadline.at) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        const int waited = waitUntilReady(socketFd, POLLIN, deadline);
+        if (waited < 0) {
+            errno = -waited;
+            return -1;
+        }
+    }
+}
+
+// True when `socketFd` blocks (O_NONBLOCK clear).
+bool isBlocking(int socketFd) {
+    const int flags = ::fcntl(socketFd, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) == 0;
+}
+
+// The result of a failed recvmsg (errno), logged unless it would only block.
+int receiveFailure() {
+    const int error = errno;
+    if (error != EAGAIN) {
+        IPC_LOGE("recvmsg failed (%s)", std::strerror(error));
+    }
+    return -error;
 }
 
 // The descriptors in `cmsg` that lie inside the control bytes the kernel
@@ -73,22 +136,37 @@ bool isRights(const cmsghdr* cmsg) {
     return cmsg->cmsg_level == SOL_SOCKET && cmsg->cmsg_type == SCM_RIGHTS;
 }
 
-void closeDescriptors(const cmsghdr* cmsg, size_t count) {
+const cmsghdr* nextControl(const msghdr& header, const cmsghdr* cmsg) {
+    return CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg));
+}
+
+// Sets `count` 4-byte slots at `fds` (possibly unaligned) to -1.
+void clearSlots(void* fds, size_t count) {
+    const int unset = -1;
     for (size_t i = 0; i < count; ++i) {
-        int fd;
-        std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(fd));
-        ::close(fd);
+        std::memcpy(static_cast<unsigned char*>(fds) + i * sizeof(int), &unset, sizeof(int));
     }
 }
 
-// Hands the descriptors of a received record to `fds`, or refuses the record.
-// Only numbers inside an SCM_RIGHTS message are ever taken for descriptors;
-// every one that arrived ends up in `fds` or closed. Debug lines name
-// `caller`, the receive they belong to.
-int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t fdCount) {
+// Closes every descriptor a received record brought.
+void closeAllReceived(const msghdr& header) {
+    for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
+         cmsg = nextControl(header, cmsg)) {
+        if (isRights(cmsg)) {
+            const ReceivedDescriptors dropped(cmsg, descriptorsIn(header, cmsg));
+        }
+    }
+}
+
+// Hands the descriptors of a received record to `fds` (fdCount 4-byte slots,
+// possibly unaligned), or refuses the record. Only numbers inside an
+// SCM_RIGHTS message are ever taken for descriptors; every one that arrived
+// ends up in `fds` or closed. Debug lines name `caller`, the receive they
+// belong to.
+int takeDescriptors(const char* caller, const msghdr& header, void* fds, size_t fdCount) {
     const cmsghdr* rights = nullptr;
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
+         cmsg = nextControl(header, cmsg)) {
         if (isRights(cmsg)) {
             rights = cmsg;
             break;
@@ -97,9 +175,9 @@ int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t f
     // No SCM_RIGHTS message (the peer sent no descriptor, or closed): the
     // zeroed buffer says nothing, so nothing arrived.
     const size_t cmsgLen = rights != nullptr ? rights->cmsg_len : 0;
-    const size_t arrived = rights != nullptr ? descriptorsIn(header, rights) : 0;
+    ReceivedDescriptors arrived(rights, rights != nullptr ? descriptorsIn(header, rights) : 0);
     IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", caller, cmsgLen,
-             static_cast<size_t>(CMSG_LEN(0)), arrived * sizeof(int));
+             static_cast<size_t>(CMSG_LEN(0)), arrived.count() * sizeof(int));
 
     int result = 0;
     if (cmsgLen % sizeof(int) != 0) {
@@ -109,23 +187,24 @@ int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t f
     // The kernel cuts the control data short (MSG_CTRUNC) when the peer sent
     // more descriptors than the buffer holds, discarding the rest itself.
     const bool truncated = (header.msg_flags & MSG_CTRUNC) != 0;
-    if (arrived > fdCount || (truncated && arrived == fdCount)) {
+    if (arrived.count() > fdCount || (truncated && arrived.count() == fdCount)) {
         IPC_LOGE("The number of received fds is larger than expected");
         result = -EMSGSIZE;
-    } else if (arrived < fdCount) {
+    } else if (arrived.count() < fdCount) {
         // Fewer than announced: the peer sent fewer, or this process ran out of
         // descriptor numbers and the kernel closed the rest (MSG_CTRUNC). Some
         // arrived: they are handed over in the first slots and the record
         // stands, as it always has. None arrived: nothing to hand over.
-        IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived, fdCount);
-        if (arrived == 0) {
+        IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived.count(),
+                 fdCount);
+        if (arrived.count() == 0) {
             result = -ENODATA;
         }
     }
     IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", caller, sizeof(int) * fdCount);
 
     for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg))) {
+         cmsg = nextControl(header, cmsg)) {
         if (cmsg == rights) {
             continue;
         }
@@ -133,17 +212,28 @@ int takeDescriptors(const char* caller, const msghdr& header, int* fds, size_t f
                  cmsg->cmsg_type);
         result = -EBADMSG;
         if (isRights(cmsg)) {  // a second descriptor message: refuse its descriptors too
-            closeDescriptors(cmsg, descriptorsIn(header, cmsg));
+            const ReceivedDescriptors refused(cmsg, descriptorsIn(header, cmsg));
         }
     }
 
     if (result != 0) {
-        closeDescriptors(rights, arrived);
-        std::fill(fds, fds + fdCount, -1);
-        return result;
+        clearSlots(fds, fdCount);
+        return result;  // `arrived` closes what came
     }
-    std::memcpy(fds, CMSG_DATA(rights), sizeof(int) * arrived);
+    arrived.handOver(fds);
     return 0;
+}
+
+// The largest record the kernel accepts on `socketFd` now, or the largest
+// size_t when the send buffer cannot be read (the kernel then decides).
+size_t recordLimit(int socketFd) {
+    int sendBuffer = 0;
+    socklen_t length = sizeof(sendBuffer);
+    if (::getsockopt(socketFd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length) != 0 ||
+        sendBuffer < static_cast<int>(kRecordOverhead)) {
+        return std::numeric_limits<size_t>::max();
+    }
+    return static_cast<size_t>(sendBuffer) - kRecordOverhead;
 }
 
 }  // namespace
@@ -184,18 +274,111 @@ SocketPair UnixDomainSocket::createPairedSocket(unsigned long receiveBufferSize,
 
 UnixDomainSocket::~UnixDomainSocket() = default;
 
-void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) { mSocketFd = std::move(fd); }
+void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
+    mSocketFd = std::move(fd);
+    applyPayloadTimeout();
+}
 
 bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
-int UnixDomainSocket::send(const Message& message) {
-    const auto [header, headerSize] = message.header();
-    const int result = sendDataAndFileDescriptors(nullptr, 0, header, headerSize);
-    if (result < 0) {
-        IPC_LOGE("send message header failed (%s)", std::strerror(errno));
-        return result;
+void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
+    mPayloadTimeout = std::max(timeout, std::chrono::milliseconds(0));
+    applyPayloadTimeout();
+}
+
+void UnixDomainSocket::applyPayloadTimeout() {
+    const int socketFd = mSocketFd.get();
+    if (socketFd < 0) {
+        return;
     }
-    return send(message.payload());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(mPayloadTimeout);
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(seconds.count());
+    limit.tv_usec = static_cast<suseconds_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(mPayloadTimeout - seconds)
+                    .count());
+    if (::setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0) {
+        // The bound still holds, at the cost of a ppoll per late record.
+        IPC_LOGE("set receive time-out failed (%s)", std::strerror(errno));
+    }
+}
+
+int UnixDomainSocket::send(const Message& message) {
+    const int socketFd = mSocketFd.get();
+    if (socketFd < 0) {
+        IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
+        return kNotBound;
+    }
+    const auto [header, headerSize] = message.header();
+    const Message::PackedPayload payload = message.packedPayload();
+    // What the kernel would refuse of the payload record is refused here,
+    // before the header goes, so that a refused message leaves the wire as it
+    // was.
+    int refusal = 0;
+    if (payload.fdCount > kMaxRecordDescriptors) {
+        refusal = -EINVAL;
+    } else if (payload.dataBytes > kRecordAlwaysFits && payload.dataBytes > recordLimit(socketFd)) {
+        refusal = -EMSGSIZE;
+    }
+    if (refusal != 0) {
+        IPC_LOGE("message refused, nothing sent (%s): %zu data bytes, %zu fds",
+                 std::strerror(-refusal), payload.dataBytes, payload.fdCount);
+        return refusal;
+    }
+
+    OutgoingRecord records[] = {{header, headerSize, nullptr, 0},
+                                {payload.data, payload.dataBytes, payload.fds, payload.fdCount}};
+    mmsghdr both[2] = {};
+    for (size_t i = 0; i < 2; ++i) {
+        records[i].logBefore(kSendRecord, socketFd);
+        both[i].msg_hdr = records[i].header();
+    }
+    int sent;
+    do {
+        // MSG_NOSIGNAL: a vanished peer is an error to return (EPIPE), not a
+        // reason to kill the process with SIGPIPE.
+        sent = ::sendmmsg(socketFd, both, 2, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0) {
+        const int error = errno;
+        if (error != EAGAIN) {
+            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+        }
+        IPC_LOGE("send message header failed (%s)", std::strerror(error));
+        return -error;
+    }
+    records[0].logSent(kSendRecord, both[0].msg_len);
+    if (sent == 2) {
+        records[1].logSent(kSendRecord, both[1].msg_len);
+        return 0;
+    }
+    // Only the header went (a signal, a full buffer of a non-blocking socket,
+    // or an error sendmmsg does not report): the payload must follow it.
+    return sendPayloadAfterHeader(records[1].header());
+}
+
+int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
+    const int socketFd = mSocketFd.get();
+    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
+    for (;;) {
+        const ssize_t sent = ::sendmsg(socketFd, &payload, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            IPC_LOGD("[%s] bytes_sent(%zd)", __func__, sent);
+            return 0;
+        }
+        int error = errno;
+        if (error == EAGAIN) {
+            error = -waitUntilReady(socketFd, POLLOUT, deadline);
+        }
+        if (error != 0 && error != EINTR) {
+            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+            IPC_LOGE(
+                    "the payload record did not follow its header, the connection is out of "
+                    "step");
+            errno = error;
+            return kOutOfStep;
+        }
+    }
 }
 
 int UnixDomainSocket::send(const Message::Payload& payload) {
@@ -214,18 +397,84 @@ int UnixDomainSocket::recv(Message* message) {
         IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
         return result;
     }
-    Message::Payload payload;
-    payload.data.resize(message->dataCount());
-    // -1 rather than 0 in every slot: a slot whose descriptor was lost keeps
-    // it, so that whoever closes the slots never closes descriptor 0.
-    payload.fds.assign(message->fileDescriptorCount(), -1);
-    result = recv(&payload);
+    Message::Storage storage;
+    result = receivePayload(storage, header, message->dataCount(), message->fileDescriptorCount());
     if (result < 0) {
         IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
         return result;
     }
-    message->setPayload(payload);
+    message->adoptStorage(std::move(storage));
     return 0;
+}
+
+int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* header,
+                                     uint32_t dataCount, uint16_t fdCount) {
+    const int socketFd = mSocketFd.get();
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    ControlBuffer control(fdCount);
+    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
+             fdCount != 0 ? "yes" : "no", control.size());
+    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
+    iovec vector{nullptr, 0};
+    msghdr record = control.recordHeader(&vector);
+
+    // Takes the record with no room for data, closing whatever came with it.
+    // A record that does not come leaves the connection out of step.
+    const auto discard = [&](int error) {
+        vector = iovec{nullptr, 0};
+        if (receiveBy(socketFd, &record, 0, deadline) < 0) {
+            IPC_LOGE("the refused payload record could not be taken (%s)", std::strerror(errno));
+            return kOutOfStep;
+        }
+        closeAllReceived(record);
+        errno = error;
+        return -error;
+    };
+    const auto waitFailed = [&] {
+        if (errno == ETIMEDOUT) {
+            IPC_LOGE("the payload record did not follow its header within %lld ms",
+                     static_cast<long long>(mPayloadTimeout.count()));
+            return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
+        }
+        return receiveFailure();
+    };
+
+    if (dataCount > kMeasureAbove) {
+        msghdr probe{};
+        const ssize_t length = receiveBy(socketFd, &probe, MSG_PEEK | MSG_TRUNC, deadline);
+        if (length < 0) {
+            return waitFailed();
+        }
+        if (static_cast<size_t>(length) < dataCount) {
+            IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced", length,
+                     dataCount);
+            return discard(EBADMSG);
+        }
+    }
+    try {
+        storage.resize(Message::kHeaderSize + dataCount + sizeof(int) * fdCount);
+    } catch (const std::bad_alloc&) {
+        IPC_LOGE("no memory for a payload of %u bytes", dataCount);
+        return discard(ENOMEM);
+    }
+    uint8_t* data = storage.data() + Message::kHeaderSize;
+    std::memcpy(storage.data(), header, Message::kHeaderSize);
+    clearSlots(data + dataCount, fdCount);
+
+    vector = iovec{data, dataCount};
+    const ssize_t received = receiveBy(socketFd, &record, 0, deadline);
+    if (received < 0) {
+        return waitFailed();
+    }
+    // A shorter record (a peer gone between the two records reads as 0
+    // bytes) leaves the rest of the data as zeros, as it always has; a longer
+    // one is cut to the announced size by the kernel.
+    std::memset(data + received, 0, dataCount - static_cast<size_t>(received));
+    if (fdCount == 0) {
+        IPC_LOGW("no ancillary data, do not handle the cmsg part");
+        return 0;
+    }
+    return takeDescriptors(kReceiveRecord, record, data + dataCount, fdCount);
 }
 
 int UnixDomainSocket::recv(Message::Payload* payload) {
@@ -244,31 +493,15 @@ int UnixDomainSocket::sendDataAndFileDescriptors(const int* fds, size_t fdCount,
     if (socketFd < 0) {
         return kNotBound;
     }
-    IPC_LOGD("[%s] socketFd(%d)", __func__, socketFd);
-    const size_t fdsCmsgSize = sizeof(int) * fdCount;
-    const size_t cmsgLen = CMSG_LEN(fdsCmsgSize);
-    const size_t cmsgSpace = CMSG_SPACE(fdsCmsgSize);
-    IPC_LOGD("[%s] cmsg_space(%zu) cmsg_len(%zu)", __func__, cmsgSpace, cmsgLen);
-
-    ControlBuffer control(cmsgSpace);
-    iovec vector{const_cast<void*>(data), dataSize};
-    msghdr header = recordHeader(&vector, control);
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&header);
-    if (cmsg == nullptr) {
-        IPC_FATAL("invalid struct cmsghdr, please check it");
+    if (fdCount > kMaxRecordDescriptors) {  // what the kernel says to more
+        IPC_LOGE("sendmsg failed (%s)", std::strerror(EINVAL));
+        return -EINVAL;
     }
-    cmsg->cmsg_len = cmsgLen;
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
-    if (fdsCmsgSize != 0) {
-        std::memcpy(CMSG_DATA(cmsg), fds, fdsCmsgSize);
-    }
-
+    OutgoingRecord record(data, dataSize, fds, fdCount);
+    record.logBefore(__func__, socketFd);
     ssize_t sent;
     do {
-        // MSG_NOSIGNAL: a vanished peer is an error to return (EPIPE), not a
-        // reason to kill the process with SIGPIPE.
-        sent = ::sendmsg(socketFd, &header, MSG_NOSIGNAL);
+        sent = ::sendmsg(socketFd, &record.header(), MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
     if (sent < 0) {
         const int error = errno;
@@ -277,7 +510,7 @@ int UnixDomainSocket::sendDataAndFileDescriptors(const int* fds, size_t fdCount,
         }
         return -error;
     }
-    IPC_LOGD("[%s] bytes_sent(%zd) FDS_CMSG_SIZE(%zu)", __func__, sent, fdsCmsgSize);
+    record.logSent(__func__, static_cast<size_t>(sent));
     return 0;
 }
 
@@ -288,23 +521,20 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         return kNotBound;
     }
     IPC_LOGD("[%s] socketFd(%d)", __func__, socketFd);
-    const size_t cmsgSpace = CMSG_SPACE(sizeof(int) * fdCount);
+    ControlBuffer control(fdCount);
     IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", __func__, fdCount != 0 ? "yes" : "no",
-             cmsgSpace);
-
-    ControlBuffer control(cmsgSpace);
+             control.size());
     iovec vector{data, dataSize};
-    msghdr header = recordHeader(&vector, control);
+    msghdr header = control.recordHeader(&vector);
     ssize_t received;
     do {
-        received = ::recvmsg(socketFd, &header, 0);
-    } while (received < 0 && errno == EINTR);
+        received = receiveOnce(socketFd, &header, 0);
+        // The payload time-out is the socket's receive time-out: a blocking
+        // socket that ran out of it waits on, as it always has.
+    } while (received < 0 && errno == EAGAIN && mPayloadTimeout.count() != 0 &&
+             isBlocking(socketFd));
     if (received < 0) {
-        const int error = errno;
-        if (error != EAGAIN) {
-            IPC_LOGE("recvmsg failed (%s)", std::strerror(error));
-        }
-        return -error;
+        return receiveFailure();
     }
     // Neither the byte count nor MSG_TRUNC is examined: a record is taken for
     // what it is, and end of stream (0 bytes) is not told apart here.

@@ -16,6 +16,11 @@
 // mutex; sequences of calls are not. setMessageHandler() takes no lock.
 // Failure: a header vector of the wrong size, or use of a moved-from message's
 // header, ends the process.
+//
+// The transport (UnixDomainSocket) is a friend: it sends the payload straight
+// from the storage and receives into a storage it then hands over whole, so
+// that no payload byte is copied but by the kernel. Those operations are
+// private; nothing else sees them.
 #pragma once
 
 #include <condition_variable>
@@ -23,6 +28,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -109,14 +115,54 @@ class IPC_EXPORT Message {
     void signalResponse();
 
   private:
-    uint32_t readWord(size_t offset) const;  // caller holds mMutex
+    friend class UnixDomainSocket;
+
+    // Grows a vector without zero-filling: resize(n) leaves the new bytes for
+    // the kernel to fill. A value given (resize(n, 0)) is still written.
+    template <typename T>
+    struct UninitialisedAllocator : std::allocator<T> {
+        template <typename U>
+        struct rebind {
+            using other = UninitialisedAllocator<U>;
+        };
+        UninitialisedAllocator() = default;
+        template <typename U>
+        UninitialisedAllocator(const UninitialisedAllocator<U>&) {}
+        template <typename U>
+        void construct(U* p) {
+            ::new (static_cast<void*>(p)) U;
+        }
+        template <typename U, typename... Args>
+        void construct(U* p, Args&&... args) {
+            ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+        }
+    };
+    using Storage = std::vector<uint8_t, UninitialisedAllocator<uint8_t>>;
+
+    // The packed payload in place, with the counts payload() would unpack.
+    // Valid as header() is: until the storage changes.
+    struct PackedPayload {
+        const uint8_t* data;
+        size_t dataBytes;
+        const uint8_t* fds;  // unaligned 4-byte descriptors
+        size_t fdCount;
+    };
+    // What payload() gives, without the copy; logs "no payload exists" the
+    // same way for a header-only message.
+    PackedPayload packedPayload() const;
+    // Replaces the whole storage (header and packed payload) with `storage`,
+    // which must hold at least the header.
+    void adoptStorage(Storage&& storage);
+
+    PackedPayload packedPayloadLocked() const;  // caller holds mMutex
+    uint32_t readWord(size_t offset) const;     // caller holds mMutex
     void writeWord(size_t offset, uint32_t value);
     void writeDescriptorCount(uint16_t count);
     void checkHeaderPresent() const;
 
     size_t mHeaderSize;
     mutable std::mutex mMutex;
-    std::vector<uint8_t> mStorage;  // guarded by mMutex
+    Storage mStorage;  // guarded by mMutex
     std::shared_ptr<MessageHandler> mHandler;
     std::mutex mResponseMutex;
     std::condition_variable mResponseCondition;

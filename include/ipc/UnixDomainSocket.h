@@ -2,13 +2,14 @@
 // connected pair of local sequenced-packet sockets, passing descriptors with
 // SCM_RIGHTS.
 //
-// Wire format: every message is exactly two records, each one sendmsg(2):
+// Wire format: every message is exactly two records:
 //   1. the 24 header bytes as the message stores them (host byte order), with
 //      an SCM_RIGHTS control message carrying no descriptor;
 //   2. dataCount payload bytes (possibly none) with an SCM_RIGHTS control
 //      message carrying the fileDescriptorCount descriptors in payload order.
-// The receiver reads record 1 straight into the message's header and record 2
-// with buffers of exactly the sizes that header announces.
+// send(Message) puts both on the wire with one sendmmsg(2), straight from the
+// message's storage; recv(Message*) reads record 1 into the message's header
+// and record 2 straight into the storage the message then takes over.
 //
 // Ownership: the object owns its socket descriptor (closed on destruction).
 // Descriptors sent stay owned by the sender; descriptors received are new
@@ -16,7 +17,8 @@
 //
 // Thread: no lock. Each direction has one user at a time: a message is two
 // records, and two concurrent senders (or receivers) would interleave them.
-// Calls block (no time-out); wait for readiness with getPoller().
+// Calls block; wait for readiness with getPoller(). Only the wait for the
+// second record of a message is bounded (setPayloadTimeout).
 //
 // Failure: every int result is 0 or a negative errno value, never a byte
 // count: -2 when unbound, -11 when the socket would block, -errno of sendmsg
@@ -25,27 +27,50 @@
 // read from a closed peer is 0 bytes long and, when no descriptor was
 // expected, reported as success with the buffers unchanged.
 //
-// Sizes the peer decides: recv(Message*) sizes the payload from the header it
-// has just read, before the payload record is read, whatever then arrives. A
-// header may announce up to 4 GiB - 1 data bytes, which the receive allocates
-// and fills twice while moving them into the message (8 GiB at the peak, 4 GiB
-// kept by the message), and up to 65535 descriptors, 4 bytes each for the
-// slots and again for the control buffer (256 KiB each at most). The kernel
-// passes at most 253 descriptors in one record, so a header announcing more
-// is served in part at best: 253 arrive, the other slots hold -1. When the
-// memory cannot be had, std::bad_alloc leaves
-// recv() with the header consumed and the payload record still queued, which
-// the next receive would take for a header: treat the connection as broken.
-// A receiver that cannot afford what a peer may announce reads the header
-// record with receiveDataAndFileDescriptors() and checks the counts first.
+// A message is all or nothing on the wire. send(Message) refuses, before
+// anything goes, what the kernel would refuse of the payload record: more
+// than 253 descriptors (-22 EINVAL, the kernel's own code for it) or more
+// data than one record of this socket carries (SO_SNDBUF less 32 bytes,
+// -90 EMSGSIZE; the buffer is read only for payloads above 4 KiB, which
+// every send buffer carries). Once the header is out, its payload record
+// follows, or the result is -103 ECONNABORTED: the connection is out of step
+// (the peer would take the next header for a payload) and must be closed.
+//
+// Sizes the peer decides are not trusted with memory. recv(Message*) takes
+// what the payload record really holds into account before it allocates:
+// above 1 MiB announced, it measures the record first (MSG_PEEK|MSG_TRUNC).
+//   - A record shorter than announced: up to 1 MiB announced, the missing
+//     data reads as zeros and the result is 0, as it always was (a peer gone
+//     between the two records reads as an empty record); above, the record
+//     is consumed, its descriptors closed, and the result is -74 EBADMSG.
+//   - A record longer than announced is cut to the announced size; the rest
+//     is discarded by the kernel.
+//   - Descriptors: at most 253 can arrive in one record, so that is all the
+//     control buffer holds; a header announcing more gets the ones that
+//     came and -1 in the other slots (4 bytes each in the message).
+//   - Memory that cannot be had: the record is consumed, its descriptors
+//     closed, and the result is -12 ENOMEM. No exception leaves a receive.
+// In each failure the message keeps the new header and its old payload.
+//
+// A peer that stalls between its two records: the receive of the payload
+// waits at most the payload time-out (1 s unless set), then returns -103
+// ECONNABORTED: the header is consumed, the connection is out of step and
+// must be closed. A peer that closes meanwhile ends the wait at once. The
+// bound is the socket's receive time-out (SO_RCVTIMEO, set by bind() and
+// setPayloadTimeout()), so that the blocking recvmsg carries it at no extra
+// call; every other receive here waits on past it as before, but whoever
+// reads the descriptor directly sees it.
 #pragma once
 
 #include <ipc/Message.h>
 #include <ipc/Poller.h>
 #include <ipc/SocketPair.h>
+#include <sys/socket.h>
 #include <sysutils/FileDescriptor.h>
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 #include "ipc/Export.h"
 
@@ -70,8 +95,16 @@ class IPC_EXPORT UnixDomainSocket {
     void bind(Kestrel::utils::sys::FileDescriptor&& fd);
     bool isBound() const;
 
+    // How long a message's payload record may keep its receiver waiting once
+    // the header has arrived; also how long a send whose payload record could
+    // not follow its header at once (a non-blocking socket with a full
+    // buffer) retries it. 0 waits without limit. Set before the socket is in
+    // use, or from the thread that receives on it.
+    void setPayloadTimeout(std::chrono::milliseconds timeout);
+
     // Sends `message` as its two records; `message` keeps its descriptors.
     // A peer that has gone away gives -32 (EPIPE); no SIGPIPE is raised.
+    // Refusals and -103 ECONNABORTED: see the top of this file.
     // Blocks: while the peer's receive buffer is full.
     [[nodiscard]] int send(const Message& message);
     // Sends one record: the payload's data with its descriptors attached.
@@ -80,7 +113,8 @@ class IPC_EXPORT UnixDomainSocket {
     // Receives two records into `*message`: the header in place, then a
     // payload of the sizes it announces, which replaces the old one. When the
     // payload record is refused the message keeps the new header and its old
-    // payload. -14 for a null message.
+    // payload. -14 for a null message. What a record shorter or longer than
+    // announced gives, and the bounded wait for it: see the top of this file.
     // When only some of the announced descriptors arrive (see
     // receiveDataAndFileDescriptors) the result is 0 and the payload's fds
     // hold the k that arrived followed by -1 for each one lost, so a handler
@@ -88,7 +122,7 @@ class IPC_EXPORT UnixDomainSocket {
     // arrived; the header still announces every descriptor sent.
     // A peer that closes between the two records: the payload read sees end
     // of stream, which is -61 when descriptors were announced, and 0 with
-    // the new payload's data bytes all zero when none were.
+    // the new payload's data bytes all zero when none were (up to 1 MiB).
     // Blocks: until the peer sends or closes. The message must not be used
     // meanwhile.
     [[nodiscard]] int recv(Message* message);
@@ -98,7 +132,7 @@ class IPC_EXPORT UnixDomainSocket {
 
     // Sends one record of `dataSize` bytes with an SCM_RIGHTS control message
     // carrying `fdCount` descriptors (none allowed). The kernel's own limit on
-    // descriptors per message shows as -22 (EINVAL).
+    // descriptors per message (253) shows as -22 (EINVAL).
     [[nodiscard]] int sendDataAndFileDescriptors(const int* fds, size_t fdCount, const void* data,
                                                  size_t dataSize);
 
@@ -134,7 +168,19 @@ class IPC_EXPORT UnixDomainSocket {
     Poller getPoller(short events) const;
 
   private:
+    static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
+
+    // The second half of recv(Message*): the payload record into `storage`,
+    // which gets the `header` bytes in front.
+    [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,
+                                     uint32_t dataCount, uint16_t fdCount);
+    // The payload record of a send whose header alone went out.
+    [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
+    // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
+    void applyPayloadTimeout();
+
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
+    std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
 };
 
 }  // namespace Kestrel::ipc

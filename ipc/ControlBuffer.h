@@ -1,0 +1,48 @@
+// ControlBuffer: room on the stack for the control data of one record, an
+// SCM_RIGHTS message of up to kMaxRecordDescriptors descriptors, zero-filled.
+// The kernel passes no more in one record, so no record needs more room and
+// no peer's count can make it larger.
+//
+// Library-internal (the transport). Thread: one thread at a time.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+namespace Kestrel::ipc {
+
+// The kernel passes at most this many descriptors in one record (SCM_MAX_FD).
+constexpr size_t kMaxRecordDescriptors = 253;
+
+class ControlBuffer {
+  public:
+    // Room for `fdCount` descriptors, or for kMaxRecordDescriptors when more.
+    explicit ControlBuffer(size_t fdCount)
+        : mSize(CMSG_SPACE(sizeof(int) * std::min(fdCount, kMaxRecordDescriptors))) {
+        std::memset(mData, 0, mSize);
+    }
+    ControlBuffer(const ControlBuffer&) = delete;
+    ControlBuffer& operator=(const ControlBuffer&) = delete;
+
+    unsigned char* data() { return mData; }
+    size_t size() const { return mSize; }
+
+    // A header for one record: the single I/O vector `vector` and this buffer.
+    msghdr recordHeader(iovec* vector) {
+        msghdr header{};
+        header.msg_iov = vector;
+        header.msg_iovlen = 1;
+        header.msg_control = mData;
+        header.msg_controllen = mSize;
+        return header;
+    }
+
+  private:
+    alignas(cmsghdr) unsigned char mData[CMSG_SPACE(sizeof(int) * kMaxRecordDescriptors)];
+    size_t mSize;
+};
+
+}  // namespace Kestrel::ipc

@@ -1,0 +1,41 @@
+#include "OutgoingRecord.h"
+
+#include <ipc/utils/Log.h>
+
+#include <cstring>
+
+namespace Kestrel::ipc {
+
+namespace {
+// The transport's lines: they carry its tag and source name.
+constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
+                                  utils::kLogModuleCore};
+}  // namespace
+
+OutgoingRecord::OutgoingRecord(const void* data, size_t dataSize, const void* fds, size_t fdCount)
+    : mControl(fdCount), mVector{const_cast<void*>(data), dataSize} {
+    mHeader = mControl.recordHeader(&mVector);
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&mHeader);
+    if (cmsg == nullptr) {
+        IPC_FATAL("invalid struct cmsghdr, please check it");
+    }
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    if (fdCount != 0) {
+        std::memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
+    }
+}
+
+void OutgoingRecord::logBefore(const char* caller, int socketFd) {
+    IPC_LOGD("[%s] socketFd(%d)", caller, socketFd);
+    IPC_LOGD("[%s] cmsg_space(%zu) cmsg_len(%zu)", caller, mControl.size(),
+             static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len));
+}
+
+void OutgoingRecord::logSent(const char* caller, size_t sent) {
+    IPC_LOGD("[%s] bytes_sent(%zd) FDS_CMSG_SIZE(%zu)", caller, static_cast<ssize_t>(sent),
+             static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len - CMSG_LEN(0)));
+}
+
+}  // namespace Kestrel::ipc
