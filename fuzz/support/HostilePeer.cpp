@@ -161,8 +161,9 @@ PlayedPeer playHostilePeer(FuzzInput& input, Stalling stalling) {
     for (int i = 2; i <= shape.records; ++i) {
         writeRecord(peer.get(), payload, shape.payloadRights, payloadFds, shape.payloadCredentials);
     }
-    const bool stalls = shape.records == 1 && !shape.closes;
-    if (shape.closes || (stalls && stalling == Stalling::kNever)) {
+    // A peer that stays open may stall in more ways than one: its header may
+    // be refused by the kernel and its payload then read as a header.
+    if (shape.closes || stalling == Stalling::kNever) {
         peer = FileDescriptor();
     }
     return PlayedPeer{std::move(receiver), std::move(peer),

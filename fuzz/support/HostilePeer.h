@@ -32,8 +32,8 @@
 //
 // A peer that writes a header and no payload and stays open stalls: the
 // receive waits for the payload record until its time-out. Targets that
-// cannot shorten that wait ask for a peer that never stalls: it closes
-// instead.
+// cannot shorten that wait ask for a peer that never stalls: it always closes
+// its end once it has written.
 //
 // Every descriptor sent refers to /dev/null (the process keeps one open from
 // load); the copies in flight are the kernel's until received or until the
