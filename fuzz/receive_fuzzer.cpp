@@ -1,7 +1,9 @@
 // The receive path against whatever a peer can put on the socket: a header
 // record and a payload record of arbitrary bytes, any number of descriptors on
-// either, credentials, a missing record, an end of stream in the middle.
-// recv(Message*) must never crash or read out of bounds, and after each input
+// either, credentials, a missing record, an end of stream in the middle, a
+// stall between the records, a header that lies about the payload's size.
+// recv(Message*) must never crash or read out of bounds, never take much more
+// memory than the peer sent, never wait past its payload time-out, and after each input
 // no descriptor may remain open that was not handed to the caller: the ones
 // the received payload lists are checked to be new and open, then closed, and
 // the process must be left with exactly the descriptors it had before.
@@ -10,6 +12,8 @@
 #include <ipc/UnixDomainSocket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -30,15 +34,23 @@ using velacam::fuzz::FuzzInput;
     std::abort();
 }
 
+// A record shorter than announced reads as zeros up to this much announced
+// data; above it the receive measures the record before it allocates.
+constexpr size_t kZeroFilledUpTo = 1u << 20;
+
+// The payload time-out of the receiving socket: a stalled peer costs an input
+// this long.
+constexpr std::chrono::milliseconds kPayloadTimeout{1};
+
 // Checks what a successful receive handed over, then closes the descriptors.
-void takeDelivery(const Message& message, const std::set<int>& before) {
+void takeDelivery(const Message& message, size_t payloadBytes, const std::set<int>& before) {
     const Message::Payload payload = message.payload();
     if (!payload.data.empty() && payload.data.size() != message.dataCount()) {
         fail("payload data does not have the announced size",
              static_cast<long>(payload.data.size()));
     }
-    if (payload.data.size() > velacam::fuzz::kMaxDeclaredData) {
-        fail("more data than a header could announce", static_cast<long>(payload.data.size()));
+    if (payload.data.size() > std::max(payloadBytes, kZeroFilledUpTo)) {
+        fail("more data than the peer sent", static_cast<long>(payload.data.size()));
     }
     if (payload.fds.size() != message.fileDescriptorCount()) {
         fail("descriptors handed over differ from the announced count",
@@ -74,16 +86,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::set<int> before = velacam::fuzz::openDescriptors();
     {
         FuzzInput input(data, size);
-        velacam::fuzz::PlayedPeer played = velacam::fuzz::playHostilePeer(input);
+        velacam::fuzz::PlayedPeer played =
+                velacam::fuzz::playHostilePeer(input, velacam::fuzz::Stalling::kAllowed);
         UnixDomainSocket socket;
         socket.bind(std::move(played.receiver));
+        socket.setPayloadTimeout(kPayloadTimeout);
         Message message;
+        const auto start = std::chrono::steady_clock::now();
         const int result = socket.recv(&message);
+        if (std::chrono::steady_clock::now() - start > kPayloadTimeout + std::chrono::seconds(5)) {
+            fail("the receive waited past its payload time-out", result);
+        }
         if (result > 0) {
             fail("receive returned a positive value", result);
         }
         if (result == 0) {
-            takeDelivery(message, before);
+            takeDelivery(message, played.payloadBytes, before);
         }
     }
     velacam::fuzz::expectSameDescriptors(before, velacam::fuzz::openDescriptors());

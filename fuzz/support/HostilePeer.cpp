@@ -130,13 +130,16 @@ void enable(int fd, int option) {
 
 }  // namespace
 
-PlayedPeer playHostilePeer(FuzzInput& input) {
+PlayedPeer playHostilePeer(FuzzInput& input, Stalling stalling) {
     const Shape shape(input.take<uint8_t>());
     std::vector<uint8_t> header = input.bytes(input.take<uint8_t>() % (kMaxHeaderRecord + 1));
-    boundDeclaredData(header);
     const std::vector<int> headerFds = devNullTimes(input.take<uint8_t>() % (kMaxHeaderFds + 1));
     const std::vector<int> payloadFds = devNullTimes(payloadDescriptorCount(input.take<uint8_t>()));
     const std::vector<uint8_t> payload = input.bytes(input.take<uint16_t>());
+    const bool lies = (input.take<uint8_t>() & 1) != 0;
+    if (!lies) {
+        boundDeclaredData(header);
+    }
 
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -158,10 +161,13 @@ PlayedPeer playHostilePeer(FuzzInput& input) {
     for (int i = 2; i <= shape.records; ++i) {
         writeRecord(peer.get(), payload, shape.payloadRights, payloadFds, shape.payloadCredentials);
     }
-    if (shape.closes) {
+    // A peer that stays open may stall in more ways than one: its header may
+    // be refused by the kernel and its payload then read as a header.
+    if (shape.closes || stalling == Stalling::kNever) {
         peer = FileDescriptor();
     }
-    return PlayedPeer{std::move(receiver), std::move(peer)};
+    return PlayedPeer{std::move(receiver), std::move(peer),
+                      shape.records >= 2 ? payload.size() : 0};
 }
 
 std::set<int> openDescriptors() {
