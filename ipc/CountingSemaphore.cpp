@@ -16,20 +16,32 @@ void CountingSemaphore::acquire() {
     std::unique_lock<std::mutex> lock(mMutex);
     const auto available = [this] { return mCount > 0; };
     if (!available()) {
+        ++mWaiters;
         while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
             IPC_LOGD("[%s] timeout! key:%d", __func__, mCount);
         }
+        --mWaiters;
         IPC_LOGD("[%s] finishing waiting! key:%d", __func__, mCount);
     }
     --mCount;
 }
 
 void CountingSemaphore::release(int n) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    IPC_LOGD("[%s] before releasing! key:%d", __func__, mCount);
-    mCount += n;
-    IPC_LOGD("[%s] after releasing! key:%d", __func__, mCount);
-    mCond.notify_all();
+    bool waited = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        IPC_LOGD("[%s] before releasing! key:%d", __func__, mCount);
+        mCount += n;
+        IPC_LOGD("[%s] after releasing! key:%d", __func__, mCount);
+        waited = mWaiters > 0;
+    }
+    // Woken after the unlock, so that a waiter does not wake only to block on
+    // the mutex; and only when one waits. A waiter counted here is already
+    // inside the wait (it counts itself and waits under the same hold of the
+    // mutex), so it cannot miss this notification.
+    if (waited) {
+        mCond.notify_all();
+    }
 }
 
 }  // namespace Kestrel::ipc

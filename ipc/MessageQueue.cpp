@@ -3,6 +3,8 @@
 #include <ipc/MessageQueue.h>
 #include <ipc/utils/Log.h>
 
+#include "DroppedMessage.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -11,12 +13,16 @@ constexpr utils::LogSite kLogSite{"MessageQueue", "ipc/MessageQueue", utils::kLo
 
 MessageQueue::MessageQueue() : mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
 
-MessageQueue::~MessageQueue() = default;
+MessageQueue::~MessageQueue() {
+    mSemaphore.reset();
+    dropMessages(mMessages);
+}
 
 void MessageQueue::enqueueMessage(std::unique_ptr<Message> message,
                                   std::chrono::milliseconds /*timeout*/) {
     if (mExiting.load(std::memory_order_acquire)) {
         IPC_LOGW("message queue is exiting, skip enqueueMessage()");
+        dropMessage(std::move(message));
         return;
     }
     size_t queued = 0;
