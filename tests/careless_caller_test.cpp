@@ -147,7 +147,7 @@ class ResponseCheckCounter : public LogCapture {
 TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
     ResponseCheckCounter counter;
     Watchdog watchdog("reply rounds", 60s);
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 1000; ++round) {
         Message message;
         message.setHeader(static_cast<uint32_t>(round), 0, 0, 0, 0);
         const int before = counter.checks;
