@@ -12,27 +12,37 @@ CountingSemaphore::CountingSemaphore(int key) : mKey(key) {}
 
 CountingSemaphore::~CountingSemaphore() = default;
 
-void CountingSemaphore::acquire() {
+void CountingSemaphore::acquire() { acquireWith(nullptr); }
+
+void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
     std::unique_lock<std::mutex> lock(mMutex);
     const auto available = [this] { return mCount > 0; };
     if (!available()) {
         ++mWaiters;
         while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
-            IPC_LOGD("[%s] timeout! key:%d", __func__, mCount);
+            IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
         }
         --mWaiters;
-        IPC_LOGD("[%s] finishing waiting! key:%d", __func__, mCount);
+        IPC_LOGD("[%s] finishing waiting! key:%d", "acquire", mCount);
     }
     --mCount;
+    if (underLock) {
+        underLock();
+    }
 }
 
-void CountingSemaphore::release(int n) {
+void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }
+
+void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLock) {
     bool waited = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        IPC_LOGD("[%s] before releasing! key:%d", __func__, mCount);
+        if (underLock) {
+            underLock();
+        }
+        IPC_LOGD("[%s] before releasing! key:%d", "release", mCount);
         mCount += n;
-        IPC_LOGD("[%s] after releasing! key:%d", __func__, mCount);
+        IPC_LOGD("[%s] after releasing! key:%d", "release", mCount);
         waited = mWaiters > 0;
     }
     // Woken after the unlock, so that a waiter does not wake only to block on

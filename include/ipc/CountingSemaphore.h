@@ -23,6 +23,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 #include "ipc/Export.h"
@@ -47,6 +48,14 @@ class IPC_EXPORT CountingSemaphore {
     // (notify_all, after unlocking; nothing when nobody waits).
     // Thread: any. Never blocks beyond the mutex.
     void release(int n);
+
+    // acquire() and release() that also run `underLock` (when not empty)
+    // under the same hold of the mutex: after taking the unit, or before
+    // adding the units. An owner whose entries this mutex guards as well
+    // stores and takes them without a second lock. `underLock` must not call
+    // back into this semaphore.
+    void acquireWith(const std::function<void()>& underLock);
+    void releaseWith(int n, const std::function<void()>& underLock);
 
   private:
     std::mutex mMutex;

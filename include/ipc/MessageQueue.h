@@ -11,7 +11,8 @@
 // queue is destroyed) has its descriptors closed first: nobody else can
 // reach them any more. Thread: any number of producers
 // (enqueueMessage, requestExit) and exactly one consumer (nextMessage). The
-// list's mutex and the semaphore are never held together. Failure: nothing is
+// list is guarded by the semaphore's own mutex, so that storing or taking a
+// message and its unit costs one lock. Failure: nothing is
 // reported to callers; an enqueue after exit drops the message with a warning,
 // and nextMessage() after exit returns an empty message.
 #pragma once
@@ -21,7 +22,6 @@
 #include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 
 #include "ipc/Export.h"
 
@@ -66,8 +66,9 @@ class IPC_EXPORT MessageQueue {
     void requestExit();
 
   private:
-    std::mutex mMutex;
-    std::deque<std::unique_ptr<Message>> mMessages;  // guarded by mMutex; oldest first
+    // Guarded by the semaphore's mutex (stored and taken with the unit that
+    // counts it: one lock per enqueue and per take); oldest first.
+    std::deque<std::unique_ptr<Message>> mMessages;
     [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
     std::unique_ptr<CountingSemaphore> mSemaphore;   // one unit per message, one at exit
     std::atomic<bool> mExiting{false};               // set once by requestExit()
