@@ -34,7 +34,7 @@ void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
 void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }
 
 void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLock) {
-    bool waited = false;
+    int32_t waiters = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (underLock) {
@@ -43,13 +43,16 @@ void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLoc
         IPC_LOGD("[%s] before releasing! key:%d", "release", mCount);
         mCount += n;
         IPC_LOGD("[%s] after releasing! key:%d", "release", mCount);
-        waited = mWaiters > 0;
+        waiters = mWaiters;
     }
     // Woken after the unlock, so that a waiter does not wake only to block on
     // the mutex; and only when one waits. A waiter counted here is already
     // inside the wait (it counts itself and waits under the same hold of the
-    // mutex), so it cannot miss this notification.
-    if (waited) {
+    // mutex), so it cannot miss this notification. Every waiter is woken; with
+    // a single one, the cheaper notify_one() does exactly that.
+    if (waiters == 1) {
+        mCond.notify_one();
+    } else if (waiters > 1) {
         mCond.notify_all();
     }
 }

@@ -45,7 +45,7 @@ class IPC_EXPORT CountingSemaphore {
     void acquire();
 
     // Adds `n` units (a negative `n` lowers the count) and wakes every waiter
-    // (notify_all, after unlocking; nothing when nobody waits).
+    // (after unlocking; no notification at all when nobody waits).
     // Thread: any. Never blocks beyond the mutex.
     void release(int n);
 
