@@ -140,7 +140,6 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
 
     while (true) {
         IPC_LOGD("[%s] (1)", __func__);
-        readyHandlers.clear();
 
         // Wait for a handler. A spin on purpose, with no wake-up owed to it:
         // the gate above opened on a registration or an exit request, so it is
@@ -187,6 +186,7 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
             fresh = false;  // some ready handler had gone: drop it next cycle
         }
         handlePollEvent(result, readyHandlers);
+        readyHandlers.clear();  // no handler is kept alive through the next wait
         if (exit) {
             IPC_LOGD("[%s] reactor exits now", __func__);
             return;

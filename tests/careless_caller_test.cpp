@@ -160,6 +160,7 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
         // Signal just after the waiter's first check: the moment a lost
         // wake-up leaves it asleep for its whole second.
         while (counter.checks == before) {
+            std::this_thread::yield();
         }
         message.setHeader(static_cast<uint32_t>(round), 0, Message::kFlagReply, 0, 0);
         message.signalResponse();
