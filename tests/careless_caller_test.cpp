@@ -147,7 +147,7 @@ class ResponseCheckCounter : public LogCapture {
 TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
     ResponseCheckCounter counter;
     Watchdog watchdog("reply rounds", 60s);
-    for (int round = 0; round < 1000; ++round) {
+    for (int round = 0; round < 3000; ++round) {
         Message message;
         message.setHeader(static_cast<uint32_t>(round), 0, 0, 0, 0);
         const int before = counter.checks;
@@ -158,7 +158,8 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
             waited = std::chrono::steady_clock::now() - start;
         });
         // Signal just after the waiter's first check: the moment a lost
-        // wake-up leaves it asleep for its whole second.
+        // wake-up leaves it asleep for its whole second. The window is short,
+        // hence the many rounds.
         while (counter.checks == before) {
             std::this_thread::yield();
         }
