@@ -3,6 +3,8 @@
 #include <ipc/Message.h>
 #include <ipc/utils/Log.h>
 
+#include "DroppedMessage.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -30,23 +32,31 @@ void CBRegistry::unRegisterCB(std::unique_ptr<Message> message) {
     const uint32_t id = message->id();
     if (payload.data.empty()) {
         IPC_LOGE("CB status is missing, ERROR with msgID=%u", id);
+        dropMessage(std::move(message));
         return;
     }
     const uint8_t status = payload.data.front();
     std::function<void(uint8_t)> callback;
+    bool registered = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         const auto entry = mCallbacks.find(id);
-        if (entry == mCallbacks.end()) {
+        registered = entry != mCallbacks.end();
+        if (!registered) {
             IPC_LOGE("CB has not registered, ERROR with msgID=%u", id);
-            return;
+        } else {
+            IPC_LOGD("[%s] CB unRegistered, msgID=%u, msgPtr:%p, status:%d", __func__, id,
+                     static_cast<void*>(message.get()), static_cast<int>(status));
+            callback = std::move(entry->second);
+            mCallbacks.erase(entry);
         }
-        IPC_LOGD("[%s] CB unRegistered, msgID=%u, msgPtr:%p, status:%d", __func__, id,
-                 static_cast<void*>(message.get()), static_cast<int>(status));
-        callback = std::move(entry->second);
-        mCallbacks.erase(entry);
     }
-    callback(status);
+    // The callback sees only the status: the reply and its descriptors are
+    // done with, whether or not anyone waited for them.
+    dropMessage(std::move(message));
+    if (registered) {
+        callback(status);
+    }
 }
 
 void CBRegistry::updateCBList(std::unique_ptr<Message> message) {
@@ -67,7 +77,7 @@ CBRegistry::CBList::CBList(CBRegistry& registry)
     : mRegistry(registry),
       mSemaphore(std::make_unique<CountingSemaphore>(static_cast<int>(registry.mWaiterCount))) {}
 
-CBRegistry::CBList::~CBList() = default;
+CBRegistry::CBList::~CBList() { dropMessages(mMessages); }
 
 void CBRegistry::CBList::update(std::unique_ptr<Message> message) {
     {
@@ -83,6 +93,7 @@ bool CBRegistry::CBList::extract(std::unique_ptr<Message>& out) {
     if (mMessages.empty()) {
         return false;
     }
+    dropMessage(std::move(out));
     out = std::move(mMessages.front());
     mMessages.pop_front();
     return true;

@@ -12,24 +12,49 @@ CountingSemaphore::CountingSemaphore(int key) : mKey(key) {}
 
 CountingSemaphore::~CountingSemaphore() = default;
 
-void CountingSemaphore::acquire() {
+void CountingSemaphore::acquire() { acquireWith(nullptr); }
+
+void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
     std::unique_lock<std::mutex> lock(mMutex);
     const auto available = [this] { return mCount > 0; };
     if (!available()) {
+        ++mWaiters;
         while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
-            IPC_LOGD("[%s] timeout! key:%d", __func__, mCount);
+            IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
         }
-        IPC_LOGD("[%s] finishing waiting! key:%d", __func__, mCount);
+        --mWaiters;
+        IPC_LOGD("[%s] finishing waiting! key:%d", "acquire", mCount);
     }
     --mCount;
+    if (underLock) {
+        underLock();
+    }
 }
 
-void CountingSemaphore::release(int n) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    IPC_LOGD("[%s] before releasing! key:%d", __func__, mCount);
-    mCount += n;
-    IPC_LOGD("[%s] after releasing! key:%d", __func__, mCount);
-    mCond.notify_all();
+void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }
+
+void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLock) {
+    int32_t waiters = 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (underLock) {
+            underLock();
+        }
+        IPC_LOGD("[%s] before releasing! key:%d", "release", mCount);
+        mCount += n;
+        IPC_LOGD("[%s] after releasing! key:%d", "release", mCount);
+        waiters = mWaiters;
+    }
+    // Woken after the unlock, so that a waiter does not wake only to block on
+    // the mutex; and only when one waits. A waiter counted here is already
+    // inside the wait (it counts itself and waits under the same hold of the
+    // mutex), so it cannot miss this notification. Every waiter is woken; with
+    // a single one, the cheaper notify_one() does exactly that.
+    if (waiters == 1) {
+        mCond.notify_one();
+    } else if (waiters > 1) {
+        mCond.notify_all();
+    }
 }
 
 }  // namespace Kestrel::ipc

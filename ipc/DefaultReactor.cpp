@@ -84,6 +84,7 @@ bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
         const int key = strong->fd();
         added = mEventHandlers.try_emplace(key, std::move(handler)).second;
         if (added) {
+            ++mGeneration;
             IPC_LOGD("[%s] handler(key: %d) registered", __func__, key);
         } else {
             IPC_LOGW("handler(key: %d) already existed", key);
@@ -119,6 +120,7 @@ bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
         return false;
     }
     mEventHandlers.erase(entry);
+    ++mGeneration;
     // Named after the public operation, which is what both callers perform.
     IPC_LOGD("[%s] handler(key: %d) removed", "removeEventHandlerByFd", fd);
     return true;
@@ -126,9 +128,11 @@ bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
 
 void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
     Poller poller;
-    HandlerList activeHandlers;
-    std::vector<int> expiredKeys;
+    WatchedHandlers watched;
+    HandlerList readyHandlers;
     std::vector<PollEvent> result;
+    uint64_t seenGeneration = 0;
+    bool fresh = false;  // watched and poller match mGeneration == seenGeneration
 
     IPC_LOGD("[%s] Block to wait for signal", __func__);
     mSemaphore->acquire();
@@ -136,9 +140,6 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
 
     while (true) {
         IPC_LOGD("[%s] (1)", __func__);
-        poller.clear();
-        activeHandlers.clear();
-        expiredKeys.clear();
 
         // Wait for a handler. A spin on purpose, with no wake-up owed to it:
         // the gate above opened on a registration or an exit request, so it is
@@ -151,30 +152,13 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
             IPC_LOGW("no available handlers, continue to wait...");
         }
 
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            for (const auto& [key, weakHandler] : mEventHandlers) {
-                std::shared_ptr<EventHandler> handler = weakHandler.lock();
-                if (!handler) {
-                    IPC_LOGW("handler(key: %d) expired, remove it", key);
-                    expiredKeys.push_back(key);
-                    continue;
-                }
-                IPC_LOGD("[%s] handler(key: %d) active, add it", __func__, key);
-                poller.registerPollEvent(key, pollEventsOf(handler->type()));
-                activeHandlers.push_back(std::move(handler));
-            }
-            std::sort(activeHandlers.begin(), activeHandlers.end(), byDescriptor);
+        const bool changed = refreshWatched(watched, seenGeneration, fresh);
+        if (dropExpired(watched) || changed) {
+            rebuildPoller(poller, watched);
         }
-        for (const int key : expiredKeys) {
-            std::lock_guard<std::mutex> lock(mMutex);
-            eraseEntryLocked(key, true);
-        }
-
         IPC_LOGD("[%s] mExitEventFd(%d) (2)", __func__, mExitEventFd.get());
-        poller.registerPollEvent(mExitEventFd.get(), POLLIN);
         IPC_LOGD("[%s] The registered PollEvent count(%zu) timeout milliseconds(%lld)", __func__,
-                 poller.registeredPollEvents().size(), static_cast<long long>(timeout.count()));
+                 watched.size() + 1, static_cast<long long>(timeout.count()));
 
         result = poller.poll(timeout);
         const int pollError = errno;
@@ -185,19 +169,105 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
             } else {
                 IPC_LOGE("poll failed(%s) errno(%d)", strerror(pollError), pollError);
             }
+            // The exit descriptor is heard only through a wait that works:
+            // with waits that keep failing (a negative time-out, say) the
+            // flag is the only way out.
+            if (mExitRequested.load()) {
+                IPC_LOGD("[%s] reactor exits now", __func__);
+                return;
+            }
             IPC_LOGD("[%s] (4)", __func__);
             continue;
         }
 
         const bool exit = handleExitEvent(result.back());
         result.pop_back();
-        handlePollEvent(result, activeHandlers);
+        if (collectReady(watched, result, readyHandlers)) {
+            fresh = false;  // some ready handler had gone: drop it next cycle
+        }
+        handlePollEvent(result, readyHandlers);
+        readyHandlers.clear();  // no handler is kept alive through the next wait
         if (exit) {
             IPC_LOGD("[%s] reactor exits now", __func__);
             return;
         }
         IPC_LOGD("[%s] (4)", __func__);
     }
+}
+
+bool DefaultReactor::refreshWatched(WatchedHandlers& watched, uint64_t& seenGeneration,
+                                    bool& fresh) {
+    HandlerList keepAlive;  // released after the unlock: a last reference may go here
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (fresh && seenGeneration == mGeneration) {
+            return false;
+        }
+        watched.clear();
+        for (const auto& [key, weakHandler] : mEventHandlers) {
+            std::shared_ptr<EventHandler> handler = weakHandler.lock();
+            const short events = handler ? pollEventsOf(handler->type()) : 0;
+            watched.push_back({key, events, weakHandler});
+            if (handler) {
+                keepAlive.push_back(std::move(handler));
+            }
+        }
+        seenGeneration = mGeneration;
+        fresh = true;
+    }
+    return true;
+}
+
+bool DefaultReactor::dropExpired(WatchedHandlers& watched) {
+    size_t kept = 0;
+    for (size_t i = 0; i < watched.size(); ++i) {
+        if (watched[i].handler.expired()) {
+            IPC_LOGW("handler(key: %d) expired, remove it", watched[i].fd);
+            std::lock_guard<std::mutex> lock(mMutex);
+            eraseEntryLocked(watched[i].fd, true);
+            continue;
+        }
+        IPC_LOGD("[%s] handler(key: %d) active, add it", "loop", watched[i].fd);
+        if (kept != i) {
+            watched[kept] = std::move(watched[i]);
+        }
+        ++kept;
+    }
+    const bool dropped = kept != watched.size();
+    watched.resize(kept);
+    return dropped;
+}
+
+void DefaultReactor::rebuildPoller(Poller& poller, const WatchedHandlers& watched) {
+    poller.clear();
+    for (const Watched& entry : watched) {
+        poller.registerPollEvent(entry.fd, entry.events);
+    }
+    // Always the last entry, so its result is always the last pair.
+    poller.registerPollEvent(mExitEventFd.get(), POLLIN);
+}
+
+bool DefaultReactor::collectReady(const WatchedHandlers& watched, std::vector<PollEvent>& events,
+                                  HandlerList& readyHandlers) {
+    // `events` has one pair per entry of `watched`, in the same (ascending)
+    // order, so the ready handlers come out sorted.
+    bool gone = false;
+    size_t kept = 0;
+    for (size_t i = 0; i < events.size(); ++i) {
+        const PollEvent event = events[i];
+        if (event.second != 0) {
+            std::shared_ptr<EventHandler> handler = watched[i].handler.lock();
+            if (!handler) {
+                // Dropped during the wait: never called, removed next cycle.
+                gone = true;
+                continue;
+            }
+            readyHandlers.push_back(std::move(handler));
+        }
+        events[kept++] = event;
+    }
+    events.resize(kept);
+    return gone;
 }
 
 bool DefaultReactor::handleExitEvent(const std::pair<int, short>& event) {

@@ -18,11 +18,14 @@ void DequeHandler::setRunnable(std::shared_ptr<utils::Runnable>&& runnable) {
 }
 
 void DequeHandler::handleDeque() {
-    if (!mRunnable) {
+    // A copy: the runnable may replace itself through setRunnable() while it
+    // runs, and must live until it returns.
+    const std::shared_ptr<utils::Runnable> runnable = mRunnable;
+    if (!runnable) {
         IPC_LOGE("The runnable is invalid, do nothing");
         return;
     }
-    mRunnable->run();
+    runnable->run();
 }
 
 }  // namespace Kestrel::ipc

@@ -241,6 +241,12 @@ void Message::waitResponse() {
     });
 }
 
-void Message::signalResponse() { mResponseCondition.notify_one(); }
+void Message::signalResponse() {
+    // Passing through the waiter's mutex orders this notification after any
+    // check-then-wait in progress: a waiter has either not yet checked the
+    // reply bit (and will see it) or already waits (and is woken).
+    { const std::lock_guard<std::mutex> lock(mResponseMutex); }
+    mResponseCondition.notify_one();
+}
 
 }  // namespace Kestrel::ipc

@@ -3,6 +3,10 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/utils/Log.h>
 
+#include <cinttypes>
+
+#include "DroppedMessage.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -25,14 +29,17 @@ void MessageLoop::dispatchMessages() {
             continue;
         }
         ++mDispatchedCount;
-        // Hold the handler here: the message, which also holds it, is
-        // destroyed inside the call.
+        // Hold the handler here: the message, which may be its last owner,
+        // can be destroyed inside the call. One reference-count round trip on
+        // the consumer's own thread: cheap, and a handler that resets its
+        // message stays alive until it returns.
         const std::shared_ptr<MessageHandler> handler = next.message->messageHandler();
         if (handler) {
             handler->handleMessage(std::move(next.message));
+        } else {
+            dropMessage(std::move(next.message));
         }
-        next.message.reset();
-        IPC_LOGD("[%s] (%d message dispatched) -", __func__, mDispatchedCount);
+        IPC_LOGD("[%s] (%" PRId64 " message dispatched) -", __func__, mDispatchedCount);
     }
 }
 

@@ -3,6 +3,8 @@
 #include <ipc/MessageQueue.h>
 #include <ipc/utils/Log.h>
 
+#include "DroppedMessage.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -11,21 +13,30 @@ constexpr utils::LogSite kLogSite{"MessageQueue", "ipc/MessageQueue", utils::kLo
 
 MessageQueue::MessageQueue() : mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
 
-MessageQueue::~MessageQueue() = default;
+MessageQueue::~MessageQueue() {
+    mSemaphore.reset();
+    dropMessages(mMessages);
+}
 
 void MessageQueue::enqueueMessage(std::unique_ptr<Message> message,
                                   std::chrono::milliseconds /*timeout*/) {
     if (mExiting.load(std::memory_order_acquire)) {
         IPC_LOGW("message queue is exiting, skip enqueueMessage()");
+        dropMessage(std::move(message));
         return;
     }
-    size_t queued = 0;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mMessages.push_back(std::move(message));
-        queued = mMessages.size();  // for the log line only
-    }
-    mSemaphore->release(1);
+    // One pointer in the capture: small enough for std::function to keep it
+    // without allocating.
+    struct {
+        std::deque<std::unique_ptr<Message>>& messages;
+        std::unique_ptr<Message>& message;
+        size_t queued;  // for the log line only
+    } store{mMessages, message, 0};
+    mSemaphore->releaseWith(1, [&store] {
+        store.messages.push_back(std::move(store.message));
+        store.queued = store.messages.size();
+    });
+    const size_t queued = store.queued;
     IPC_LOGD("[%s] Release Semaphore of MessageQueue", __func__);
     IPC_LOGD("[%s] an available message arrived: %zu in total", __func__, queued);
 }
@@ -38,9 +49,26 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
     while (true) {
         IPC_LOGD("[%s] wait for the next buffer...", __func__);
         IPC_LOGD("[%s] Block to wait for signal", __func__);
-        mSemaphore->acquire();
+        // The exit flag is read with the unit: a message taken before exit is
+        // handed out, and one left behind at exit stays queued.
+        // One pointer in the capture, as in enqueueMessage().
+        struct {
+            MessageQueue& queue;
+            bool exiting;
+            std::unique_ptr<Message> message;
+            size_t remained;
+        } take{*this, false, nullptr, 0};
+        mSemaphore->acquireWith([&take] {
+            take.exiting = take.queue.mExiting.load(std::memory_order_acquire);
+            // A unit without a message (a stray exit unit) is simply consumed.
+            if (!take.exiting && !take.queue.mMessages.empty()) {
+                take.message = std::move(take.queue.mMessages.front());
+                take.queue.mMessages.pop_front();
+                take.remained = take.queue.mMessages.size();
+            }
+        });
         IPC_LOGD("[%s] Being signaled", __func__);
-        if (mExiting.load(std::memory_order_acquire)) {
+        if (take.exiting) {
             if (timeout < std::chrono::milliseconds(1)) {
                 IPC_LOGW("message queue is exiting, cannot get the next message now");
             } else {
@@ -48,16 +76,13 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
             }
             return {};
         }
-        std::lock_guard<std::mutex> lock(mMutex);
-        // A unit without a message (a stray exit unit) is simply consumed.
-        if (mMessages.empty()) {
+        if (!take.message) {
             continue;
         }
         IPC_LOGD("[%s] wake up to get the next message", __func__);
+        IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, take.remained);
         NextMessage next;
-        next.message = std::move(mMessages.front());
-        mMessages.pop_front();
-        IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, mMessages.size());
+        next.message = std::move(take.message);
         return next;
     }
 }

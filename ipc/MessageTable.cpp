@@ -3,6 +3,8 @@
 #include <ipc/MessageTable.h>
 #include <ipc/utils/Log.h>
 
+#include "DroppedMessage.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -13,7 +15,11 @@ MessageTable::MessageTable(unsigned long waiterCount)
     : mSemaphore(std::make_unique<CountingSemaphore>(static_cast<int>(waiterCount))),
       mWaiterCount(waiterCount) {}
 
-MessageTable::~MessageTable() { mTable.clear(); }
+MessageTable::~MessageTable() {
+    for (auto& entry : mTable) {
+        dropMessages(entry.second);
+    }
+}
 
 void MessageTable::update(std::unique_ptr<Message> message) {
     const uint32_t id = message->id();
@@ -45,6 +51,7 @@ bool MessageTable::extract(std::list<std::unique_ptr<Message>>& out) {
     const auto entry = mTable.begin();
     IPC_LOGD("[%s] extracting entry from message table,sizeof map=%zu, msgID=%d, sizeof list=%zu",
              __func__, mTable.size(), static_cast<int>(entry->first), entry->second.size());
+    dropMessages(out);
     out = std::move(entry->second);
     mTable.erase(entry);
     return true;

@@ -20,11 +20,14 @@ SocketEventHandler::SocketEventHandler(Kestrel::utils::sys::FileDescriptor&& fd,
 SocketEventHandler::~SocketEventHandler() = default;  // mRunnable goes first, then mSocket
 
 void SocketEventHandler::handleEvent() {
-    if (!mRunnable) {
+    // A copy: the runnable may replace itself through setRunnable() while it
+    // runs, and must live until it returns.
+    const std::shared_ptr<utils::Runnable> runnable = mRunnable;
+    if (!runnable) {
         IPC_LOGE("The runnable is invalid, do nothing");
         return;
     }
-    mRunnable->run();
+    runnable->run();
 }
 
 void SocketEventHandler::setRunnable(std::shared_ptr<utils::Runnable> runnable) {

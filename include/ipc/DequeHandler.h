@@ -6,7 +6,7 @@
 // and has no virtual operations.
 //
 // Thread: no lock is taken; setRunnable() and handleDeque() must not race on
-// the same object. Failure: handleDeque() without a runnable logs an error and
+// the same object from two threads. Failure: handleDeque() without a runnable logs an error and
 // does nothing; nothing is fatal.
 #pragma once
 
@@ -32,7 +32,10 @@ class IPC_EXPORT DequeHandler {
     void setRunnable(std::shared_ptr<utils::Runnable>&& runnable);
 
     // Runs the runnable on the calling thread and returns when it returns.
-    // Without one, logs "The runnable is invalid, do nothing" (error).
+    // Without one, logs "The runnable is invalid, do nothing" (error). The
+    // runnable is kept alive until it returns, even when it replaces itself
+    // with setRunnable() from inside run() (the one place where the two may
+    // meet on one object).
     void handleDeque();
 
   private:

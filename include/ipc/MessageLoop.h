@@ -9,8 +9,9 @@
 //
 // Ownership: queued messages belong to the queue; a dispatched message is
 // moved into its handler's handleMessage(std::unique_ptr<Message>), and one
-// without a handler is destroyed unhandled. Messages still queued at exit are
-// destroyed with the loop, not dispatched. Thread: dispatchMessages() on the
+// without a handler is destroyed unhandled, its descriptors closed. Messages
+// still queued at exit are destroyed with the loop, not dispatched, their
+// descriptors closed too. Thread: dispatchMessages() on the
 // owner thread only; messageQueue().enqueueMessage() and requestExit() from
 // any thread. Failure: none reported; exit is permanent.
 #pragma once
@@ -43,7 +44,9 @@ class IPC_EXPORT MessageLoop {
 
   private:
     MessageQueue mMessageQueue;
-    int32_t mDispatchedCount = 0;  // messages taken and dispatched; owner thread only
+    // Messages taken and dispatched; owner thread only. 64 bits: a busy loop
+    // passes 2^31 messages within days.
+    int64_t mDispatchedCount = 0;
 };
 
 }  // namespace Kestrel::ipc

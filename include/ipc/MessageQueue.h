@@ -6,10 +6,13 @@
 // exiting for good and adds one unit, so that a blocked consumer wakes, sees
 // the flag and gets an empty result.
 //
-// Ownership: the queue owns every message it holds; messages still queued when
-// it is destroyed are destroyed unhandled. Thread: any number of producers
+// Ownership: the queue owns every message it holds. A message it destroys
+// without handing it out (one enqueued after exit, one still queued when the
+// queue is destroyed) has its descriptors closed first: nobody else can
+// reach them any more. Thread: any number of producers
 // (enqueueMessage, requestExit) and exactly one consumer (nextMessage). The
-// list's mutex and the semaphore are never held together. Failure: nothing is
+// list is guarded by the semaphore's own mutex, so that storing or taking a
+// message and its unit costs one lock. Failure: nothing is
 // reported to callers; an enqueue after exit drops the message with a warning,
 // and nextMessage() after exit returns an empty message.
 #pragma once
@@ -17,9 +20,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <list>
+#include <deque>
 #include <memory>
-#include <mutex>
 
 #include "ipc/Export.h"
 
@@ -38,15 +40,16 @@ class IPC_EXPORT MessageQueue {
     };
 
     MessageQueue();
-    // No thread may be inside nextMessage(). Queued messages are destroyed
-    // without being handled.
+    // No thread may be inside any operation. Queued messages are destroyed
+    // without being handled, their descriptors closed.
     virtual ~MessageQueue();
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
     // Appends `message`. `timeout` is ignored on purpose: the queue has no
     // bound, so an enqueue never waits. After requestExit() the message is
-    // destroyed with "message queue is exiting, skip enqueueMessage()".
+    // destroyed, its descriptors closed, with "message queue is exiting, skip
+    // enqueueMessage()".
     // Thread: any.
     void enqueueMessage(std::unique_ptr<Message> message, std::chrono::milliseconds timeout);
 
@@ -63,8 +66,9 @@ class IPC_EXPORT MessageQueue {
     void requestExit();
 
   private:
-    std::mutex mMutex;
-    std::list<std::unique_ptr<Message>> mMessages;   // guarded by mMutex; oldest first
+    // Guarded by the semaphore's mutex (stored and taken with the unit that
+    // counts it: one lock per enqueue and per take); oldest first.
+    std::deque<std::unique_ptr<Message>> mMessages;
     [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
     std::unique_ptr<CountingSemaphore> mSemaphore;   // one unit per message, one at exit
     std::atomic<bool> mExiting{false};               // set once by requestExit()

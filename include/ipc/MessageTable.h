@@ -10,7 +10,9 @@
 // declared number of waiters; surplus waiters stay blocked.
 //
 // Ownership: the table owns every message it holds; messages stored after exit
-// are kept until the table is destroyed. Thread: any number of producers and
+// are kept until the table is destroyed. Messages the table destroys unread
+// (those still stored at destruction, those extract() replaces in `out`)
+// have their descriptors closed first. Thread: any number of producers and
 // the declared consumers; the table's mutex is never held while the semaphore
 // is acquired or released. Failure: nothing fails; extract() on an empty
 // table returns false.

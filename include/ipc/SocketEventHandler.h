@@ -48,6 +48,8 @@ class IPC_EXPORT SocketEventHandler : public EventHandler {
 
     // Runs the runnable on the calling thread. Without one, logs "The runnable
     // is invalid, do nothing" (error) and returns; the event is not consumed.
+    // The runnable is kept alive until it returns, even when it replaces
+    // itself with setRunnable() from inside run().
     void handleEvent() override;
 
     // Shares `runnable`, releasing the one held before.

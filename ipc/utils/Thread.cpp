@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -60,17 +61,29 @@ Thread::Thread() = default;
 Thread::Thread(Runnable* runnable, bool ownsRunnable)
     : mRunnable(runnable), mOwnsRunnable(ownsRunnable) {}
 
-Thread::Thread(Thread&& other) noexcept
-    : mRunnable(std::exchange(other.mRunnable, nullptr)),
-      mOwnsRunnable(std::exchange(other.mOwnsRunnable, false)) {}
+Thread::Thread(Thread&& other) noexcept { takeRunnableOf(other); }
 
 Thread& Thread::operator=(Thread&& other) {
     if (this != &other) {
+        refuseStarted(other);
         joinAndReleaseRunnable();
-        mRunnable = std::exchange(other.mRunnable, nullptr);
-        mOwnsRunnable = std::exchange(other.mOwnsRunnable, false);
+        takeRunnableOf(other);
     }
     return *this;
+}
+
+void Thread::refuseStarted(const Thread& other) {
+    // The started thread runs on `other` and its runnable: taking them away
+    // would free what that thread still uses.
+    if (other.mThread.joinable()) {
+        IPC_FATAL("cannot move a started thread");
+    }
+}
+
+void Thread::takeRunnableOf(Thread& other) {
+    refuseStarted(other);
+    mRunnable = std::exchange(other.mRunnable, nullptr);
+    mOwnsRunnable = std::exchange(other.mOwnsRunnable, false);
 }
 
 Thread::~Thread() { joinAndReleaseRunnable(); }
@@ -104,7 +117,15 @@ void Thread::run() {
         preTask();
     }
     IPC_LOGD("[%s] thread %d", __func__, ThreadData::myData().mTid);
-    mRunnable->run();
+    // An exception has nowhere to go from here: end the process saying so,
+    // rather than through a bare std::terminate.
+    try {
+        mRunnable->run();
+    } catch (const std::exception& error) {
+        IPC_FATAL("runnable threw an exception: %s", error.what());
+    } catch (...) {
+        IPC_FATAL("runnable threw an exception: %s", "(not a std::exception)");
+    }
 }
 
 Thread* Thread::myThread() { return ThreadData::myData().mThread; }

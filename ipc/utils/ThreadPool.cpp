@@ -3,6 +3,8 @@
 #include <ipc/utils/ThreadPool.h>
 
 #include <chrono>
+#include <exception>
+#include <functional>
 #include <string>
 
 namespace Kestrel::ipc::utils {
@@ -13,6 +15,18 @@ constexpr LogSite kLogSite{"ThreadPool", "ipc/utils/ThreadPool", kLogModuleCore}
 constexpr std::chrono::seconds kWaitSlice{10};
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+// A task's exception has nobody to reach on a worker: end the process saying
+// so, rather than through a bare std::terminate.
+void runTask(const std::function<void()>& task) {
+    try {
+        task();
+    } catch (const std::exception& error) {
+        IPC_FATAL("thread pool task threw an exception: %s", error.what());
+    } catch (...) {
+        IPC_FATAL("thread pool task threw an exception: %s", "(not a std::exception)");
+    }
+}
 }  // namespace
 
 // One worker: takes tasks from the pool's queue until the pool exits.
@@ -50,7 +64,7 @@ void ThreadPool::Worker::run() {
             }
         }
         if (task) {
-            task();
+            runTask(task);
         } else {
             IPC_LOGW("thread %zu has no callable method, do nothing", mIndex);
         }

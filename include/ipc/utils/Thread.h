@@ -14,6 +14,8 @@
 // Thread: start(), wait() and destruction of one Thread must not run
 // concurrently; the static accessors act on the calling thread.
 // Failure: start() throws std::system_error when no thread can be created.
+// Moving a started Thread, or an exception escaping its runnable, ends the
+// process with a fatal line that says which.
 // Calling a per-thread operation on the wrong kind of thread (main or not)
 // ends the process, except myMessageLoop(), which warns and returns null.
 #pragma once
@@ -71,9 +73,9 @@ class IPC_EXPORT Thread {
     Thread(Runnable* runnable, bool ownsRunnable);
 
     // Moves the runnable and its ownership only, leaving the source with none.
-    // The operating-system thread is deliberately not moved: the new object
-    // starts with no thread, and the source keeps (and later joins) its own.
-    // Starting the new object runs the same runnable on a second thread.
+    // Only a Thread that was never started (or was waited for) may be moved:
+    // a started one runs on the source object and its runnable, so moving it
+    // ends the process with "cannot move a started thread".
     Thread(Thread&& other) noexcept;
     // As the move constructor. A runnable this object owned is destroyed
     // first, after joining this object's thread if it still runs.
@@ -95,7 +97,9 @@ class IPC_EXPORT Thread {
     void wait();
 
     // The body of the started thread: sets up the thread's record (once per
-    // thread), then runs the runnable, which must be set.
+    // thread), then runs the runnable, which must be set. An exception that
+    // escapes the runnable ends the process with "runnable threw an
+    // exception: %s" (its what()).
     void run();
 
     // The calling thread's Thread (the static main-thread object on the main
@@ -128,6 +132,10 @@ class IPC_EXPORT Thread {
 
     // Joins, then destroys an owned runnable and forgets it.
     void joinAndReleaseRunnable();
+    // Ends the process when `other` has a thread still to join.
+    static void refuseStarted(const Thread& other);
+    // Takes `other`'s runnable and its ownership (refusing a started `other`).
+    void takeRunnableOf(Thread& other);
 
     static Thread sMainThread;  // stands for the main thread; made at load
 

@@ -15,7 +15,9 @@
 // setExitListener() and destruction from the owner.
 // Failure: a pool of zero workers only warns ("do nothing since thread number
 // is 0") and never runs a task; a worker that cannot be created makes the
-// constructor throw std::system_error (see Thread::start()).
+// constructor throw std::system_error (see Thread::start()). A task that
+// throws ends the process with "thread pool task threw an exception: %s"
+// (its what()): nobody is there to catch it.
 #pragma once
 
 #include <atomic>
