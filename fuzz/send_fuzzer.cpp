@@ -10,7 +10,6 @@
 // descriptor number that is not open, say) and the connection is out of step. Checked with plain
 // recvmsg calls on the other end, not with the library's receive.
 #include <errno.h>
-#include <fcntl.h>
 #include <ipc/Message.h>
 #include <ipc/UnixDomainSocket.h>
 #include <sys/socket.h>
@@ -43,18 +42,6 @@ constexpr size_t kMaxSendBuffer = 256 * 1024;
     std::fprintf(stderr, "%s (%ld)\n", what, value);
     std::abort();
 }
-
-int openDevNull() {
-    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-        std::perror("open /dev/null");
-        std::abort();
-    }
-    return fd;
-}
-
-// Opened at load, before any input takes its descriptor snapshot.
-const int sDevNull = openDevNull();
 
 // One record as the kernel delivers it, with the descriptors it carried.
 struct Record {
@@ -163,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Message::Payload payload;
         payload.data = input.bytesUpTo(dataSize);
         payload.data.resize(dataSize, 0xA5);
-        payload.fds.assign(fdCount, sDevNull);
+        payload.fds.assign(fdCount, velacam::fuzz::devNull());
         Message message;
         message.setHeader(input.take<uint32_t>(), input.take<uint32_t>(), input.take<uint32_t>(),
                           static_cast<uint32_t>(dataSize), static_cast<uint16_t>(fdCount));

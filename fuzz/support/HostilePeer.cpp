@@ -130,6 +130,8 @@ void enable(int fd, int option) {
 
 }  // namespace
 
+int devNull() { return sDevNull; }
+
 PlayedPeer playHostilePeer(FuzzInput& input, Stalling stalling) {
     const Shape shape(input.take<uint8_t>());
     std::vector<uint8_t> header = input.bytes(input.take<uint8_t>() % (kMaxHeaderRecord + 1));

@@ -70,6 +70,10 @@ struct PlayedPeer {
 // when it returns. Aborts when the pair cannot be made.
 PlayedPeer playHostilePeer(FuzzInput& input, Stalling stalling);
 
+// A descriptor of /dev/null, opened at load (before any input takes its
+// descriptor snapshot) and kept open: what played records carry.
+int devNull();
+
 // The descriptors open in this process (the listing's own excluded).
 std::set<int> openDescriptors();
 
