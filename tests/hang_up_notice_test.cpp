@@ -69,7 +69,7 @@ class HangUpNoticeTest : public ::testing::Test {
     DefaultReactor::HangUpListener recording(
             std::function<void(int fd, std::shared_ptr<EventHandler>&)> then) {
         return [this, then](int fd, short revents, std::shared_ptr<EventHandler> notified) {
-            const bool before = capture.contains(failureLine(fd, ""));
+            const bool before = capture.countContaining(failureLine(fd, "")) > 0;
             {
                 std::lock_guard<std::mutex> lock(noticesLock);
                 notices.push_back(
