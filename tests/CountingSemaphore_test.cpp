@@ -3,9 +3,11 @@
 // empty wait slice is in Log_test.)
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include "support/Waiting.h"
 
@@ -27,15 +29,25 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
     }
 
     std::atomic<int> returned{0};
+    std::atomic<pid_t> tids[2] = {};
+    const auto acquirers = [&] {
+        std::vector<std::thread> threads;
+        for (std::atomic<pid_t>& tid : tids) {
+            tid = 0;
+            threads.emplace_back([&] {
+                tid = gettid();
+                semaphore.acquire();
+                ++returned;
+            });
+        }
+        for (std::atomic<pid_t>& tid : tids) {
+            EXPECT_TRUE(waitUntil([&] { return tid.load() != 0; }));
+            EXPECT_TRUE(waitUntilAsleep(tid.load()));
+        }
+        return threads;
+    };
     semaphore.release(-1);
-    std::thread first([&] {
-        semaphore.acquire();
-        ++returned;
-    });
-    std::thread second([&] {
-        semaphore.acquire();
-        ++returned;
-    });
+    std::vector<std::thread> waiters = acquirers();
     semaphore.release(1);  // back to 0: still nothing to take
     EXPECT_TRUE(holdsThroughGrace([&] { return returned.load() == 0; }));
     semaphore.release(1);  // wakes both; exactly one takes the unit
@@ -43,8 +55,18 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
     EXPECT_TRUE(holdsThroughGrace([&] { return returned.load() == 1; }));
     semaphore.release(1);
     EXPECT_TRUE(waitUntil([&] { return returned.load() == 2; }));
-    first.join();
-    second.join();
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+
+    // A release wakes every waiter: both take their unit at once, not at the
+    // end of their 3000 ms wait slices.
+    waiters = acquirers();
+    semaphore.release(2);
+    EXPECT_TRUE(waitUntil([&] { return returned.load() == 4; }, 2s));
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
 }
 
 }  // namespace

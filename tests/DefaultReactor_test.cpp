@@ -5,8 +5,8 @@
 #include <ipc/DefaultReactor.h>
 #include <ipc/EventHandler.h>
 #include <poll.h>
-#include <sysutils/FileDescriptor.h>
 #include <sys/resource.h>
+#include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
 #include <algorithm>

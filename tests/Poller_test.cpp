@@ -55,9 +55,11 @@ TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
     poller.registerPollEvent(9, POLLPRI);
     poller.registerPollEvent(7, POLLOUT);
     poller.registerPollEvent(5, POLLIN);
-    EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {9, POLLPRI}, {5, POLLIN}}));
+    poller.registerPollEvent(3, POLLIN);
+    EXPECT_EQ(poller.registeredPollEvents(),
+              (Events{{7, POLLOUT}, {9, POLLPRI}, {5, POLLIN}, {3, POLLIN}}));
     EXPECT_TRUE(poller.unregisterPollEvent(9));
-    EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {5, POLLIN}}));
+    EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {5, POLLIN}, {3, POLLIN}}));
     EXPECT_FALSE(poller.unregisterPollEvent(9));
     EXPECT_EQ(capture.levelOf("fd(9) is not registered before, do nothing"), 2u);
     poller.clear();

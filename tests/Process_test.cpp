@@ -68,8 +68,9 @@ TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInThe
     if (getpid() != mParentPid) {
         // The child: exec failed and control came back here.
         const bool expected = missing.pid() == -1 && missing.children().empty() &&
-                              mCapture.count("execute a file (/nonexistent/velacam-program) "
-                                             "failed(No such file or directory)") == 1;
+                              mCapture.count(
+                                      "execute a file (/nonexistent/velacam-program) "
+                                      "failed(No such file or directory)") == 1;
         _exit(expected ? 42 : 43);
     }
     EXPECT_TRUE(named.children().empty());

@@ -16,6 +16,7 @@
 
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
+#include "support/Messages.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -99,9 +100,9 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     // loop goes with that thread's record.
     auto handler = std::make_shared<MarkingHandler>(tid0);
     for (uint32_t id : {1u, 2u, 3u}) {
-        auto message = std::make_unique<Message>(handler);
-        message->setHeader(id, 0, 0, 0, 0);
-        (id == 2 ? loop1 : loop0)->messageQueue().enqueueMessage(std::move(message), 0ms);
+        (id == 2 ? loop1 : loop0)
+                ->messageQueue()
+                .enqueueMessage(makeMessage(id, {}, {}, handler), 0ms);
     }
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
     ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));

@@ -4,9 +4,8 @@
 #pragma once
 
 #include <ipc/EventHandler.h>
-#include <sysutils/FileDescriptor.h>
-
 #include <sys/types.h>
+#include <sysutils/FileDescriptor.h>
 
 #include <atomic>
 
