@@ -62,19 +62,22 @@ TEST_F(ThreadPoolTest, ZeroWorkersOnlyWarn_OneWorkerRunsTasksInTheOrderAdded) {
     EXPECT_EQ(countAt(3, "wake up since queue size(0) or isExiting(yes)"), 1u);
     EXPECT_EQ(countAt(2, "thread 0 has no callable method, do nothing"), 1u);
 
-    // The worker is held in its first task while the others queue up.
+    // The worker is held in its first task while the others queue up; the
+    // last one added sees all the others done.
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
     std::vector<int> order;  // the worker's until `done`
-    std::promise<void> done;
+    std::promise<size_t> done;
     ThreadPool pool(1);
     pool.addTask([opened] { opened.wait_for(kLimit); });
     for (int i = 0; i < 20; ++i) {
         pool.addTask([&order, i] { order.push_back(i); });
     }
-    pool.addTask([&done] { done.set_value(); });
+    pool.addTask([&] { done.set_value(order.size()); });
     gate.set_value();
-    ASSERT_EQ(done.get_future().wait_for(kLimit), std::future_status::ready);
+    std::future<size_t> lastRan = done.get_future();
+    ASSERT_EQ(lastRan.wait_for(kLimit), std::future_status::ready);
+    ASSERT_EQ(lastRan.get(), 20u);
     std::vector<int> expected(20);
     std::iota(expected.begin(), expected.end(), 0);
     EXPECT_EQ(order, expected);
