@@ -27,6 +27,7 @@
 #include "support/EventFdHandler.h"
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
+#include "support/Messages.h"
 #include "support/RawPeer.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -93,13 +94,9 @@ TEST_F(DyingPeerTest, PeerAnsweringUnderSignalsThenKilled_IsNoticedOnceAndTheLoo
 
     const FileDescriptor file = memoryFile("carried");
     const auto send = [&](uint32_t id) {
-        Message request;
-        Message::Payload payload;
-        payload.data = {static_cast<uint8_t>(id), 'a', 'b', 'c'};
-        payload.fds = {file.get()};
-        request.setPayload(payload);
-        request.setHeader(id, 1, 0, 4, 1);
-        EXPECT_EQ(socket->sendMessage(request), 0) << "message " << id;
+        const auto request =
+                makeMessage(id, {static_cast<uint8_t>(id), 'a', 'b', 'c'}, {file.get()});
+        EXPECT_EQ(socket->sendMessage(*request), 0) << "message " << id;
     };
     {
         // A counting handler WITHOUT SA_RESTART: every blocking call it
