@@ -1,6 +1,6 @@
 // The endpoints: the base server and client, the factory's identities, the
-// call table, and the dummy server reversing a shared-memory buffer that the
-// sharing process then sees reversed.
+// call table, and the dummy server reversing the planes of shared-memory
+// buffers, which their owner then sees reversed.
 #include <gtest/gtest.h>
 #include <ipc/IPCClient.h>
 #include <ipc/IPCDummyServer.h>
@@ -14,10 +14,10 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <typeinfo>
 #include <vector>
 
 #include "support/Descriptors.h"
-#include "support/LogCapture.h"
 #include "support/RawPeer.h"
 
 namespace {
@@ -119,22 +119,11 @@ class IPCDummyServerTest : public ::testing::Test {
     void TearDown() override { mLeaks.check(); }
 
     DescriptorLeakCheck mLeaks;
-    LogCapture mCapture;
     IPCServer& mServer = *serverOf(IPC_PLATFORM_TYPE_DUMMY);
 };
 
-TEST_F(IPCDummyServerTest, AnotherProcessReversesTheBufferThisProcessSees) {
-    const FileDescriptor plane = planeOf({1, 2, 3, 4, 5});
-    const pid_t pid = forkPeer([&] {
-        return mServer.registerBuffer({bufferOf(1, {{plane.get(), 4}})}) == -1 ? 0 : 1;
-    });
-    ASSERT_EQ(waitPeer(pid), 0);
-    EXPECT_EQ(valuesIn(plane), (std::vector<int32_t>{4, 3, 2, 1, 5}));  // the first `size` only
-}
-
-TEST_F(IPCDummyServerTest, CallTableReachesTheDummyWhichReversesEachPlaneAndLogsIt) {
+TEST_F(IPCDummyServerTest, CallTableReachesTheDummyWhichReversesEachPlane) {
     EXPECT_EQ(mServer.registerBuffer({}), -1);
-    EXPECT_TRUE(mCapture.lines().empty());
     const FileDescriptor first = planeOf({10, 20});
     const FileDescriptor single = planeOf({42});
     const CameraAlgorithmOps ops = mServer.getCameraAlgorithmOps();
@@ -143,22 +132,6 @@ TEST_F(IPCDummyServerTest, CallTableReachesTheDummyWhichReversesEachPlaneAndLogs
     EXPECT_EQ(valuesIn(single), (std::vector<int32_t>{42}));
     EXPECT_TRUE(isOpen(first.get()));
     EXPECT_TRUE(isOpen(single.get()));
-    std::vector<std::string> texts;
-    for (const LogLine& line : mCapture.lines()) {
-        EXPECT_EQ(line.tag, "IPCDummyServer");
-        texts.push_back(line.text);
-    }
-    EXPECT_EQ(texts, (std::vector<std::string>{
-                             "[registerBuffer] buffer id(5)",
-                             "[registerBuffer] plane size(2)",
-                             "[registerBuffer] plane content[0]: before(10)",
-                             "[registerBuffer] plane content[1]: before(20)",
-                             "[registerBuffer] plane content[0]: after(20)",
-                             "[registerBuffer] plane content[1]: after(10)",
-                             "[registerBuffer] plane size(1)",
-                             "[registerBuffer] plane content[0]: before(42)",
-                             "[registerBuffer] plane content[0]: after(42)",
-                     }));
     EXPECT_EQ(ops.deregisterBuffer({5}), -1);
     EXPECT_EQ(ops.handleRequest(CameraAlgorithmRequest{}), -1);
     EXPECT_EQ(mServer.init(), -1);

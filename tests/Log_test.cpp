@@ -1,18 +1,23 @@
-// The log convention: gates, both sinks, the frame, truncation, the fatal path.
-// The library's own sites are exercised through Message (core module) and
-// CountingSemaphore (synchronisation module), whose lines are known.
+// The log convention: gates, both sinks, the frame, truncation, the fatal
+// path, and the debug lines themselves. The library's own sites are exercised
+// through Message (core module) and CountingSemaphore (synchronisation
+// module), whose lines are known. CTest runs this suite with the debug
+// property set, and the gate once more without it.
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <ipc/Message.h>
 #include <ipc/utils/Log.h>
 #include <ulog/ULogger.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "support/LogChecks.h"
+#include "support/LogCapture.h"
+#include "support/Waiting.h"
 
 namespace {
 
@@ -50,7 +55,17 @@ TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
     EXPECT_EQ(line.moduleId, 0x401034u);
 }
 
-using LogSinks = DebugLogTest;
+// The cases below read debug lines.
+class LogSinks : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (LogSetting::logLevel() < 1) {
+            GTEST_SKIP() << "needs the debug property";
+        }
+    }
+
+    LogCapture capture;
+};
 
 // A site declared here behaves as one in the library's own sources.
 constexpr LogSite kLogSite{"Thread", "ipc/utils/Thread", kLogModuleCore};
@@ -163,6 +178,25 @@ TEST_F(LogFatalDeathTest, FatalCheckRecordsFlushesThenAbortsWithTheMessageAndIts
                  "recorded\\(1\\): the data size\\(25\\) is not the same as the header "
                  "size\\(24\\)\nflushed\\(1\\)\nMessage: the data size");
     ULogger::sULogger = &capture;
+}
+
+// The one line that shows a waiter is still there: it never gives up, and
+// says so at the end of each 3000 ms slice that found no unit.
+TEST_F(LogSinks, SemaphoreWaiterLogsTimeoutOncePerEmptySliceAndKeepsWaiting) {
+    Watchdog watchdog("semaphore slice", 30s);
+    CountingSemaphore semaphore(1);
+    std::atomic<bool> returned{false};
+    std::thread waiter([&] {
+        semaphore.acquire();
+        returned = true;
+    });
+    ASSERT_TRUE(capture.waitFor("[acquire] timeout! key:0"));
+    EXPECT_FALSE(returned.load());
+    semaphore.release(1);
+    waiter.join();
+    EXPECT_EQ(capture.count("[acquire] timeout! key:0"), 1u);
+    EXPECT_EQ(capture.count("[acquire] finishing waiting! key:1"), 1u);
+    EXPECT_EQ(capture.count("[release] after releasing! key:1"), 1u);
 }
 
 }  // namespace

@@ -67,14 +67,10 @@ TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInThe
     Process missing = self.create("/nonexistent/velacam-program", {"first"}, {});
     if (getpid() != mParentPid) {
         // The child: exec failed and control came back here.
-        const bool expected =
-                missing.pid() == -1 && missing.children().empty() &&
-                mCapture.count(
-                        "execute a file (/nonexistent/velacam-program) "
-                        "failed(No such file or directory)") == 1 &&
-                mCapture.count("[create] execvp filename(/nonexistent/velacam-program) +") == 1 &&
-                mCapture.count("[create] execvp argv(first) +") == 1 &&
-                mCapture.count("[create] execvp filename(/nonexistent/velacam-program) -") == 1;
+        const bool expected = missing.pid() == -1 && missing.children().empty() &&
+                              mCapture.count(
+                                      "execute a file (/nonexistent/velacam-program) "
+                                      "failed(No such file or directory)") == 1;
         _exit(expected ? 42 : 43);
     }
     EXPECT_TRUE(named.children().empty());
@@ -86,9 +82,6 @@ TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInThe
     EXPECT_TRUE(exitedWith(reap(named.pid()), 3));
     EXPECT_TRUE(exitedWith(reap(counted.pid()), 2));
     EXPECT_TRUE(exitedWith(reap(missing.pid()), 42));
-    EXPECT_EQ(mCapture.count("[create] child process PID(" + std::to_string(named.pid()) +
-                             ") created"),
-              1u);
 }
 
 TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllKeepTheirSteps) {
@@ -96,14 +89,10 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     Process sleeper = start(self, "/bin/sleep", {"30"});
     EXPECT_TRUE(sleeper.terminate());
     EXPECT_TRUE(killedBy(reap(sleeper.pid()), SIGTERM));
-    EXPECT_EQ(mCapture.count("[terminate] Pid(" + std::to_string(sleeper.pid()) + ")"), 1u);
     EXPECT_FALSE(sleeper.terminate());  // reaped already
     EXPECT_EQ(mCapture.count("failed to kill the process (No such process)"), 1u);
-    mCapture.clear();
     EXPECT_FALSE(Process(-1).terminate());
-    ASSERT_EQ(mCapture.count("invalid process ID (-1)"), 1u);
-    EXPECT_EQ(mCapture.lines().back().level, 1u);
-    EXPECT_EQ(mCapture.lines().back().tag, "Process");
+    EXPECT_EQ(mCapture.levelOf("invalid process ID (-1)"), 1u);
 
     // Still observed after terminate(); an unknown id changes nothing, logs nothing.
     mCapture.clear();
@@ -128,9 +117,6 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     ASSERT_EQ(copy.children().size(), 3u);
     copy.removeFromObservation(sleeper.pid());
     EXPECT_EQ(copy.children().size(), 2u);
-    EXPECT_EQ(mCapture.count("[operator()] child process PID(" + std::to_string(sleeper.pid()) +
-                             ") removed"),
-              1u);
 }
 
 TEST_F(ProcessTest, CloseOpenFileDescriptors_KeepsExactlyTheListedOnesAndZero) {
@@ -148,21 +134,10 @@ TEST_F(ProcessTest, CloseOpenFileDescriptors_KeepsExactlyTheListedOnesAndZero) {
         }
         return open;
     };
-    const auto closeLine = [](int fd, const char* edge) {
-        return "[closeOpenFileDescriptors] close fd(" + std::to_string(fd) + ") " + edge;
-    };
-    // Each child exits with 0, or with the number of the first check that failed.
+    // Each child exits with 0 when exactly the listed descriptors are left.
     const int kept = waitPeer(forkPeer([&] {
-        mCapture.clear();
         Process::closeOpenFileDescriptors({2, keep, 1, 999});  // unsorted; 999 is not open
-        const size_t zeroes = before.count(0) != 0 ? 3 : 2;    // ".", ".." and "0"
-        return openDescriptors() != openOf({0, 1, 2, keep})               ? 10
-               : mCapture.count("no conversion occurs (3-1)") != 2        ? 11
-               : mCapture.count("strtoul: no valid conversion") != zeroes ? 12
-               : mCapture.count(closeLine(extra, "+")) != 1               ? 13
-               : mCapture.count(closeLine(extra, "-")) != 1               ? 14
-               : mCapture.count(closeLine(keep, "+")) != 0                ? 15
-                                                                          : 0;
+        return openDescriptors() == openOf({0, 1, 2, keep}) ? 0 : 10;
     }));
     EXPECT_EQ(kept, 0);
     const int none = waitPeer(forkPeer([&] {

@@ -16,6 +16,7 @@
 
 #include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
+#include "support/Messages.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -55,9 +56,7 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_EQ(ThreadData::myData().tid(), getpid());
     EXPECT_EQ(Thread().id(), getpid());
     EXPECT_EQ(Thread::myMessageLoop(), nullptr);
-    ASSERT_EQ(mCapture.count("only non-main thread can reach here."), 1u);
-    EXPECT_EQ(mCapture.lines().back().level, 2u);
-    EXPECT_EQ(mCapture.lines().back().tag, "Thread");
+    EXPECT_EQ(mCapture.levelOf("only non-main thread can reach here."), 2u);
 
     // Thread 0 dispatches its loop; thread 1 holds its loop until `leave`.
     // Each tells its loop and kernel thread id.
@@ -96,15 +95,14 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_NE(loop0, loop1);
     EXPECT_EQ(threads[0].id(), getpid());
     EXPECT_EQ(mCapture.count("only non-main thread can reach here."), 1u);
-    EXPECT_EQ(mCapture.count("[run] thread " + std::to_string(tid0)), 1u);
 
     // Thread 0 handles what is queued on its loop; what waits in thread 1's
     // loop goes with that thread's record.
     auto handler = std::make_shared<MarkingHandler>(tid0);
     for (uint32_t id : {1u, 2u, 3u}) {
-        auto message = std::make_unique<Message>(handler);
-        message->setHeader(id, 0, 0, 0, 0);
-        (id == 2 ? loop1 : loop0)->messageQueue().enqueueMessage(std::move(message), 0ms);
+        (id == 2 ? loop1 : loop0)
+                ->messageQueue()
+                .enqueueMessage(makeMessage(id, {}, {}, handler), 0ms);
     }
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
     ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
@@ -122,12 +120,10 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     std::atomic<bool> ranBeforeDestruction{false};
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
-    // The gate opens a little after the destructor has begun, so that a
+    // The gate opens once this thread sleeps in the destructor, so that a
     // destructor that did not join would destroy the runnable first.
-    std::thread opener([&gate] {
-        std::this_thread::sleep_for(20ms);
-        gate.set_value();
-    });
+    const pid_t self = gettid();
+    std::thread opener;
     {
         Thread thread(new FunctionRunnable(
                               [&, opened] {
@@ -137,6 +133,10 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
                               &destroyed),
                       true);
         thread.start();
+        opener = std::thread([&gate, self] {
+            waitUntilAsleep(self);
+            gate.set_value();
+        });
     }
     opener.join();
     EXPECT_TRUE(ranBeforeDestruction);

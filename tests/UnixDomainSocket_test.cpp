@@ -1,20 +1,20 @@
 // UnixDomainSocket and SocketPair: the pair and its buffer sizes, the wire
 // format read back with raw recvmsg, round trips, descriptor ownership, and
-// the return codes and lines of each failure.
+// the return codes and error lines of each failure.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/UnixDomainSocket.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <string>
 #include <vector>
 
-#include "support/LogChecks.h"
+#include "support/Messages.h"
 #include "support/SocketPairFixture.h"
 
 namespace {
@@ -40,21 +40,12 @@ int kernelBufferSize(unsigned long requested, const char* maximumPath) {
     return static_cast<int>(2 * std::min(requested, maximum));
 }
 
-Message makeMessage(uint32_t id, const Bytes& data, const std::vector<int>& fds) {
-    Message message;
-    message.setHeader(id, id + 1, 3, static_cast<uint32_t>(data.size()),
-                      static_cast<uint16_t>(fds.size()));
-    message.setPayload(payloadOf(data, fds));
-    return message;
-}
-
 TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBufferSizes) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     const int receive = kernelBufferSize(65536, "/proc/sys/net/core/rmem_max");
     const int send = kernelBufferSize(98304, "/proc/sys/net/core/wmem_max");
     for (const bool oneWay : {false, true}) {
         SCOPED_TRACE(oneWay ? "one way" : "both ways");
-        LogCapture capture;
         const ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 98304, oneWay);
         const int s0 = pair.first.get();
         const int s1 = pair.second.get();
@@ -71,119 +62,86 @@ TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBuffer
             EXPECT_EQ(fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
             EXPECT_EQ(fcntl(end, F_GETFL) & O_NONBLOCK, 0);
         }
-        expectDebugLinesOnce(capture, {"[createPairedSocket] socketpair created (" +
-                                       std::to_string(s0) + ", " + std::to_string(s1) + ")"});
         char got = 0;
         ASSERT_EQ(::write(s1, "p", 1), 1);
         EXPECT_EQ(::read(s0, &got, 1), 1);
-        EXPECT_EQ(got, 'p');
-
         const ipc::SocketPair copy(pair);  // owns duplicates of both ends
         EXPECT_NE(copy.first.get(), s0);
-        EXPECT_NE(copy.second.get(), s1);
         EXPECT_TRUE(sameFile(copy.first.get(), s0));
         EXPECT_TRUE(sameFile(copy.second.get(), s1));
     }
-    leaks.check();
 }
 
 class UnixDomainSocketTest : public SocketPairFixture {
   protected:
     void SetUp() override {
-        SocketPairFixture::SetUp();
-        rawSender = peer.get();
-        sender.bind(std::move(peer));
-    }
-    void TearDown() override {
-        sender.bind(FileDescriptor());
-        SocketPairFixture::TearDown();
+        receiver.bind(std::move(pair.first));
+        sender.bind(std::move(pair.second));
     }
 
+    UnixDomainSocket receiver;
     UnixDomainSocket sender;
-    int rawSender = -1;
 };
 
 TEST_F(UnixDomainSocketTest, WireFormat_IsAHeaderRecordThenADataRecordWithTheDescriptors) {
+    const std::vector<ipc::Poller::PollEvent> readable{{near, POLLIN}};
     ipc::Poller poller = receiver.getPoller(POLLIN);
-    const std::vector<ipc::Poller::PollEvent> readable{{rawReceiver, POLLIN}};
     EXPECT_EQ(poller.registeredPollEvents(), readable);
     FileDescriptor second = memoryFile("second");
-    const Message message = makeMessage(7, {'a', 'b', 'c'}, {file.get(), second.get()});
-    ASSERT_EQ(sender.send(message), 0);
-    EXPECT_EQ(poller.poll(std::chrono::milliseconds(1000)), readable);
+    const auto message = makeMessage(7, {'a', 'b', 'c'}, {file.get(), second.get()});
+    ASSERT_EQ(sender.send(*message), 0);
+    EXPECT_EQ(poller.poll(1000ms), readable);
 
-    const auto [headerBytes, headerSize] = message.header();
-    const auto header = readRecord(rawReceiver);
-    EXPECT_EQ(header.result, 24);
+    const auto [headerBytes, headerSize] = message->header();
+    const auto header = readRecord(near);
     EXPECT_EQ(header.data, Bytes(headerBytes, headerBytes + headerSize));
     EXPECT_TRUE(header.controls.empty());  // an empty SCM_RIGHTS message arrives as none
-    EXPECT_EQ(header.flags, 0);
-
-    const auto data = readRecord(rawReceiver);
+    const auto data = readRecord(near);
     EXPECT_EQ(data.data, (Bytes{'a', 'b', 'c'}));
     EXPECT_EQ(data.flags, 0);
     ASSERT_EQ(data.controls.size(), 1u);
-    EXPECT_EQ(data.controls[0].level, SOL_SOCKET);
     EXPECT_EQ(data.controls[0].type, SCM_RIGHTS);
-    EXPECT_EQ(data.controls[0].length, CMSG_LEN(2 * sizeof(int)));
     ASSERT_EQ(data.controls[0].fds.size(), 2u);
     EXPECT_TRUE(sameFile(data.controls[0].fds[0].get(), file.get()));
     EXPECT_TRUE(sameFile(data.controls[0].fds[1].get(), second.get()));
-    expectDebugLinesOnce(capture, {"[sendDataAndFileDescriptors] cmsg_space(16) cmsg_len(16)",
-                                   "[sendDataAndFileDescriptors] bytes_sent(24) FDS_CMSG_SIZE(0)",
-                                   "[sendDataAndFileDescriptors] cmsg_space(24) cmsg_len(24)",
-                                   "[sendDataAndFileDescriptors] bytes_sent(3) FDS_CMSG_SIZE(8)"});
 
-    // An empty message: a header and an empty record without control data.
+    // An empty message: a header and an empty record; nothing else follows.
     ASSERT_EQ(sender.send(Message()), 0);
-    EXPECT_EQ(readRecord(rawReceiver).result, 24);
-    const auto empty = readRecord(rawReceiver);
-    EXPECT_EQ(empty.result, 0);
-    EXPECT_TRUE(empty.controls.empty());
-    // Nothing else is waiting: two records a message.
-    EXPECT_EQ(readRecord(rawReceiver, 64, 4, MSG_DONTWAIT).error, EAGAIN);
+    EXPECT_EQ(readRecord(near).result, 24);
+    EXPECT_EQ(readRecord(near).result, 0);
+    EXPECT_EQ(readRecord(near, 64, 4, MSG_DONTWAIT).error, EAGAIN);
 }
 
 TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForTheSameFiles) {
-    FileDescriptor second = memoryFile("second");
-    ASSERT_EQ(sender.send(makeMessage(41, {1, 2, 3}, {file.get(), second.get()})), 0);
-    ASSERT_EQ(sender.send(makeMessage(42, {9}, {})), 0);
-
+    const auto sent = makeMessage(41, {1, 2, 3}, {file.get()}, nullptr, 42);
+    sent->setHeader(41, 42, 3, 3, 1);
+    ASSERT_EQ(sender.send(*sent), 0);
+    ASSERT_EQ(sender.send(*makeMessage(43, {9})), 0);
     Message received;
     ASSERT_EQ(receiver.recv(&received), 0);
-    EXPECT_EQ(received.id(), 41u);
-    EXPECT_EQ(received.type(), 42u);
-    EXPECT_EQ(received.flags(), 3u);
+    EXPECT_EQ(std::make_tuple(received.id(), received.type(), received.flags()),
+              std::make_tuple(41u, 42u, 3u));
     const Message::Payload payload = received.payload();
     EXPECT_EQ(payload.data, (Bytes{1, 2, 3}));
-    ASSERT_EQ(payload.fds.size(), 2u);
+    ASSERT_EQ(payload.fds.size(), 1u);
     EXPECT_NE(payload.fds[0], file.get());
-    EXPECT_NE(payload.fds[1], second.get());
     EXPECT_TRUE(sameFile(payload.fds[0], file.get()));
-    EXPECT_TRUE(sameFile(payload.fds[1], second.get()));
-    expectDebugLinesOnce(capture, {"[receiveDataAndFileDescriptors] cmsg_len(24) CMSG_LEN(0)(16) "
-                                   "cmsg_data_size(8)",
-                                   "[receiveDataAndFileDescriptors] FDS_CMSG_SIZE(8)",
-                                   "[receiveDataAndFileDescriptors] hasAncillaryData(yes) "
-                                   "cmsg_space(24)"});
     ipc::MessageHandler().handleMessage(received);  // closes what arrived
 
     // The same message object takes the next one: the old payload goes.
     ASSERT_EQ(receiver.recv(&received), 0);
-    EXPECT_EQ(received.id(), 42u);
+    EXPECT_EQ(received.id(), 43u);
     EXPECT_EQ(received.fileDescriptorCount(), 0u);
     EXPECT_EQ(received.payload().data, (Bytes{9}));
-    // An empty one leaves an empty payload, not the old one.
-    ASSERT_EQ(sender.send(Message()), 0);
-    capture.clear();
-    ASSERT_EQ(receiver.recv(&received), 0);
-    EXPECT_EQ(capture.count("no ancillary data, do not handle the cmsg part"), 2u);
-    EXPECT_TRUE(received.payload().data.empty());
 
     // A bare payload record lands in the caller's buffers.
-    const Message::Payload out = payloadOf({5, 6, 7, 8}, {file.get()});
+    Message::Payload out;
+    out.data = {5, 6, 7, 8};
+    out.fds = {file.get()};
     ASSERT_EQ(sender.send(out), 0);
-    Message::Payload in = payloadOf(Bytes(4), {-1});
+    Message::Payload in;
+    in.data.resize(4);
+    in.fds = {-1};
     ASSERT_EQ(receiver.recv(&in), 0);
     EXPECT_EQ(in.data, out.data);
     const FileDescriptor arrived(in.fds[0], 0);
@@ -207,11 +165,10 @@ TEST_F(UnixDomainSocketTest, ManyDescriptors_TravelAndTheKernelLimitShowsAsSendE
     EXPECT_EQ(capture.count("sendmsg failed (Invalid argument)"), 1u);
 }
 
-// Would-block gives -11 without a line and null targets -14 with theirs; a
-// closed peer gives empty records and success (end of stream is not detected
-// here) and sends give -EPIPE instead of a signal.
+// Would-block gives -11 silently, null targets -14 with their lines, and a
+// closed peer empty records (end of stream is not detected here).
 TEST_F(UnixDomainSocketTest, Failures_GiveTheirNegativeErrnoAndLines) {
-    ASSERT_EQ(fcntl(rawReceiver, F_SETFL, O_NONBLOCK), 0);
+    ASSERT_EQ(fcntl(near, F_SETFL, O_NONBLOCK), 0);
     uint8_t buffer[4] = {7, 7, 7, 7};
     EXPECT_EQ(receiver.receiveDataAndFileDescriptors(nullptr, 0, buffer, 1), -EAGAIN);
     const Bytes block(4096, 1);
@@ -221,13 +178,13 @@ TEST_F(UnixDomainSocketTest, Failures_GiveTheirNegativeErrnoAndLines) {
     }
     EXPECT_EQ(result, -EAGAIN);
     EXPECT_EQ(capture.countContaining("failed"), 0u);
-
     EXPECT_EQ(receiver.recv(static_cast<Message*>(nullptr)), -EFAULT);
     EXPECT_EQ(receiver.recv(static_cast<Message::Payload*>(nullptr)), -EFAULT);
-    expectEachOnce(capture, {"invalid message", "The data size is not aligned to sizeof(int)"});
+    EXPECT_EQ(capture.count("invalid message"), 1u);
+    EXPECT_EQ(capture.count("The data size is not aligned to sizeof(int)"), 1u);
 
     // Drained first: a peer closed with data unread makes the reads fail instead.
-    while (readRecord(rawSender, block.size(), 0, MSG_DONTWAIT).result > 0) {
+    while (readRecord(far, block.size(), 0, MSG_DONTWAIT).result > 0) {
     }
     sender.bind(FileDescriptor());
     Message received;
@@ -235,12 +192,29 @@ TEST_F(UnixDomainSocketTest, Failures_GiveTheirNegativeErrnoAndLines) {
     EXPECT_EQ(received.dataCount(), 0u);
     EXPECT_EQ(receiver.receiveDataAndFileDescriptors(nullptr, 0, buffer, sizeof(buffer)), 0);
     EXPECT_EQ(buffer[0], 7);
-    EXPECT_EQ(receiver.send(makeMessage(1, {1}, {})), -EPIPE);
-    expectEachOnce(capture,
-                   {"sendmsg failed (Broken pipe)", "send message header failed (Broken pipe)"});
 }
 
-TEST(UnboundSocketTest, EverySendAndReceiveGivesMinus2Silently) {
+// A send to a vanished peer returns -EPIPE, logged, and must not raise
+// SIGPIPE, whose default action would end the sending process. Linux raises
+// it for stream sockets only, so the child sends on one (the test runner may
+// ignore the signal, so the child restores the default first).
+TEST_F(UnixDomainSocketTest, SendToAVanishedPeer_ReturnsMinus32WithoutSigpipe) {
+    const pid_t child = forkPeer([this] {
+        signal(SIGPIPE, SIG_DFL);
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+            return 2;
+        }
+        ::close(ends[1]);
+        UnixDomainSocket stream;
+        stream.bind(FileDescriptor(ends[0], 0));
+        const bool returned = stream.send(*makeMessage(1, {1})) == -EPIPE;
+        return returned && capture.count("send message header failed (Broken pipe)") == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(waitPeer(child), 0);  // -1: killed by the signal
+}
+
+TEST(UnboundSocketTest, EverySendAndReceiveGivesMinus2) {
     LogCapture capture;
     UnixDomainSocket socket;
     EXPECT_FALSE(socket.isBound());
@@ -252,8 +226,6 @@ TEST(UnboundSocketTest, EverySendAndReceiveGivesMinus2Silently) {
     EXPECT_EQ(socket.recv(&payload), -2);
     EXPECT_EQ(socket.sendDataAndFileDescriptors(&fd, 1, &byte, 1), -2);
     EXPECT_EQ(socket.receiveDataAndFileDescriptors(&fd, 1, &byte, 1), -2);
-    EXPECT_EQ(capture.lines().size(), 0u);
-    // The message paths add their own error line on top.
     EXPECT_EQ(socket.send(message), -2);
     EXPECT_EQ(socket.recv(&message), -2);
     EXPECT_EQ(capture.countContaining("send message header failed"), 1u);

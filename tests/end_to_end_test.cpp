@@ -28,6 +28,7 @@
 
 #include "support/Descriptors.h"
 #include "support/FunctionRunnable.h"
+#include "support/Messages.h"
 #include "support/RawPeer.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -78,12 +79,9 @@ class ServiceHandler : public MessageHandler {
         }
         MessageHandler::handleMessage(*request);  // closes the descriptor it carried
 
-        Message reply;
-        Message::Payload status;
-        status.data = {answer};
-        reply.setPayload(status);
-        reply.setHeader(id, kWork, Message::kFlagReply, 1, 0);
-        if (mSocket.sendMessage(reply) != 0) {
+        const auto reply = makeMessage(id, {answer}, {}, nullptr, kWork);
+        reply->setHeader(id, kWork, Message::kFlagReply, 1, 0);
+        if (mSocket.sendMessage(*reply) != 0) {
             mFinish(kReplyFailed);
         }
     }
@@ -168,17 +166,13 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
         readEnds.emplace_back(ends[0], 0);
         const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
 
-        Message request;
-        Message::Payload payload;
-        payload.data = {static_cast<uint8_t>(i)};
-        payload.fds = {writeEnd.get()};
-        request.setPayload(payload);
-        request.setHeader(kFirstId + i, kWork, 0, 1, 1);
-        registry.registerCB(request, [&, id = kFirstId + i](uint8_t status) {
+        const auto request = makeMessage(kFirstId + i, {static_cast<uint8_t>(i)}, {writeEnd.get()},
+                                         nullptr, kWork);
+        registry.registerCB(*request, [&, id = kFirstId + i](uint8_t status) {
             std::lock_guard<std::mutex> guard(lock);
             statuses[id].push_back(status);
         });
-        ASSERT_EQ(socket->sendMessage(request), 0);
+        ASSERT_EQ(socket->sendMessage(*request), 0);
     }
 
     ASSERT_TRUE(waitUntil([&] {
@@ -203,9 +197,7 @@ TEST(EndToEnd, RequestsWithDescriptorsAreHandledOnceAndAnsweredAcrossProcesses) 
         EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
     }
 
-    Message quit;
-    quit.setHeader(0, kQuit, 0, 0, 0);
-    ASSERT_EQ(socket->sendMessage(quit), 0);
+    ASSERT_EQ(socket->sendMessage(*makeMessage(0, {}, {}, nullptr, kQuit)), 0);
     EXPECT_EQ(waitPeer(child), kServiceOk);
 }
 

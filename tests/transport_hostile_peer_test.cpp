@@ -37,6 +37,7 @@ struct RecordCase {
 
 class HostilePeerTest : public SocketPairFixture {
   protected:
+    void SetUp() override { receiver.bind(std::move(pair.first)); }
     // Receives one record expecting `expected` descriptors into an array with
     // a canary behind it.
     int receive(size_t expected) {
@@ -64,23 +65,19 @@ class HostilePeerTest : public SocketPairFixture {
     void play(const RecordCase& c) {
         SCOPED_TRACE(c.what);
         capture.clear();
-        ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copies(c.sent), c.withRights), 2);
+        ASSERT_EQ(writeRecord(far, "ab", 2, copies(c.sent), c.withRights), 2);
         const int result = receive(c.expected);
         EXPECT_EQ(result, c.result);
         expectSlots(result, std::min(c.sent, c.expected));
         EXPECT_EQ(std::string(data.begin(), data.begin() + 2), "ab");
         if (c.line != nullptr) {
-            const auto lines = capture.lines();
-            const auto line = std::find_if(lines.begin(), lines.end(),
-                                           [&](const LogLine& l) { return l.text == c.line; });
-            ASSERT_NE(line, lines.end()) << c.line;
-            EXPECT_EQ(line->level, 1u);
-            EXPECT_EQ(line->tag, "UnixDomainSocket");
-            EXPECT_EQ(capture.count(c.line), 1u);
+            EXPECT_EQ(capture.count(c.line), 1u) << c.line;
+            EXPECT_EQ(capture.levelOf(c.line), 1u);
         }
     }
     std::vector<int> copies(size_t count) const { return std::vector<int>(count, file.get()); }
 
+    UnixDomainSocket receiver;
     std::vector<int> slots;
     std::vector<uint8_t> data;
 };
@@ -103,7 +100,7 @@ TEST_F(HostilePeerTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNothingLe
     // The same from a peer process.
     const pid_t child = forkPeer([this] {
         FileDescriptor own = memoryFile("child");
-        return writeRecord(peer.get(), "ab", 2, std::vector<int>(4, own.get())) == 2 ? 0 : 1;
+        return writeRecord(far, "ab", 2, std::vector<int>(4, own.get())) == 2 ? 0 : 1;
     });
     EXPECT_EQ(receive(3), -EMSGSIZE);
     EXPECT_EQ(waitPeer(child), 0);
@@ -111,8 +108,8 @@ TEST_F(HostilePeerTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNothingLe
 
     // A header announcing descriptors that do not follow fails the message;
     // the new header stays, the old (empty) payload with it.
-    announce(3, 2);
-    ASSERT_EQ(writeRecord(peer.get(), "abcde", 5, {}), 5);
+    ASSERT_TRUE(writeHeaderRecord(far, 1, 3, 2));
+    ASSERT_EQ(writeRecord(far, "abcde", 5, {}), 5);
     Message received;
     capture.clear();
     EXPECT_EQ(receiver.recv(&received), -ENODATA);
@@ -120,7 +117,7 @@ TEST_F(HostilePeerTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNothingLe
     EXPECT_EQ(received.id(), 1u);
     EXPECT_EQ(received.fileDescriptorCount(), 2u);
 
-    peer = FileDescriptor();
+    pair.second = FileDescriptor();
     EXPECT_EQ(receive(2), -ENODATA);
     expectSlots(-ENODATA, 0);
 }
@@ -142,8 +139,8 @@ TEST_F(HostilePeerTest, ControlDataTheKernelCutsOrAdds_IsRefusedOrDroppedWithNot
 
     // A header announcing fewer bytes and no descriptors keeps to what it
     // announced: the descriptors on both records are dropped.
-    announce(2, 0);
-    ASSERT_EQ(writeRecord(peer.get(), "abcdef", 6, copies(2)), 6);
+    ASSERT_TRUE(writeHeaderRecord(far, 1, 2, 0));
+    ASSERT_EQ(writeRecord(far, "abcdef", 6, copies(2)), 6);
     Message received;
     EXPECT_EQ(receiver.recv(&received), 0);
     EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{'a', 'b'}));
@@ -154,10 +151,10 @@ TEST_F(HostilePeerTest, ControlDataTheKernelCutsOrAdds_IsRefusedOrDroppedWithNot
     // buffer, no descriptor fits; ten expected: two descriptors still fit
     // behind them, and are closed.
     const int on = 1;
-    ASSERT_EQ(setsockopt(rawReceiver, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
+    ASSERT_EQ(setsockopt(near, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
     capture.clear();
     for (const size_t expected : {1u, 10u}) {
-        ASSERT_EQ(writeRecord(peer.get(), "ab", 2, copies(expected)), 2);
+        ASSERT_EQ(writeRecord(far, "ab", 2, copies(expected)), 2);
         EXPECT_EQ(receive(expected), -EBADMSG);
         expectSlots(-EBADMSG, 0);
     }

@@ -31,6 +31,7 @@ void EventFdHandler::handleEvent() {
         uint64_t count = 0;
         EXPECT_EQ(read(mFd.get(), &count, sizeof(count)), static_cast<ssize_t>(sizeof(count)));
     }
+    thread = gettid();
     ++calls;
 }
 

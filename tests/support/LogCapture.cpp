@@ -56,26 +56,14 @@ size_t LogCapture::countContaining(const std::string& part) const {
     return countContainingLocked(part);
 }
 
-std::vector<std::string> LogCapture::texts(const std::string& prefix) const {
+uint32_t LogCapture::levelOf(const std::string& text) const {
     std::lock_guard<std::mutex> lock(mLock);
-    std::vector<std::string> texts;
-    for (const LogLine& line : mLines) {
-        if (line.text.compare(0, prefix.size(), prefix) == 0) {
-            texts.push_back(line.text);
-        }
-    }
-    return texts;
-}
-
-std::set<uint32_t> LogCapture::levelsOf(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mLock);
-    std::set<uint32_t> levels;
     for (const LogLine& line : mLines) {
         if (line.text == text) {
-            levels.insert(line.level);
+            return line.level;
         }
     }
-    return levels;
+    return 0;
 }
 
 bool LogCapture::waitFor(const std::string& part, size_t times,

@@ -13,7 +13,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -42,11 +41,8 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
     size_t count(const std::string& text) const;
     // Number of lines whose text contains `part`.
     size_t countContaining(const std::string& part) const;
-    bool contains(const std::string& part) const { return countContaining(part) > 0; }
-    // The texts of the lines that start with `prefix`, in order.
-    std::vector<std::string> texts(const std::string& prefix = "") const;
-    // The levels at which `text` was logged.
-    std::set<uint32_t> levelsOf(const std::string& text) const;
+    // The level of the first line whose text is `text`, 0 when there is none.
+    uint32_t levelOf(const std::string& text) const;
     // Waits until at least `times` lines contain `part`; false on time-out.
     bool waitFor(const std::string& part, size_t times = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;

@@ -34,7 +34,7 @@ RawRecord readRecord(int socketFd, size_t dataRoom, size_t fdRoom, int flags) {
     }
     for (cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
          cmsg = CMSG_NXTHDR(&header, cmsg)) {
-        ControlMessage message{cmsg->cmsg_level, cmsg->cmsg_type, cmsg->cmsg_len, {}};
+        ControlMessage message{cmsg->cmsg_type, {}};
         if (cmsg->cmsg_level == SOL_SOCKET && cmsg->cmsg_type == SCM_RIGHTS) {
             const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
             for (size_t i = 0; i < count; ++i) {

@@ -16,9 +16,7 @@ namespace velacam::test {
 using Kestrel::utils::sys::FileDescriptor;
 
 struct ControlMessage {
-    int level;
-    int type;
-    size_t length;                    // cmsg_len as received
+    int type;                         // cmsg_type
     std::vector<FileDescriptor> fds;  // the descriptors of an SCM_RIGHTS message, now ours
 };
 

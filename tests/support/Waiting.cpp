@@ -5,7 +5,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <mutex>
+#include <string>
 
 namespace velacam::test {
 
@@ -20,16 +22,40 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
+bool waitUntilAsleep(pid_t tid, std::chrono::milliseconds timeout) {
+    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+    return waitUntil(
+            [&path] {
+                // "tid (name) state ...": the state follows the last ')'.
+                std::string stat;
+                std::getline(std::ifstream(path), stat);
+                const size_t close = stat.rfind(')');
+                return close != std::string::npos && close + 2 < stat.size() &&
+                       stat[close + 2] == 'S';
+            },
+            timeout);
+}
+
+bool holdsThroughGrace(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + 50ms;
+    while (std::chrono::steady_clock::now() < end) {
+        if (!condition()) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return condition();
+}
+
 void expectExitWakesExactly(const std::atomic<int>& returned, int declared,
                             const std::function<void()>& notify,
                             const std::function<void()>& requestExit) {
     notify();
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(returned.load(), 0) << "woken by a notify";
+    EXPECT_TRUE(holdsThroughGrace([&] { return returned.load() == 0; })) << "woken by a notify";
     requestExit();
-    EXPECT_TRUE(waitUntil([&] { return returned.load() == declared; }));
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(returned.load(), declared) << "a surplus waiter woken at exit";
+    EXPECT_TRUE(waitUntil([&] { return returned.load() >= declared; }));
+    EXPECT_TRUE(holdsThroughGrace([&] { return returned.load() == declared; }))
+            << "a surplus waiter woken at exit";
 }
 
 struct Watchdog::State {

@@ -1,0 +1,31 @@
+// Test helper: the one way suites build a message.
+#pragma once
+
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace velacam::test {
+
+// A message of `id` and `type` whose header counts match its payload of
+// `data` and `fds` (numbers only, not owned; header only when both are
+// empty), handled by `handler` (the default one when null).
+inline std::unique_ptr<Kestrel::ipc::Message> makeMessage(
+        uint32_t id, std::vector<uint8_t> data = {}, std::vector<int> fds = {},
+        std::shared_ptr<Kestrel::ipc::MessageHandler> handler = nullptr, uint32_t type = 0) {
+    auto message = std::make_unique<Kestrel::ipc::Message>(std::move(handler));
+    Kestrel::ipc::Message::Payload payload;
+    payload.data = std::move(data);
+    payload.fds = std::move(fds);
+    if (!payload.data.empty() || !payload.fds.empty()) {
+        message->setPayload(payload);
+    }
+    message->setHeader(id, type, 0, static_cast<uint32_t>(payload.data.size()),
+                       static_cast<uint16_t>(payload.fds.size()));
+    return message;
+}
+
+}  // namespace velacam::test
