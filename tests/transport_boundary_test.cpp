@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "support/FunctionRunnable.h"
+#include "support/Messages.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 #include "support/Waiting.h"
@@ -46,22 +47,23 @@ long statusKiB(const std::string& field) {
 }
 
 Message messageOf(uint32_t id, size_t dataBytes, const std::vector<int>& fds) {
-    Message message;
-    message.setHeader(id, 0, 0, static_cast<uint32_t>(dataBytes),
-                      static_cast<uint16_t>(fds.size()));
-    message.setPayload(payloadOf(std::vector<uint8_t>(dataBytes, 'd'), fds));
-    return message;
+    return std::move(*makeMessage(id, std::vector<uint8_t>(dataBytes, 'd'), fds));
 }
 
+// The library receives (and sends) on the first end; the test plays the peer
+// on the second with raw records.
 class TransportBoundaryTest : public SocketPairFixture {
   protected:
-    Watchdog watchdog{"transport boundary", std::chrono::seconds(60)};
+    TransportBoundaryTest() { receiver.bind(std::move(pair.first)); }
+
+    UnixDomainSocket receiver;
+    FileDescriptor& peer = pair.second;
 };
 
 TEST_F(TransportBoundaryTest, SendsTheKernelWouldRefuse_PutNothingOnTheWire) {
     int sendBuffer = 0;
     socklen_t length = sizeof(sendBuffer);
-    ASSERT_EQ(getsockopt(rawReceiver, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length), 0);
+    ASSERT_EQ(getsockopt(near, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length), 0);
     EXPECT_EQ(receiver.send(messageOf(1, 1, std::vector<int>(254, file.get()))), -EINVAL);
     EXPECT_EQ(receiver.send(messageOf(2, static_cast<size_t>(sendBuffer), {})), -EMSGSIZE);
     EXPECT_EQ(readRecord(peer.get(), 64, 0, MSG_DONTWAIT).error, EAGAIN);
@@ -154,22 +156,15 @@ TEST(TransportStallTest, StalledPeer_CostsTheReactorABoundedWaitAndItsNeighbourI
 
 TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
     receiver.setPayloadTimeout(std::chrono::seconds(30));
-    announce(3, 1);
+    ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, 3, 1));
     std::promise<pid_t> receiving;
     auto result = std::async(std::launch::async, [&] {
         receiving.set_value(static_cast<pid_t>(gettid()));
         Message message;
         return receiver.recv(&message);
     });
-    const std::string stat =
-            "/proc/self/task/" + std::to_string(receiving.get_future().get()) + "/stat";
     // Asleep: in the receive, waiting for the payload record.
-    EXPECT_TRUE(waitUntil([&] {
-        std::string line;
-        std::getline(std::ifstream(stat), line);
-        const size_t end = line.rfind(')');
-        return end != std::string::npos && line.compare(end, 3, ") S") == 0;
-    }));
+    EXPECT_TRUE(waitUntilAsleep(receiving.get_future().get()));
     const auto closed = Clock::now();
     peer = FileDescriptor();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
