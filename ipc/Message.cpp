@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "StorageBlocks.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -32,6 +34,10 @@ Message::Payload::Payload(const void* packed, uint32_t dataCount, uint16_t fileD
         std::memmove(fds.data(), bytes + dataCount, fdBytes);
     }
 }
+
+void* Message::allocateStorage(size_t bytes) { return storage_blocks::take(bytes); }
+
+void Message::releaseStorage(void* block, size_t bytes) { storage_blocks::give(block, bytes); }
 
 Message::Message(std::shared_ptr<MessageHandler> handler)
     : mHeaderSize(kHeaderSize),

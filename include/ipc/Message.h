@@ -119,6 +119,7 @@ class IPC_EXPORT Message {
 
     // Grows a vector without zero-filling: resize(n) leaves the new bytes for
     // the kernel to fill. A value given (resize(n, 0)) is still written.
+    // Memory comes from allocateStorage(), which recycles large blocks.
     template <typename T>
     struct UninitialisedAllocator : std::allocator<T> {
         template <typename U>
@@ -128,6 +129,8 @@ class IPC_EXPORT Message {
         UninitialisedAllocator() = default;
         template <typename U>
         UninitialisedAllocator(const UninitialisedAllocator<U>&) {}
+        T* allocate(size_t n) { return static_cast<T*>(allocateStorage(n * sizeof(T))); }
+        void deallocate(T* p, size_t n) { releaseStorage(p, n * sizeof(T)); }
         template <typename U>
         void construct(U* p) {
             ::new (static_cast<void*>(p)) U;
@@ -138,6 +141,10 @@ class IPC_EXPORT Message {
         }
     };
     using Storage = std::vector<uint8_t, UninitialisedAllocator<uint8_t>>;
+    // Storage memory: a large block freed by one message is kept for the
+    // next one of its size, so that its pages are not faulted in anew.
+    static void* allocateStorage(size_t bytes);
+    static void releaseStorage(void* block, size_t bytes);
 
     // The packed payload in place, with the counts payload() would unpack.
     // Valid as header() is: until the storage changes.
