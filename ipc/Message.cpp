@@ -177,6 +177,26 @@ Message::Payload Message::payload() const {
                    static_cast<uint16_t>(packed.fdCount));
 }
 
+std::vector<int> Message::payloadDescriptors() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+        return {};
+    }
+    // The lines Payload's constructor writes, under its name.
+    const PackedPayload packed = packedPayloadLocked();
+    if (packed.dataBytes != 0) {
+        IPC_LOGD("[%s] data_offset(%zu)", "Payload", packed.dataBytes);
+    }
+    std::vector<int> fds(packed.fdCount);
+    if (!fds.empty()) {
+        const size_t fdBytes = sizeof(int) * fds.size();
+        IPC_LOGD("[%s] fds_offset(%zu)", "Payload", fdBytes);
+        std::memcpy(fds.data(), packed.fds, fdBytes);
+    }
+    return fds;
+}
+
 void Message::adoptStorage(Storage&& storage) {
     if (storage.size() < mHeaderSize) {
         IPC_FATAL("storage size(%zu) below the header size(%zu)", storage.size(), mHeaderSize);

@@ -19,8 +19,9 @@
 //
 // The transport (UnixDomainSocket) is a friend: it sends the payload straight
 // from the storage and receives into a storage it then hands over whole, so
-// that no payload byte is copied but by the kernel. Those operations are
-// private; nothing else sees them.
+// that no payload byte is copied but by the kernel. The default
+// MessageHandler is one too: it reads the descriptors without copying the
+// data. Those operations are private; nothing else sees them.
 #pragma once
 
 #include <condition_variable>
@@ -116,6 +117,7 @@ class IPC_EXPORT Message {
 
   private:
     friend class UnixDomainSocket;
+    friend class MessageHandler;
 
     // Grows a vector without zero-filling: resize(n) leaves the new bytes for
     // the kernel to fill. A value given (resize(n, 0)) is still written.
@@ -157,6 +159,9 @@ class IPC_EXPORT Message {
     // What payload() gives, without the copy; logs "no payload exists" the
     // same way for a header-only message.
     PackedPayload packedPayload() const;
+    // The descriptors payload() would unpack, with the same lines logged,
+    // without copying the data (the default handler's disposal).
+    std::vector<int> payloadDescriptors() const;
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
     void adoptStorage(Storage&& storage);
