@@ -9,8 +9,9 @@
 //   ppoll() returns at once. Reference_ppoll: ppoll() on the same prepared
 //   array.
 // - Message_payload: the unpacked copy of a message's payload that
-//   UnixDomainSocket::send takes before sending the data record. Reference:
-//   copying the same bytes into a buffer on the stack.
+//   payload() hands a user (send no longer takes one: it sends from the
+//   message's storage). Reference: copying the same bytes into a buffer on
+//   the stack.
 #include <benchmark/benchmark.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>

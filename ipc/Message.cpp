@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "StorageBlocks.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -32,6 +34,10 @@ Message::Payload::Payload(const void* packed, uint32_t dataCount, uint16_t fileD
         std::memmove(fds.data(), bytes + dataCount, fdBytes);
     }
 }
+
+void* Message::allocateStorage(size_t bytes) { return storage_blocks::take(bytes); }
+
+void Message::releaseStorage(void* block, size_t bytes) { storage_blocks::give(block, bytes); }
 
 Message::Message(std::shared_ptr<MessageHandler> handler)
     : mHeaderSize(kHeaderSize),
@@ -169,6 +175,26 @@ Message::Payload Message::payload() const {
     const PackedPayload packed = packedPayloadLocked();
     return Payload(packed.data, static_cast<uint32_t>(packed.dataBytes),
                    static_cast<uint16_t>(packed.fdCount));
+}
+
+std::vector<int> Message::payloadDescriptors() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+        return {};
+    }
+    // The lines Payload's constructor writes, under its name.
+    const PackedPayload packed = packedPayloadLocked();
+    if (packed.dataBytes != 0) {
+        IPC_LOGD("[%s] data_offset(%zu)", "Payload", packed.dataBytes);
+    }
+    std::vector<int> fds(packed.fdCount);
+    if (!fds.empty()) {
+        const size_t fdBytes = sizeof(int) * fds.size();
+        IPC_LOGD("[%s] fds_offset(%zu)", "Payload", fdBytes);
+        std::memcpy(fds.data(), packed.fds, fdBytes);
+    }
+    return fds;
 }
 
 void Message::adoptStorage(Storage&& storage) {

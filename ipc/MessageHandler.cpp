@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <vector>
 
 namespace Kestrel::ipc {
 
@@ -15,8 +16,8 @@ constexpr utils::LogSite kLogSite{"MessageHandler", "ipc/MessageHandler", utils:
 MessageHandler::~MessageHandler() = default;
 
 void MessageHandler::handleMessage(Message& message) {
-    const Message::Payload payload = message.payload();
-    std::for_each(payload.fds.begin(), payload.fds.end(), [](int fd) {
+    const std::vector<int> fds = message.payloadDescriptors();
+    std::for_each(fds.begin(), fds.end(), [](int fd) {
         IPC_LOGD("[%s] close fd(%d)", __func__, fd);
         ::close(fd);
     });

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <vector>
 
@@ -146,6 +147,28 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_EQ(in.data, out.data);
     const FileDescriptor arrived(in.fds[0], 0);
     EXPECT_TRUE(sameFile(arrived.get(), file.get()));
+}
+
+// Large storage blocks are kept for the next message of their size: what a
+// message leaves in its block must never show through in the next one.
+TEST_F(UnixDomainSocketTest, LargePayload_InARecycledBlockCarriesNoByteOfTheLastMessage) {
+    constexpr uint32_t kLarge = 100000;
+    {
+        ASSERT_EQ(sender.send(makeMessage(1, Bytes(kLarge, 0xaa), {})), 0);
+        Message first;
+        ASSERT_EQ(receiver.recv(&first), 0);
+        ASSERT_EQ(first.payload().data, Bytes(kLarge, 0xaa));
+    }
+    // The same size announced, a shorter record sent: the rest reads as zeros.
+    ASSERT_TRUE(writeHeaderRecord(rawSender, 2, kLarge, 0));
+    const Bytes head(10, 0x01);
+    ASSERT_EQ(writeRecord(rawSender, head.data(), head.size(), {}, false),
+              static_cast<ssize_t>(head.size()));
+    Message second;
+    ASSERT_EQ(receiver.recv(&second), 0);
+    Bytes expected(kLarge, 0);
+    std::copy(head.begin(), head.end(), expected.begin());
+    EXPECT_EQ(second.payload().data, expected);
 }
 
 TEST_F(UnixDomainSocketTest, ManyDescriptors_TravelAndTheKernelLimitShowsAsSendError) {

@@ -19,8 +19,9 @@
 //
 // The transport (UnixDomainSocket) is a friend: it sends the payload straight
 // from the storage and receives into a storage it then hands over whole, so
-// that no payload byte is copied but by the kernel. Those operations are
-// private; nothing else sees them.
+// that no payload byte is copied but by the kernel. The default
+// MessageHandler is one too: it reads the descriptors without copying the
+// data. Those operations are private; nothing else sees them.
 #pragma once
 
 #include <condition_variable>
@@ -116,9 +117,11 @@ class IPC_EXPORT Message {
 
   private:
     friend class UnixDomainSocket;
+    friend class MessageHandler;
 
     // Grows a vector without zero-filling: resize(n) leaves the new bytes for
     // the kernel to fill. A value given (resize(n, 0)) is still written.
+    // Memory comes from allocateStorage(), which recycles large blocks.
     template <typename T>
     struct UninitialisedAllocator : std::allocator<T> {
         template <typename U>
@@ -128,6 +131,8 @@ class IPC_EXPORT Message {
         UninitialisedAllocator() = default;
         template <typename U>
         UninitialisedAllocator(const UninitialisedAllocator<U>&) {}
+        T* allocate(size_t n) { return static_cast<T*>(allocateStorage(n * sizeof(T))); }
+        void deallocate(T* p, size_t n) { releaseStorage(p, n * sizeof(T)); }
         template <typename U>
         void construct(U* p) {
             ::new (static_cast<void*>(p)) U;
@@ -138,6 +143,10 @@ class IPC_EXPORT Message {
         }
     };
     using Storage = std::vector<uint8_t, UninitialisedAllocator<uint8_t>>;
+    // Storage memory: a large block freed by one message is kept for the
+    // next one of its size, so that its pages are not faulted in anew.
+    static void* allocateStorage(size_t bytes);
+    static void releaseStorage(void* block, size_t bytes);
 
     // The packed payload in place, with the counts payload() would unpack.
     // Valid as header() is: until the storage changes.
@@ -150,6 +159,9 @@ class IPC_EXPORT Message {
     // What payload() gives, without the copy; logs "no payload exists" the
     // same way for a header-only message.
     PackedPayload packedPayload() const;
+    // The descriptors payload() would unpack, with the same lines logged,
+    // without copying the data (the default handler's disposal).
+    std::vector<int> payloadDescriptors() const;
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
     void adoptStorage(Storage&& storage);

@@ -1,0 +1,99 @@
+#include "StorageBlocks.h"
+
+#include <ipc/utils/Mutex.h>
+
+#include <new>
+
+namespace Kestrel::ipc::storage_blocks {
+
+namespace {
+
+// Blocks below this size come from malloc's heap, which reuses them without
+// faulting; above it glibc maps and unmaps (or trims) them.
+constexpr size_t kLargeBlock = 64 * 1024;
+// Large requests are rounded up to a multiple of this, so that a block fits
+// every request of its class and give() finds the class again from `bytes`.
+constexpr size_t kSizeClass = 64 * 1024;
+// What is kept at most: a few blocks, none above 1 MiB (at most 4 MiB).
+constexpr size_t kKeptBlocks = 4;
+constexpr size_t kLargestKept = 1024 * 1024;
+
+size_t classOf(size_t bytes) { return (bytes + kSizeClass - 1) / kSizeClass * kSizeClass; }
+
+bool isKeptSize(size_t bytes) { return bytes >= kLargeBlock && bytes <= kLargestKept; }
+
+class KeptBlocks {
+  public:
+    // A kept block of `size` bytes, or null.
+    void* takeOf(size_t size) IPC_EXCLUDES(mMutex) {
+        utils::LockGuard lock(mMutex);
+        for (size_t i = mCount; i-- > 0;) {
+            if (mBlocks[i].size == size) {
+                void* block = mBlocks[i].block;
+                removeAt(i);
+                return block;
+            }
+        }
+        return nullptr;
+    }
+
+    // Keeps `block`; returns the block that no longer fits (the oldest), or
+    // null.
+    void* keep(void* block, size_t size) IPC_EXCLUDES(mMutex) {
+        utils::LockGuard lock(mMutex);
+        void* evicted = nullptr;
+        if (mCount == kKeptBlocks) {
+            evicted = mBlocks[0].block;
+            removeAt(0);
+        }
+        mBlocks[mCount++] = Block{block, size};
+        return evicted;
+    }
+
+  private:
+    struct Block {
+        void* block;
+        size_t size;
+    };
+
+    void removeAt(size_t index) IPC_REQUIRES(mMutex) {
+        for (size_t i = index + 1; i < mCount; ++i) {
+            mBlocks[i - 1] = mBlocks[i];
+        }
+        --mCount;
+    }
+
+    utils::Mutex mMutex;
+    Block mBlocks[kKeptBlocks] IPC_GUARDED_BY(mMutex) = {};  // oldest first
+    size_t mCount IPC_GUARDED_BY(mMutex) = 0;
+};
+
+// Never destroyed: messages may still be freed while the process exits.
+KeptBlocks& keptBlocks() {
+    static KeptBlocks* const blocks = new KeptBlocks;
+    return *blocks;
+}
+
+}  // namespace
+
+void* take(size_t bytes) {
+    if (!isKeptSize(bytes)) {
+        return ::operator new(bytes);
+    }
+    const size_t size = classOf(bytes);
+    void* block = keptBlocks().takeOf(size);
+    return block != nullptr ? block : ::operator new(size);
+}
+
+void give(void* block, size_t bytes) {
+    if (block == nullptr) {
+        return;
+    }
+    if (!isKeptSize(bytes)) {
+        ::operator delete(block);
+        return;
+    }
+    ::operator delete(keptBlocks().keep(block, classOf(bytes)));
+}
+
+}  // namespace Kestrel::ipc::storage_blocks
