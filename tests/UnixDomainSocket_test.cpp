@@ -154,15 +154,15 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
 TEST_F(UnixDomainSocketTest, LargePayload_InARecycledBlockCarriesNoByteOfTheLastMessage) {
     constexpr uint32_t kLarge = 100000;
     {
-        ASSERT_EQ(sender.send(makeMessage(1, Bytes(kLarge, 0xaa), {})), 0);
+        ASSERT_EQ(sender.send(*makeMessage(1, Bytes(kLarge, 0xaa), {})), 0);
         Message first;
         ASSERT_EQ(receiver.recv(&first), 0);
         ASSERT_EQ(first.payload().data, Bytes(kLarge, 0xaa));
     }
     // The same size announced, a shorter record sent: the rest reads as zeros.
-    ASSERT_TRUE(writeHeaderRecord(rawSender, 2, kLarge, 0));
+    ASSERT_TRUE(writeHeaderRecord(far, 2, kLarge, 0));
     const Bytes head(10, 0x01);
-    ASSERT_EQ(writeRecord(rawSender, head.data(), head.size(), {}, false),
+    ASSERT_EQ(writeRecord(far, head.data(), head.size(), {}, false),
               static_cast<ssize_t>(head.size()));
     Message second;
     ASSERT_EQ(receiver.recv(&second), 0);
