@@ -15,11 +15,11 @@ CountingSemaphore::~CountingSemaphore() = default;
 void CountingSemaphore::acquire() { acquireWith(nullptr); }
 
 void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const auto available = [this] { return mCount > 0; };
+    utils::UniqueLock lock(mMutex);
+    const auto available = [this]() IPC_REQUIRES(mMutex) { return mCount > 0; };
     if (!available()) {
         ++mWaiters;
-        while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
+        while (!lock.waitUntil(mCond, std::chrono::steady_clock::now() + mTimeout, available)) {
             IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
         }
         --mWaiters;
@@ -36,7 +36,7 @@ void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }
 void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLock) {
     int32_t waiters = 0;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         if (underLock) {
             underLock();
         }

@@ -17,7 +17,8 @@ MessageHandler::~MessageHandler() = default;
 void MessageHandler::handleMessage(Message& message) {
     const Message::Payload payload = message.payload();
     std::for_each(payload.fds.begin(), payload.fds.end(), [](int fd) {
-        IPC_LOGD("[%s] close fd(%d)", __func__, fd);
+        // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
+        IPC_LOGD("[%s] close fd(%d)", "operator()", fd);
         ::close(fd);
     });
     message.setHeader(message.dataCount(), 0);

@@ -63,7 +63,7 @@ Thread::Thread(Runnable* runnable, bool ownsRunnable)
 
 Thread::Thread(Thread&& other) noexcept { takeRunnableOf(other); }
 
-Thread& Thread::operator=(Thread&& other) {
+Thread& Thread::operator=(Thread&& other) noexcept {
     if (this != &other) {
         refuseStarted(other);
         joinAndReleaseRunnable();

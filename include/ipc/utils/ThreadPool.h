@@ -12,7 +12,8 @@
 // listener is only referred to (weakly) and told once, at destruction, if it
 // is still alive.
 // Thread: addTask() and requestExit() from any thread, also from a task;
-// setExitListener() and destruction from the owner.
+// setExitListener() and destruction from the owner. Clang checks the locking
+// against the annotations below.
 // Failure: a pool of zero workers only warns ("do nothing since thread number
 // is 0") and never runs a task; a worker that cannot be created makes the
 // constructor throw std::system_error (see Thread::start()). A task that
@@ -25,12 +26,13 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
 #include "ipc/utils/Thread.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc::utils {
 
@@ -58,9 +60,9 @@ class IPC_EXPORT ThreadPool {
     // at the back and wakes ONE waiting worker. After requestExit() a task
     // may still run (at most one per worker) or be discarded.
     template <typename Task>
-    void addTask(Task&& task) {
+    void addTask(Task&& task) IPC_EXCLUDES(mTasksLock) {
         {
-            std::lock_guard<std::mutex> lock(mTasksLock);
+            LockGuard lock(mTasksLock);
             mTasks.emplace_back(std::forward<Task>(task));
         }
         mTasksCond.notify_one();
@@ -68,7 +70,7 @@ class IPC_EXPORT ThreadPool {
 
     // Marks the pool as exiting for good and wakes every worker. Does not
     // wait for them.
-    void requestExit();
+    void requestExit() IPC_EXCLUDES(mTasksLock);
 
     // Sets the object told at destruction; the pool does not keep it alive.
     void setExitListener(std::weak_ptr<ExitListener> listener);
@@ -77,13 +79,13 @@ class IPC_EXPORT ThreadPool {
     class Worker;
 
     // Starts every worker, in order.
-    void dispatch();
-    void wakeAllForExit();
+    void dispatch() IPC_EXCLUDES(mWorkersLock);
+    void wakeAllForExit() IPC_EXCLUDES(mTasksLock);
 
-    std::mutex mWorkersLock;                   // serialises dispatch()
-    std::vector<Thread> mWorkers;              // each owns its Worker
-    std::deque<std::function<void()>> mTasks;  // guarded by mTasksLock
-    std::mutex mTasksLock;
+    Mutex mWorkersLock;            // serialises dispatch()
+    std::vector<Thread> mWorkers;  // each owns its Worker; made by the constructor
+    std::deque<std::function<void()>> mTasks IPC_GUARDED_BY(mTasksLock);
+    Mutex mTasksLock;
     std::condition_variable mTasksCond;         // workers wait here under mTasksLock
     std::atomic<bool> mIsExiting{false};        // set once; also read under mTasksLock
     std::weak_ptr<ExitListener> mExitListener;  // owner thread only
