@@ -422,6 +422,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const auto discard = [&](int error) {
         vector = iovec{nullptr, 0};
         if (receiveBy(socketFd, &record, 0, deadline) < 0) {
+            // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the refused payload record could not be taken (%s)", std::strerror(errno));
             return kOutOfStep;
         }
@@ -431,6 +432,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     };
     const auto waitFailed = [&] {
         if (errno == ETIMEDOUT) {
+            // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
                      static_cast<long long>(mPayloadTimeout.count()));
             return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line

@@ -17,7 +17,7 @@
 // annotations below.
 // Failure: a header vector of the wrong size, or use of a moved-from message's
 // header, ends the process. The moves are noexcept: they only take the
-// messages' mutexes, which throw only on misuse (a lock the caller holds).
+// messages' mutexes, which fail only on misuse (a lock the caller holds).
 //
 // The transport (UnixDomainSocket) is a friend: it sends the payload straight
 // from the storage and receives into a storage it then hands over whole, so

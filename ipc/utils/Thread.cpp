@@ -56,7 +56,7 @@ ThreadData& ThreadData::myData() {
     return *tLocals.mRecord;
 }
 
-Thread::Thread() = default;
+Thread::Thread() noexcept = default;
 
 Thread::Thread(Runnable* runnable, bool ownsRunnable)
     : mRunnable(runnable), mOwnsRunnable(ownsRunnable) {}

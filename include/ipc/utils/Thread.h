@@ -74,7 +74,7 @@ class IPC_EXPORT ThreadData {
 class IPC_EXPORT Thread {
   public:
     // No runnable; such a Thread must not be started.
-    Thread();
+    Thread() noexcept;
     // Runs `runnable` once started; destroys it at the end when `ownsRunnable`.
     Thread(Runnable* runnable, bool ownsRunnable);
 

@@ -2,9 +2,7 @@
 // one shared first-in first-out queue.
 //
 // The workers ("ThreadPool-0", "ThreadPool-1", ...) are made and started by
-// the constructor. Each waits for a task in slices of 10 seconds, warning
-// "timed out, queue size(%zu) isExiting(%s)" after every slice that passes
-// without work. requestExit() or destruction ends the pool: a worker that
+// the constructor. requestExit() or destruction ends the pool: a worker that
 // wakes for exit still runs one queued task, if there is one, before it
 // returns; the destructor joins every worker and discards the tasks left.
 //
@@ -19,6 +17,11 @@
 // constructor throw std::system_error (see Thread::start()). A task that
 // throws ends the process with "thread pool task threw an exception: %s"
 // (its what()): nobody is there to catch it.
+//
+// Compatibility: kept as log readers rely on it. An idle worker waits in
+// slices of 10 seconds and warns "timed out, queue size(%zu) isExiting(%s)"
+// after each; one that wakes for exit with no task left warns "thread %zu
+// has no callable method, do nothing".
 #pragma once
 
 #include <atomic>
