@@ -21,7 +21,7 @@ CBRegistry::~CBRegistry() { mCallbacks.clear(); }
 
 void CBRegistry::registerCB(const Message& message, const std::function<void(uint8_t)>& callback) {
     const uint32_t id = message.id();
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     if (!mCallbacks.try_emplace(id, callback).second) {
         IPC_LOGE("CB has registered, ERROR with msgID=%u", id);
     }
@@ -39,7 +39,7 @@ void CBRegistry::unRegisterCB(std::unique_ptr<Message> message) {
     std::function<void(uint8_t)> callback;
     bool registered = false;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         const auto entry = mCallbacks.find(id);
         registered = entry != mCallbacks.end();
         if (!registered) {
@@ -81,7 +81,7 @@ CBRegistry::CBList::~CBList() { dropMessages(mMessages); }
 
 void CBRegistry::CBList::update(std::unique_ptr<Message> message) {
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         mMessages.push_back(std::move(message));
     }
     mSemaphore->release(1);
@@ -89,7 +89,7 @@ void CBRegistry::CBList::update(std::unique_ptr<Message> message) {
 }
 
 bool CBRegistry::CBList::extract(std::unique_ptr<Message>& out) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     if (mMessages.empty()) {
         return false;
     }
@@ -100,7 +100,7 @@ bool CBRegistry::CBList::extract(std::unique_ptr<Message>& out) {
 }
 
 bool CBRegistry::CBList::isEmpty() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return mMessages.empty();
 }
 

@@ -1,6 +1,8 @@
 #include <ipc/CountingSemaphore.h>
 #include <ipc/utils/Log.h>
 
+#include <thread>
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -10,16 +12,22 @@ constexpr utils::LogSite kLogSite{"CountingSemaphore", "ipc/CountingSemaphore",
 
 CountingSemaphore::CountingSemaphore(int key) : mKey(key) {}
 
-CountingSemaphore::~CountingSemaphore() = default;
+CountingSemaphore::~CountingSemaphore() {
+    // A release that woke the thread now destroying this may still be inside
+    // notify: let it return before the condition variable goes.
+    while (mNotifying.load(std::memory_order_acquire) != 0) {
+        std::this_thread::yield();
+    }
+}
 
 void CountingSemaphore::acquire() { acquireWith(nullptr); }
 
 void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const auto available = [this] { return mCount > 0; };
+    utils::UniqueLock lock(mMutex);
+    const auto available = [this]() IPC_REQUIRES(mMutex) { return mCount > 0; };
     if (!available()) {
         ++mWaiters;
-        while (!mCond.wait_until(lock, std::chrono::steady_clock::now() + mTimeout, available)) {
+        while (!lock.waitUntil(mCond, std::chrono::steady_clock::now() + mTimeout, available)) {
             IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
         }
         --mWaiters;
@@ -36,7 +44,7 @@ void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }
 void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLock) {
     int32_t waiters = 0;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         if (underLock) {
             underLock();
         }
@@ -44,17 +52,24 @@ void CountingSemaphore::releaseWith(int n, const std::function<void()>& underLoc
         mCount += n;
         IPC_LOGD("[%s] after releasing! key:%d", "release", mCount);
         waiters = mWaiters;
+        if (waiters != 0) {
+            mNotifying.fetch_add(1, std::memory_order_relaxed);
+        }
     }
     // Woken after the unlock, so that a waiter does not wake only to block on
     // the mutex; and only when one waits. A waiter counted here is already
     // inside the wait (it counts itself and waits under the same hold of the
     // mutex), so it cannot miss this notification. Every waiter is woken; with
     // a single one, the cheaper notify_one() does exactly that.
+    if (waiters == 0) {
+        return;
+    }
     if (waiters == 1) {
         mCond.notify_one();
-    } else if (waiters > 1) {
+    } else {
         mCond.notify_all();
     }
+    mNotifying.fetch_sub(1, std::memory_order_release);
 }
 
 }  // namespace Kestrel::ipc

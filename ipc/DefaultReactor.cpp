@@ -72,6 +72,7 @@ DefaultReactor::DefaultReactor() {
 
 DefaultReactor::~DefaultReactor() = default;
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported virtual signature
 bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
     const std::shared_ptr<EventHandler> strong = handler.lock();
     if (!strong) {
@@ -80,7 +81,7 @@ bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
     }
     bool added = false;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         const int key = strong->fd();
         added = mEventHandlers.try_emplace(key, std::move(handler)).second;
         if (added) {
@@ -95,6 +96,7 @@ bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
     return added;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported virtual signature
 bool DefaultReactor::removeEventHandler(std::weak_ptr<EventHandler> handler) {
     const std::shared_ptr<EventHandler> strong = handler.lock();
     if (!strong) {
@@ -105,7 +107,7 @@ bool DefaultReactor::removeEventHandler(std::weak_ptr<EventHandler> handler) {
 }
 
 bool DefaultReactor::removeEventHandlerByFd(int fd) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return eraseEntryLocked(fd, false);
 }
 
@@ -145,7 +147,7 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
         // the gate above opened on a registration or an exit request, so it is
         // short unless every handler has since been removed.
         while (!mExitRequested.load()) {
-            std::lock_guard<std::mutex> lock(mMutex);
+            utils::LockGuard lock(mMutex);
             if (!mEventHandlers.empty()) {
                 break;
             }
@@ -199,14 +201,14 @@ bool DefaultReactor::refreshWatched(WatchedHandlers& watched, uint64_t& seenGene
                                     bool& fresh) {
     HandlerList keepAlive;  // released after the unlock: a last reference may go here
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         if (fresh && seenGeneration == mGeneration) {
             return false;
         }
         watched.clear();
         for (const auto& [key, weakHandler] : mEventHandlers) {
             std::shared_ptr<EventHandler> handler = weakHandler.lock();
-            const short events = handler ? pollEventsOf(handler->type()) : 0;
+            const short events = handler ? pollEventsOf(handler->type()) : short{0};
             watched.push_back({key, events, weakHandler});
             if (handler) {
                 keepAlive.push_back(std::move(handler));
@@ -223,7 +225,7 @@ bool DefaultReactor::dropExpired(WatchedHandlers& watched) {
     for (size_t i = 0; i < watched.size(); ++i) {
         if (watched[i].handler.expired()) {
             IPC_LOGW("handler(key: %d) expired, remove it", watched[i].fd);
-            std::lock_guard<std::mutex> lock(mMutex);
+            utils::LockGuard lock(mMutex);
             eraseEntryLocked(watched[i].fd, true);
             continue;
         }
@@ -323,7 +325,7 @@ void DefaultReactor::setHangUpListener(HangUpListener listener) {
     if (listener) {
         installed = std::make_shared<const HangUpListener>(std::move(listener));
     }
-    std::lock_guard<std::mutex> lock(mListenerLock);
+    utils::LockGuard lock(mListenerLock);
     mHangUpListener.swap(installed);
     // `installed` now holds the one replaced: it is destroyed after the lock
     // is released, or later by a dispatch still calling it.
@@ -333,7 +335,7 @@ void DefaultReactor::notifyHangUp(int fd, short revents,
                                   const HandlerList& ascendingActiveHandlers) {
     std::shared_ptr<const HangUpListener> listener;
     {
-        std::lock_guard<std::mutex> lock(mListenerLock);
+        utils::LockGuard lock(mListenerLock);
         listener = mHangUpListener;
     }
     if (!listener) {
@@ -361,9 +363,6 @@ void DefaultReactor::requestExit() {
         IPC_LOGD("[%s] Release Semaphore of Reactor", __func__);
         return;
     }
-    // errno is never negative, so this exemption never applies and every
-    // failed or short write is fatal; the comparison is kept as it has always
-    // been written.
     if (errno != -11) {
         IPC_FATAL("request Reactor to exit failed (%s)", strerror(errno));
     }

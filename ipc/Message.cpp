@@ -44,20 +44,24 @@ Message::Message(std::shared_ptr<MessageHandler> handler)
       mStorage(kHeaderSize, 0),
       mHandler(handler ? std::move(handler) : std::make_shared<MessageHandler>()) {}
 
-Message::Message(Message&& other) : mHeaderSize(kHeaderSize) {
-    std::lock_guard<std::mutex> lock(other.mMutex);
+Message::Message(Message&& other) noexcept : mHeaderSize(kHeaderSize) {
+    utils::LockGuard lock(other.mMutex);
     mStorage = std::move(other.mStorage);
     other.mStorage.clear();
     mHandler.swap(other.mHandler);
 }
 
-Message& Message::operator=(Message&& other) {
+Message& Message::operator=(Message&& other) noexcept {
     if (&other == this) {
         return *this;
     }
-    std::unique_lock<std::mutex> mine(mMutex, std::defer_lock);
-    std::unique_lock<std::mutex> theirs(other.mMutex, std::defer_lock);
+    // Both at once, in whichever order avoids a deadlock with an assignment
+    // the other way round.
+    std::unique_lock<std::mutex> mine(mMutex.native(), std::defer_lock);
+    std::unique_lock<std::mutex> theirs(other.mMutex.native(), std::defer_lock);
     std::lock(mine, theirs);
+    mMutex.assertHeld();
+    other.mMutex.assertHeld();
     mStorage = std::move(other.mStorage);
     other.mStorage.clear();
     mHandler.swap(other.mHandler);
@@ -90,27 +94,27 @@ void Message::writeDescriptorCount(uint16_t count) {
 }
 
 uint32_t Message::id() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return readWord(kIdOffset);
 }
 
 uint32_t Message::type() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return readWord(kTypeOffset);
 }
 
 uint32_t Message::flags() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return readWord(kFlagsOffset);
 }
 
 uint32_t Message::dataCount() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return readWord(kDataCountOffset);
 }
 
 uint16_t Message::fileDescriptorCount() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     uint16_t count;
     std::memcpy(&count, mStorage.data() + kFdCountOffset, sizeof(count));
@@ -118,7 +122,7 @@ uint16_t Message::fileDescriptorCount() const {
 }
 
 uint32_t Message::clearFlags() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     const uint32_t old = readWord(kFlagsOffset);
     writeWord(kFlagsOffset, 0);
     return old;
@@ -129,13 +133,13 @@ bool Message::isAsync() const { return (flags() & kFlagAsync) != 0; }
 bool Message::isReply() const { return ((flags() >> 1) & 1u) != 0; }
 
 std::pair<const uint8_t*, size_t> Message::header() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     return {mStorage.data(), mHeaderSize};
 }
 
 std::pair<uint8_t*, size_t> Message::header() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     return {mStorage.data(), mHeaderSize};
 }
@@ -157,7 +161,7 @@ Message::PackedPayload Message::packedPayloadLocked() const {
 }
 
 Message::PackedPayload Message::packedPayload() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     if (mStorage.size() == mHeaderSize) {
         IPC_LOGW("no payload exists");
@@ -167,7 +171,7 @@ Message::PackedPayload Message::packedPayload() const {
 }
 
 Message::Payload Message::payload() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     if (mStorage.size() == mHeaderSize) {
         IPC_LOGW("no payload exists");
         return Payload();
@@ -178,7 +182,7 @@ Message::Payload Message::payload() const {
 }
 
 std::vector<int> Message::payloadDescriptors() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     if (mStorage.size() == mHeaderSize) {
         IPC_LOGW("no payload exists");
         return {};
@@ -201,7 +205,7 @@ void Message::adoptStorage(Storage&& storage) {
     if (storage.size() < mHeaderSize) {
         IPC_FATAL("storage size(%zu) below the header size(%zu)", storage.size(), mHeaderSize);
     }
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     mStorage.swap(storage);
 }
 
@@ -211,7 +215,7 @@ void Message::setHeader(uint32_t dataCount, uint16_t fileDescriptorCount) {
 
 void Message::setHeader(uint32_t id, uint32_t type, uint32_t flags, uint32_t dataCount,
                         uint16_t fileDescriptorCount) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     writeWord(kIdOffset, id);
     writeWord(kTypeOffset, type);
     writeWord(kFlagsOffset, flags);
@@ -224,13 +228,13 @@ void Message::setHeader(const std::vector<uint8_t>& bytes) {
         IPC_FATAL("the data size(%zu) is not the same as the header size(%zu)", bytes.size(),
                   mHeaderSize);
     }
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     std::memcpy(mStorage.data(), bytes.data(), kSettableHeaderBytes);
 }
 
 void Message::setPayload(const Payload& payload) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     checkHeaderPresent();
     const size_t oldSize = mStorage.size();
     const size_t dataBytes = payload.data.size();
@@ -259,19 +263,21 @@ void Message::setMessageHandler(std::shared_ptr<MessageHandler> handler) {
 }
 
 void Message::waitResponse() {
-    std::unique_lock<std::mutex> lock(mResponseMutex);
-    mResponseCondition.wait_for(lock, std::chrono::nanoseconds(1000000000), [this] {
+    const auto replied = [this] {
+        // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
         IPC_LOGW("waitResponse timed out, message ID(%u) isReply(%d)", id(),
                  static_cast<int>(isReply()));
         return isReply();
-    });
+    };
+    utils::UniqueLock lock(mResponseMutex);
+    static_cast<void>(lock.waitFor(mResponseCondition, std::chrono::seconds(1), replied));
 }
 
 void Message::signalResponse() {
     // Passing through the waiter's mutex orders this notification after any
     // check-then-wait in progress: a waiter has either not yet checked the
     // reply bit (and will see it) or already waits (and is woken).
-    { const std::lock_guard<std::mutex> lock(mResponseMutex); }
+    { const utils::LockGuard lock(mResponseMutex); }
     mResponseCondition.notify_one();
 }
 

@@ -18,7 +18,8 @@ MessageHandler::~MessageHandler() = default;
 void MessageHandler::handleMessage(Message& message) {
     const std::vector<int> fds = message.payloadDescriptors();
     std::for_each(fds.begin(), fds.end(), [](int fd) {
-        IPC_LOGD("[%s] close fd(%d)", __func__, fd);
+        // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
+        IPC_LOGD("[%s] close fd(%d)", "operator()", fd);
         ::close(fd);
     });
     message.setHeader(message.dataCount(), 0);

@@ -25,16 +25,15 @@ void MessageQueue::enqueueMessage(std::unique_ptr<Message> message,
         dropMessage(std::move(message));
         return;
     }
-    // One pointer in the capture: small enough for std::function to keep it
-    // without allocating.
+    // Two pointers in the capture: small enough for std::function to keep
+    // them without allocating.
     struct {
-        std::deque<std::unique_ptr<Message>>& messages;
         std::unique_ptr<Message>& message;
         size_t queued;  // for the log line only
-    } store{mMessages, message, 0};
-    mSemaphore->releaseWith(1, [&store] {
-        store.messages.push_back(std::move(store.message));
-        store.queued = store.messages.size();
+    } store{message, 0};
+    mSemaphore->releaseWith(1, [this, &store]() IPC_REQUIRES(mSemaphore->mutex()) {
+        mMessages.push_back(std::move(store.message));
+        store.queued = mMessages.size();
     });
     const size_t queued = store.queued;
     IPC_LOGD("[%s] Release Semaphore of MessageQueue", __func__);
@@ -51,20 +50,19 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
         IPC_LOGD("[%s] Block to wait for signal", __func__);
         // The exit flag is read with the unit: a message taken before exit is
         // handed out, and one left behind at exit stays queued.
-        // One pointer in the capture, as in enqueueMessage().
+        // Two pointers in the capture, as in enqueueMessage().
         struct {
-            MessageQueue& queue;
             bool exiting;
             std::unique_ptr<Message> message;
             size_t remained;
-        } take{*this, false, nullptr, 0};
-        mSemaphore->acquireWith([&take] {
-            take.exiting = take.queue.mExiting.load(std::memory_order_acquire);
+        } take{false, nullptr, 0};
+        mSemaphore->acquireWith([this, &take]() IPC_REQUIRES(mSemaphore->mutex()) {
+            take.exiting = mExiting.load(std::memory_order_acquire);
             // A unit without a message (a stray exit unit) is simply consumed.
-            if (!take.exiting && !take.queue.mMessages.empty()) {
-                take.message = std::move(take.queue.mMessages.front());
-                take.queue.mMessages.pop_front();
-                take.remained = take.queue.mMessages.size();
+            if (!take.exiting && !mMessages.empty()) {
+                take.message = std::move(mMessages.front());
+                mMessages.pop_front();
+                take.remained = mMessages.size();
             }
         });
         IPC_LOGD("[%s] Being signaled", __func__);

@@ -24,7 +24,7 @@ MessageTable::~MessageTable() {
 void MessageTable::update(std::unique_ptr<Message> message) {
     const uint32_t id = message->id();
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        utils::LockGuard lock(mMutex);
         mTable[id].push_back(std::move(message));
     }
     mSemaphore->release(1);
@@ -44,7 +44,7 @@ bool MessageTable::wait() {
 }
 
 bool MessageTable::extract(std::list<std::unique_ptr<Message>>& out) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     if (mTable.empty()) {
         return false;
     }
@@ -58,7 +58,7 @@ bool MessageTable::extract(std::list<std::unique_ptr<Message>>& out) {
 }
 
 bool MessageTable::isEmpty() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    utils::LockGuard lock(mMutex);
     return mTable.empty();
 }
 

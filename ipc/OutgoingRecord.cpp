@@ -10,6 +10,13 @@ namespace {
 // The transport's lines: they carry its tag and source name.
 constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
                                   utils::kLogModuleCore};
+
+// cmsg_len of the record's descriptor message (the constructor made sure
+// there is one).
+size_t controlLength(const msghdr& header) {
+    const cmsghdr* cmsg = CMSG_FIRSTHDR(&header);
+    return cmsg != nullptr ? static_cast<size_t>(cmsg->cmsg_len) : 0;
+}
 }  // namespace
 
 OutgoingRecord::OutgoingRecord(const void* data, size_t dataSize, const void* fds, size_t fdCount)
@@ -29,13 +36,12 @@ OutgoingRecord::OutgoingRecord(const void* data, size_t dataSize, const void* fd
 
 void OutgoingRecord::logBefore(const char* caller, int socketFd) {
     IPC_LOGD("[%s] socketFd(%d)", caller, socketFd);
-    IPC_LOGD("[%s] cmsg_space(%zu) cmsg_len(%zu)", caller, mControl.size(),
-             static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len));
+    IPC_LOGD("[%s] cmsg_space(%zu) cmsg_len(%zu)", caller, mControl.size(), controlLength(mHeader));
 }
 
 void OutgoingRecord::logSent(const char* caller, size_t sent) {
     IPC_LOGD("[%s] bytes_sent(%zd) FDS_CMSG_SIZE(%zu)", caller, static_cast<ssize_t>(sent),
-             static_cast<size_t>(CMSG_FIRSTHDR(&mHeader)->cmsg_len - CMSG_LEN(0)));
+             controlLength(mHeader) - CMSG_LEN(0));
 }
 
 }  // namespace Kestrel::ipc

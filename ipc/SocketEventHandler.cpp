@@ -37,7 +37,6 @@ void SocketEventHandler::setRunnable(std::shared_ptr<utils::Runnable> runnable) 
 int SocketEventHandler::sendMessage(const Message& message) {
     const int result = mSocket.send(message);
     if (result != 0) {
-        // Says "string" for every message: the text is kept as it has always read.
         IPC_LOGE("send string failed (%s)", std::strerror(-result));
     }
     return result;

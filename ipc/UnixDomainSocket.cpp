@@ -34,8 +34,7 @@ constexpr size_t kRecordAlwaysFits = 4096;
 // memory is taken for it; below it one allocation of the announced size is
 // cheaper than the extra call.
 constexpr size_t kMeasureAbove = size_t{1} << 20;
-// The debug lines of a message's records name the single-record operations,
-// as they always have.
+// The debug lines of a message's records name the single-record operations.
 constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
 constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
 
@@ -194,7 +193,7 @@ int takeDescriptors(const char* caller, const msghdr& header, void* fds, size_t 
         // Fewer than announced: the peer sent fewer, or this process ran out of
         // descriptor numbers and the kernel closed the rest (MSG_CTRUNC). Some
         // arrived: they are handed over in the first slots and the record
-        // stands, as it always has. None arrived: nothing to hand over.
+        // stands. None arrived: nothing to hand over.
         IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived.count(),
                  fdCount);
         if (arrived.count() == 0) {
@@ -423,6 +422,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const auto discard = [&](int error) {
         vector = iovec{nullptr, 0};
         if (receiveBy(socketFd, &record, 0, deadline) < 0) {
+            // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the refused payload record could not be taken (%s)", std::strerror(errno));
             return kOutOfStep;
         }
@@ -432,6 +432,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     };
     const auto waitFailed = [&] {
         if (errno == ETIMEDOUT) {
+            // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
                      static_cast<long long>(mPayloadTimeout.count()));
             return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
@@ -467,7 +468,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
         return waitFailed();
     }
     // A shorter record (a peer gone between the two records reads as 0
-    // bytes) leaves the rest of the data as zeros, as it always has; a longer
+    // bytes) leaves the rest of the data as zeros; a longer
     // one is cut to the announced size by the kernel.
     std::memset(data + received, 0, dataCount - static_cast<size_t>(received));
     if (fdCount == 0) {
@@ -479,7 +480,6 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
 
 int UnixDomainSocket::recv(Message::Payload* payload) {
     if (payload == nullptr) {
-        // The text is the one this path has always logged, wrong as it reads.
         IPC_LOGE("The data size is not aligned to sizeof(int)");
         return -EFAULT;
     }
@@ -530,7 +530,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
     do {
         received = receiveOnce(socketFd, &header, 0);
         // The payload time-out is the socket's receive time-out: a blocking
-        // socket that ran out of it waits on, as it always has.
+        // socket that ran out of it waits on.
     } while (received < 0 && errno == EAGAIN && mPayloadTimeout.count() != 0 &&
              isBlocking(socketFd));
     if (received < 0) {

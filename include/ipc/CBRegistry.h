@@ -25,12 +25,19 @@
 // descriptors are closed before the callback runs (the callback sees only the
 // status byte), also when no callback waits for it. Messages the CBList
 // destroys unread (still held at destruction, or replaced in extract()'s
-// `out`) have their descriptors closed too. Thread: any thread may register and unregister;
-// the map's mutex and the list's mutex are never held together, and neither is
-// held while the semaphore is acquired or released. Failure: duplicate or
-// unknown ids are logged at error level and otherwise ignored; an empty
-// callback throws std::bad_function_call out of unRegisterCB(), after its
-// entry has been removed and the lock released. Nothing aborts.
+// `out`) have their descriptors closed too.
+// Thread: any thread may register and unregister; the map's mutex and the
+// list's mutex are never held together, and neither is held while the
+// semaphore is acquired or released. Clang checks the locking against the
+// annotations below.
+// Failure: duplicate or unknown ids are logged at error level and otherwise
+// ignored; an empty callback throws std::bad_function_call out of
+// unRegisterCB(), after its entry has been removed and the lock released.
+// Nothing aborts.
+//
+// Compatibility: kept as existing callers rely on it. notifyCB() and
+// CBList::notify() notify a condition variable that nothing waits on: they
+// wake nobody (updates and requestExit() wake the workers).
 #pragma once
 
 #include <atomic>
@@ -39,10 +46,11 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
@@ -63,23 +71,23 @@ class IPC_EXPORT CBRegistry {
         CBList& operator=(const CBList&) = delete;
 
         // Appends `message` and adds one unit. Thread: any.
-        void update(std::unique_ptr<Message> message);
+        void update(std::unique_ptr<Message> message) IPC_EXCLUDES(mMutex);
         // Moves the oldest message into `out` (destroying what `out` held).
         // False, `out` untouched, when the list is empty. Thread: any.
-        [[nodiscard]] bool extract(std::unique_ptr<Message>& out);
-        bool isEmpty();
+        [[nodiscard]] bool extract(std::unique_ptr<Message>& out) IPC_EXCLUDES(mMutex);
+        bool isEmpty() IPC_EXCLUDES(mMutex);
         // Marks the list as exiting and adds the registry's waiter count.
         void requestExit();
-        // Notifies a condition variable that nothing waits on: wakes nobody.
+        // Wakes nobody (see Compatibility).
         void notify();
         // Takes one unit; false once exiting. Blocks until a unit is there.
         [[nodiscard]] bool wait();
 
       private:
         CBRegistry& mRegistry;
-        std::condition_variable mCond;  // notified by notify(); nobody waits
-        std::mutex mMutex;
-        std::list<std::unique_ptr<Message>> mMessages;  // guarded by mMutex; oldest first
+        std::condition_variable mCond;  // notified by notify()
+        utils::Mutex mMutex;
+        std::list<std::unique_ptr<Message>> mMessages IPC_GUARDED_BY(mMutex);  // oldest first
         std::unique_ptr<CountingSemaphore> mSemaphore;
         std::atomic<bool> mExiting{false};  // set once by requestExit()
     };
@@ -96,14 +104,15 @@ class IPC_EXPORT CBRegistry {
     // Stores a copy of `callback` under `message.id()`. If the id already has
     // one, logs "CB has registered, ERROR with msgID=%u" and keeps the first.
     // Thread: any, including from inside a callback.
-    void registerCB(const Message& message, const std::function<void(uint8_t)>& callback);
+    void registerCB(const Message& message, const std::function<void(uint8_t)>& callback)
+            IPC_EXCLUDES(mMutex);
 
     // Removes the callback of `message->id()` and calls it, outside the lock,
     // with the first payload data byte. An unknown id logs "CB has not
     // registered, ERROR with msgID=%u"; a message without data bytes is
     // rejected as described above. The message is destroyed on return.
     // Thread: any.
-    void unRegisterCB(std::unique_ptr<Message> message);
+    void unRegisterCB(std::unique_ptr<Message> message) IPC_EXCLUDES(mMutex);
 
     // Forwarders to the CBList.
     void updateCBList(std::unique_ptr<Message> message);
@@ -114,8 +123,8 @@ class IPC_EXPORT CBRegistry {
     [[nodiscard]] bool waitCB();
 
   private:
-    std::mutex mMutex;
-    std::unordered_map<uint32_t, std::function<void(uint8_t)>> mCallbacks;  // guarded by mMutex
+    utils::Mutex mMutex;
+    std::unordered_map<uint32_t, std::function<void(uint8_t)>> mCallbacks IPC_GUARDED_BY(mMutex);
     std::unique_ptr<CBList> mCBList;
     unsigned long mWaiterCount;
 };

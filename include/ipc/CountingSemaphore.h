@@ -10,23 +10,31 @@
 //
 // Ownership: owners hold it by std::unique_ptr; it is neither copyable nor
 // movable. release() wakes the waiters after it has unlocked the mutex, and
-// only when some thread waits: destroy the semaphore only once every
-// acquire() and release() call has returned. Thread: any number of threads may acquire and release
-// at once; the count is guarded by the mutex, and the debug lines are written with the mutex held.
+// only when some thread waits. A waiter woken by a release may destroy the
+// semaphore's owner at once (a loop thread that ends with its queue): the
+// destructor waits until every release() still notifying has returned.
+// Thread: any number of threads may acquire and release at once; the count is
+// guarded by the mutex, and the debug lines are written with the mutex held.
+// An owner may keep its own entries under the same mutex (mutex(),
+// acquireWith, releaseWith); clang checks the locking against the
+// annotations below.
 // Failure: none; acquire() returns only with a unit taken.
 //
-// The number after "key:" in every line is the current count, not the key
-// given to the constructor; the lines have always read that way and tools
-// that follow them rely on it.
+// Compatibility: kept as existing callers and log readers rely on it. The
+// number after "key:" in every line is the current count, not the key given
+// to the constructor. The key is stored and never used, and mReserved is
+// never read: both keep the object layout.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
@@ -34,7 +42,8 @@ class IPC_EXPORT CountingSemaphore {
   public:
     // `key` identifies the owner and is only stored; the count starts at 0.
     explicit CountingSemaphore(int key);
-    // Must not run while a thread is inside acquire() or release().
+    // Must not run while a thread is inside acquire(), or before a release()
+    // has begun; it waits for releases that are still notifying.
     ~CountingSemaphore();
     CountingSemaphore(const CountingSemaphore&) = delete;
     CountingSemaphore& operator=(const CountingSemaphore&) = delete;
@@ -42,29 +51,37 @@ class IPC_EXPORT CountingSemaphore {
     // Takes one unit, blocking until the count is positive.
     // Thread: any. Blocks: for as long as nobody releases (logging once per
     // 3000 ms slice).
-    void acquire();
+    void acquire() IPC_EXCLUDES(mMutex);
 
     // Adds `n` units (a negative `n` lowers the count) and wakes every waiter
     // (after unlocking; no notification at all when nobody waits).
     // Thread: any. Never blocks beyond the mutex.
-    void release(int n);
+    void release(int n) IPC_EXCLUDES(mMutex);
 
     // acquire() and release() that also run `underLock` (when not empty)
     // under the same hold of the mutex: after taking the unit, or before
     // adding the units. An owner whose entries this mutex guards as well
-    // stores and takes them without a second lock. `underLock` must not call
-    // back into this semaphore.
-    void acquireWith(const std::function<void()>& underLock);
-    void releaseWith(int n, const std::function<void()>& underLock);
+    // stores and takes them without a second lock: it annotates them
+    // IPC_GUARDED_BY(semaphore->mutex()) and `underLock` with
+    // IPC_REQUIRES(semaphore->mutex()). `underLock` must not call back into
+    // this semaphore.
+    void acquireWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
+    void releaseWith(int n, const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
+
+    // The mutex that guards the count, for the lock annotations of an owner
+    // that keeps its entries under it. Lock it only through acquireWith and
+    // releaseWith.
+    utils::Mutex& mutex() IPC_RETURN_CAPABILITY(mMutex) { return mMutex; }
 
   private:
-    std::mutex mMutex;
+    utils::Mutex mMutex;
     std::condition_variable mCond;
-    [[maybe_unused]] int64_t mReserved = 0;    // never read; always zero
+    [[maybe_unused]] int64_t mReserved = 0;
     std::chrono::milliseconds mTimeout{3000};  // length of one wait slice
-    int32_t mCount = 0;                        // guarded by mMutex
-    int32_t mWaiters = 0;                      // threads blocked in acquire(); guarded by mMutex
-    [[maybe_unused]] int32_t mKey;             // the owner's identifier; stored only
+    int32_t mCount IPC_GUARDED_BY(mMutex) = 0;
+    int32_t mWaiters IPC_GUARDED_BY(mMutex) = 0;  // threads blocked in acquire()
+    [[maybe_unused]] int32_t mKey;                // the owner's identifier
+    std::atomic<int32_t> mNotifying{0};           // releases past the unlock, not yet returned
 };
 
 }  // namespace Kestrel::ipc

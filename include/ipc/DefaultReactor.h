@@ -24,10 +24,8 @@
 // Thread: loop() on one thread at a time; register, remove and requestExit()
 // from any thread, also from inside handleEvent(). A handler registered during
 // a cycle takes part from the next one; one removed during a cycle may still
-// be called in that cycle. While no handler is registered and no exit was
-// requested, loop() spins (it logs "no available handlers, continue to
-// wait..." on every turn): register a handler before, or soon after, starting
-// it, and keep one registered.
+// be called in that cycle. Clang checks the locking against the annotations
+// below.
 //
 // Failure: registration and removal return false (logged); a poll failure or
 // time-out is logged and the next cycle begins; an error, hang-up or invalid
@@ -40,6 +38,15 @@
 // stays registered, is polled again and logged again on every cycle, and the
 // loop never blocks. An owner that wants to hear of it installs a hang-up
 // listener (setHangUpListener) and removes or drops the handler there.
+//
+// Compatibility: kept as existing callers and log readers rely on it. While
+// no handler is registered and no exit was requested, loop() spins, logging
+// "no available handlers, continue to wait..." on every turn: register a
+// handler before, or soon after, starting it, and keep one registered. The
+// failure flags read "|hand up|" for POLLHUP, and a removal of an unknown
+// descriptor warns "does not registered before". requestExit() compares
+// errno with -11, which never matches: every failed write of the eventfd is
+// fatal. mCond is never used: it keeps the object layout.
 #pragma once
 
 #include <sysutils/FileDescriptor.h>
@@ -51,11 +58,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
@@ -83,16 +91,18 @@ class IPC_EXPORT DefaultReactor {
     // is expired") or the descriptor already has a handler ("handler(key: %d)
     // already existed"; the first one stays). Either way, except for an
     // expired handler, releases the start gate of loop(). Thread: any.
-    [[nodiscard]] virtual bool registerEventHandler(std::weak_ptr<EventHandler> handler);
+    [[nodiscard]] virtual bool registerEventHandler(std::weak_ptr<EventHandler> handler)
+            IPC_EXCLUDES(mMutex);
 
     // Removes the entry of `handler`'s fd(). False when it has expired or was
     // not registered. Thread: any.
-    [[nodiscard]] virtual bool removeEventHandler(std::weak_ptr<EventHandler> handler);
+    [[nodiscard]] virtual bool removeEventHandler(std::weak_ptr<EventHandler> handler)
+            IPC_EXCLUDES(mMutex);
 
     // Runs the reactor on the calling thread until exit is requested.
     // `timeout` bounds each wait; 0 ms waits without limit.
     // Thread: one at a time. Blocks: until requestExit().
-    virtual void loop(const std::chrono::milliseconds& timeout);
+    virtual void loop(const std::chrono::milliseconds& timeout) IPC_EXCLUDES(mMutex, mListenerLock);
 
     // Makes loop() return after its current (or next) cycle, and releases its
     // start gate. Failing to signal the eventfd is fatal: "request Reactor to
@@ -102,7 +112,7 @@ class IPC_EXPORT DefaultReactor {
     // Removes the entry of descriptor `fd`. False, with the warning
     // "handler(key: %d) does not registered before", when there is none.
     // Thread: any.
-    [[nodiscard]] bool removeEventHandlerByFd(int fd);
+    [[nodiscard]] bool removeEventHandlerByFd(int fd) IPC_EXCLUDES(mMutex);
 
     // Installs `listener` (an empty one uninstalls), replacing the one before.
     // From then on, each time a handler's descriptor reports an error, hang-up
@@ -117,7 +127,7 @@ class IPC_EXPORT DefaultReactor {
     // Thread: any, before or while loop() runs, also from inside the listener;
     // a call that races with a dispatch takes effect at that dispatch or the
     // next.
-    void setHangUpListener(HangUpListener listener);
+    void setHangUpListener(HangUpListener listener) IPC_EXCLUDES(mListenerLock);
 
     // The two halves of a cycle's dispatch, called by loop() on its thread.
     //
@@ -131,7 +141,8 @@ class IPC_EXPORT DefaultReactor {
     // hang-up listener instead, if one is installed. A list out of ascending
     // order, or a ready descriptor without a handler, is fatal.
     void handlePollEvent(const std::vector<std::pair<int, short>>& events,
-                         const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers);
+                         const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers)
+            IPC_EXCLUDES(mMutex, mListenerLock);
 
   private:
     // A registered handler as the loop polls it, kept across cycles until the
@@ -152,33 +163,35 @@ class IPC_EXPORT DefaultReactor {
     // collectReady() locks the handlers of the ready pairs of `events` into
     // `readyHandlers` (ascending) and removes the pairs of handlers that have
     // gone since; true when there were such.
-    bool refreshWatched(WatchedHandlers& watched, uint64_t& seenGeneration, bool& fresh);
-    bool dropExpired(WatchedHandlers& watched);
+    bool refreshWatched(WatchedHandlers& watched, uint64_t& seenGeneration, bool& fresh)
+            IPC_EXCLUDES(mMutex);
+    bool dropExpired(WatchedHandlers& watched) IPC_EXCLUDES(mMutex);
     void rebuildPoller(Poller& poller, const WatchedHandlers& watched);
     bool collectReady(const WatchedHandlers& watched, std::vector<std::pair<int, short>>& events,
                       std::vector<std::shared_ptr<EventHandler>>& readyHandlers);
 
-    // Erases the entry of `fd`; caller holds mMutex. With `onlyIfExpired` the
-    // entry is kept when its handler is alive again: the number may have been
-    // reused by a handler registered after the entry was found expired.
-    bool eraseEntryLocked(int fd, bool onlyIfExpired);
+    // Erases the entry of `fd`. With `onlyIfExpired` the entry is kept when
+    // its handler is alive again: the number may have been reused by a
+    // handler registered after the entry was found expired.
+    bool eraseEntryLocked(int fd, bool onlyIfExpired) IPC_REQUIRES(mMutex);
     // Calls the hang-up listener, if any, for the handler of `fd`; no lock is
     // held during the call.
     void notifyHangUp(int fd, short revents,
-                      const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers);
+                      const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers)
+            IPC_EXCLUDES(mMutex, mListenerLock);
 
-    std::mutex mMutex;
-    [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
-    std::unique_ptr<CountingSemaphore> mSemaphore;   // start gate of loop()
-    std::map<int, std::weak_ptr<EventHandler>> mEventHandlers;  // guarded by mMutex
-    uint64_t mGeneration = 0;                 // guarded by mMutex; counts changes of mEventHandlers
-    std::atomic<bool> mExitRequested{false};  // set once by requestExit()
+    utils::Mutex mMutex;
+    [[maybe_unused]] std::condition_variable mCond;
+    std::unique_ptr<CountingSemaphore> mSemaphore;  // start gate of loop()
+    std::map<int, std::weak_ptr<EventHandler>> mEventHandlers IPC_GUARDED_BY(mMutex);
+    uint64_t mGeneration IPC_GUARDED_BY(mMutex) = 0;  // counts changes of mEventHandlers
+    std::atomic<bool> mExitRequested{false};          // set once by requestExit()
     Kestrel::utils::sys::FileDescriptor mExitEventFd;
 
     // Taken alone, never with mMutex: the loop copies the listener under it
     // and calls the copy after releasing it.
-    std::mutex mListenerLock;
-    std::shared_ptr<const HangUpListener> mHangUpListener;  // guarded by mListenerLock
+    utils::Mutex mListenerLock;
+    std::shared_ptr<const HangUpListener> mHangUpListener IPC_GUARDED_BY(mListenerLock);
 };
 
 }  // namespace Kestrel::ipc

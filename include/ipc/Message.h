@@ -13,27 +13,37 @@
 // the queue, table and registry hold them by std::unique_ptr.
 //
 // Thread: every header and payload accessor is atomic under the message's own
-// mutex; sequences of calls are not. setMessageHandler() takes no lock.
+// mutex; sequences of calls are not. Clang checks the locking against the
+// annotations below.
 // Failure: a header vector of the wrong size, or use of a moved-from message's
-// header, ends the process.
+// header, ends the process. The moves are noexcept: they only take the
+// messages' mutexes, which fail only on misuse (a lock the caller holds).
 //
 // The transport (UnixDomainSocket) is a friend: it sends the payload straight
 // from the storage and receives into a storage it then hands over whole, so
 // that no payload byte is copied but by the kernel. The default
 // MessageHandler is one too: it reads the descriptors without copying the
 // data. Those operations are private; nothing else sees them.
+//
+// Compatibility: kept as existing callers rely on it. Move assignment swaps
+// the handlers (the source receives this message's former one) where the move
+// constructor leaves the source none. setMessageHandler() takes no lock.
+// setPayload() leaves a count untouched when its block is empty. waitResponse()
+// logs "waitResponse timed out, ..." at every check of the reply bit, the
+// successful one included, and reports nothing: callers ask isReply().
 #pragma once
 
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
@@ -61,59 +71,58 @@ class IPC_EXPORT Message {
     explicit Message(std::shared_ptr<MessageHandler> handler = nullptr);
     // Takes `other`'s bytes and handler; `other` is left with no header and no
     // handler.
-    Message(Message&& other);
+    Message(Message&& other) noexcept IPC_EXCLUDES(other.mMutex);
     // Takes `other`'s bytes and swaps handlers: `other` receives this
-    // message's former handler (unlike the move constructor, on purpose).
-    Message& operator=(Message&& other);
+    // message's former handler. Self-assignment does nothing.
+    Message& operator=(Message&& other) noexcept IPC_EXCLUDES(mMutex, other.mMutex);
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
     // Neither calls the handler nor closes descriptors.
     virtual ~Message();
 
-    uint32_t id() const;
-    uint32_t type() const;
-    uint32_t flags() const;
-    uint32_t dataCount() const;
-    uint16_t fileDescriptorCount() const;
+    uint32_t id() const IPC_EXCLUDES(mMutex);
+    uint32_t type() const IPC_EXCLUDES(mMutex);
+    uint32_t flags() const IPC_EXCLUDES(mMutex);
+    uint32_t dataCount() const IPC_EXCLUDES(mMutex);
+    uint16_t fileDescriptorCount() const IPC_EXCLUDES(mMutex);
     // Sets the flags word to 0 and returns its former value.
-    uint32_t clearFlags();
-    bool isAsync() const;
-    bool isReply() const;
+    uint32_t clearFlags() IPC_EXCLUDES(mMutex);
+    bool isAsync() const IPC_EXCLUDES(mMutex);
+    bool isReply() const IPC_EXCLUDES(mMutex);
 
     // The header's first byte and its size (24). The pointer is valid until
     // the storage is reallocated (setPayload, a move); whoever writes through
     // the non-const form must own the message exclusively.
-    std::pair<const uint8_t*, size_t> header() const;
-    std::pair<uint8_t*, size_t> header();
+    std::pair<const uint8_t*, size_t> header() const IPC_EXCLUDES(mMutex);
+    std::pair<uint8_t*, size_t> header() IPC_EXCLUDES(mMutex);
 
     // A copy of the payload, unpacked with the header's counts as they stand.
     // A header-only message logs "no payload exists" and gives an empty one.
-    Payload payload() const;
+    Payload payload() const IPC_EXCLUDES(mMutex);
 
     // Sets the counts; id, type and flags become 0.
-    void setHeader(uint32_t dataCount, uint16_t fileDescriptorCount);
+    void setHeader(uint32_t dataCount, uint16_t fileDescriptorCount) IPC_EXCLUDES(mMutex);
     void setHeader(uint32_t id, uint32_t type, uint32_t flags, uint32_t dataCount,
-                   uint16_t fileDescriptorCount);
+                   uint16_t fileDescriptorCount) IPC_EXCLUDES(mMutex);
     // Copies bytes 0..17 (id through descriptor count) of a 24-byte header;
     // the reserved bytes stay. Any other size ends the process.
-    void setHeader(const std::vector<uint8_t>& bytes);
+    void setHeader(const std::vector<uint8_t>& bytes) IPC_EXCLUDES(mMutex);
 
     // Resizes the storage to header + data + 4 x descriptors and packs the
     // payload. An empty data block (or descriptor list) leaves its count in
     // the header untouched, so emptying a payload keeps the old counts.
-    void setPayload(const Payload& payload);
+    void setPayload(const Payload& payload) IPC_EXCLUDES(mMutex);
 
     // Replaces the handler (null is stored as given), warning when one was
-    // set. Not locked: must not race with readers of the handler.
+    // set. Must not race with readers of the handler.
     void setMessageHandler(std::shared_ptr<MessageHandler> handler);
     const std::shared_ptr<MessageHandler>& messageHandler() const { return mHandler; }
 
     // Waits up to 1 s for the reply bit, re-checked on every wake-up; logs
     // "waitResponse timed out, message ID(%u) isReply(%d)" on every check.
-    // Returns nothing: ask isReply() afterwards.
-    void waitResponse();
+    void waitResponse() IPC_EXCLUDES(mMutex, mResponseMutex);
     // Wakes one waiter. Set the reply bit (setHeader) before calling this.
-    void signalResponse();
+    void signalResponse() IPC_EXCLUDES(mResponseMutex);
 
   private:
     friend class UnixDomainSocket;
@@ -125,6 +134,7 @@ class IPC_EXPORT Message {
     template <typename T>
     struct UninitialisedAllocator : std::allocator<T> {
         template <typename U>
+        // NOLINTNEXTLINE(readability-identifier-naming): the allocator requirements name it
         struct rebind {
             using other = UninitialisedAllocator<U>;
         };
@@ -158,25 +168,27 @@ class IPC_EXPORT Message {
     };
     // What payload() gives, without the copy; logs "no payload exists" the
     // same way for a header-only message.
-    PackedPayload packedPayload() const;
+    PackedPayload packedPayload() const IPC_EXCLUDES(mMutex);
     // The descriptors payload() would unpack, with the same lines logged,
     // without copying the data (the default handler's disposal).
-    std::vector<int> payloadDescriptors() const;
+    std::vector<int> payloadDescriptors() const IPC_EXCLUDES(mMutex);
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
-    void adoptStorage(Storage&& storage);
+    void adoptStorage(Storage&& storage) IPC_EXCLUDES(mMutex);
 
-    PackedPayload packedPayloadLocked() const;  // caller holds mMutex
-    uint32_t readWord(size_t offset) const;     // caller holds mMutex
-    void writeWord(size_t offset, uint32_t value);
-    void writeDescriptorCount(uint16_t count);
-    void checkHeaderPresent() const;
+    PackedPayload packedPayloadLocked() const IPC_REQUIRES(mMutex);
+    uint32_t readWord(size_t offset) const IPC_REQUIRES(mMutex);
+    void writeWord(size_t offset, uint32_t value) IPC_REQUIRES(mMutex);
+    void writeDescriptorCount(uint16_t count) IPC_REQUIRES(mMutex);
+    void checkHeaderPresent() const IPC_REQUIRES(mMutex);
 
     size_t mHeaderSize;
-    mutable std::mutex mMutex;
-    Storage mStorage;  // guarded by mMutex
+    mutable utils::Mutex mMutex;
+    Storage mStorage IPC_GUARDED_BY(mMutex);
     std::shared_ptr<MessageHandler> mHandler;
-    std::mutex mResponseMutex;
+    // Orders signalResponse() after a waiter's check of the reply bit; guards
+    // no member (the bit is in mStorage).
+    utils::Mutex mResponseMutex;
     std::condition_variable mResponseCondition;
 };
 

@@ -9,12 +9,19 @@
 // Ownership: the queue owns every message it holds. A message it destroys
 // without handing it out (one enqueued after exit, one still queued when the
 // queue is destroyed) has its descriptors closed first: nobody else can
-// reach them any more. Thread: any number of producers
-// (enqueueMessage, requestExit) and exactly one consumer (nextMessage). The
-// list is guarded by the semaphore's own mutex, so that storing or taking a
-// message and its unit costs one lock. Failure: nothing is
-// reported to callers; an enqueue after exit drops the message with a warning,
-// and nextMessage() after exit returns an empty message.
+// reach them any more.
+// Thread: any number of producers (enqueueMessage, requestExit) and exactly
+// one consumer (nextMessage). The list is guarded by the semaphore's own
+// mutex, so that storing or taking a message and its unit costs one lock;
+// clang checks the locking against the annotations below.
+// Failure: nothing is reported to callers; an enqueue after exit drops the
+// message with a warning, and nextMessage() after exit returns an empty
+// message.
+//
+// Compatibility: kept as existing callers rely on it. The time-outs of
+// enqueueMessage() and nextMessage() are accepted and ignored (the latter
+// only picks a warning text), NextMessage::timedOut is never set, and mCond
+// is never used: it keeps the object layout.
 #pragma once
 
 #include <atomic>
@@ -23,17 +30,17 @@
 #include <deque>
 #include <memory>
 
+#include "ipc/CountingSemaphore.h"
 #include "ipc/Export.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
-class CountingSemaphore;
 class Message;
 
 class IPC_EXPORT MessageQueue {
   public:
     // What nextMessage() gives: a message, or none once the queue is exiting.
-    // This queue never reports `timedOut`; callers still handle it.
     struct NextMessage {
         bool timedOut = false;
         std::unique_ptr<Message> message;
@@ -46,18 +53,17 @@ class IPC_EXPORT MessageQueue {
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
-    // Appends `message`. `timeout` is ignored on purpose: the queue has no
-    // bound, so an enqueue never waits. After requestExit() the message is
+    // Appends `message`; the queue has no bound, so an enqueue never waits.
+    // After requestExit() the message is
     // destroyed, its descriptors closed, with "message queue is exiting, skip
     // enqueueMessage()".
     // Thread: any.
     void enqueueMessage(std::unique_ptr<Message> message, std::chrono::milliseconds timeout);
 
     // Removes and returns the oldest message, blocking while the queue is
-    // empty; an empty `message` once the queue is exiting. `timeout` does not
-    // bound the wait; it only picks the warning logged when exit is seen after
-    // waking ("cannot get the next message now" below 1 ms, "skip
-    // nextMessage()" otherwise).
+    // empty; an empty `message` once the queue is exiting. The warning logged
+    // when exit is seen after waking is "cannot get the next message now" for
+    // a `timeout` below 1 ms, "skip nextMessage()" otherwise.
     // Thread: the queue's one consumer. Blocks: until a message or exit.
     NextMessage nextMessage(std::chrono::milliseconds timeout);
 
@@ -66,12 +72,12 @@ class IPC_EXPORT MessageQueue {
     void requestExit();
 
   private:
-    // Guarded by the semaphore's mutex (stored and taken with the unit that
-    // counts it: one lock per enqueue and per take); oldest first.
-    std::deque<std::unique_ptr<Message>> mMessages;
-    [[maybe_unused]] std::condition_variable mCond;  // never used; part of the object layout
-    std::unique_ptr<CountingSemaphore> mSemaphore;   // one unit per message, one at exit
-    std::atomic<bool> mExiting{false};               // set once by requestExit()
+    // Stored and taken with the unit that counts it, under the semaphore's
+    // mutex; oldest first.
+    std::deque<std::unique_ptr<Message>> mMessages IPC_GUARDED_BY(mSemaphore->mutex());
+    [[maybe_unused]] std::condition_variable mCond;
+    std::unique_ptr<CountingSemaphore> mSemaphore;  // one unit per message, one at exit
+    std::atomic<bool> mExiting{false};              // set once by requestExit()
 };
 
 }  // namespace Kestrel::ipc

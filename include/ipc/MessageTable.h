@@ -12,10 +12,15 @@
 // Ownership: the table owns every message it holds; messages stored after exit
 // are kept until the table is destroyed. Messages the table destroys unread
 // (those still stored at destruction, those extract() replaces in `out`)
-// have their descriptors closed first. Thread: any number of producers and
-// the declared consumers; the table's mutex is never held while the semaphore
-// is acquired or released. Failure: nothing fails; extract() on an empty
-// table returns false.
+// have their descriptors closed first.
+// Thread: any number of producers and the declared consumers; the table's
+// mutex is never held while the semaphore is acquired or released. Clang
+// checks the locking against the annotations below.
+// Failure: nothing fails; extract() on an empty table returns false.
+//
+// Compatibility: kept as existing callers rely on it. notify() notifies a
+// condition variable that nothing waits on: it wakes nobody (update() and
+// requestExit() wake the waiters).
 #pragma once
 
 #include <atomic>
@@ -23,10 +28,11 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc {
 
@@ -45,7 +51,7 @@ class IPC_EXPORT MessageTable {
 
     // Appends `message` to its id's list and adds one unit. Accepted also
     // after requestExit(). Thread: any.
-    void update(std::unique_ptr<Message> message);
+    void update(std::unique_ptr<Message> message) IPC_EXCLUDES(mMutex);
 
     // Takes one unit. True: call extract() now (it may find nothing). False:
     // the table is exiting and the consumer should end.
@@ -55,13 +61,12 @@ class IPC_EXPORT MessageTable {
     // Moves one id's messages, in arrival order, into `out` (whatever `out`
     // held is destroyed first). No order between ids is promised. False, with
     // `out` untouched, when the table is empty. Thread: any.
-    [[nodiscard]] bool extract(std::list<std::unique_ptr<Message>>& out);
+    [[nodiscard]] bool extract(std::list<std::unique_ptr<Message>>& out) IPC_EXCLUDES(mMutex);
 
     // True when no id is stored. Thread: any.
-    bool isEmpty();
+    bool isEmpty() IPC_EXCLUDES(mMutex);
 
-    // Notifies a condition variable that nothing waits on: it wakes nobody.
-    // Kept as part of the interface; update() and requestExit() wake waiters.
+    // Wakes nobody (see Compatibility).
     void notify();
 
     // Marks the table as exiting (permanently) and adds one unit per declared
@@ -70,9 +75,9 @@ class IPC_EXPORT MessageTable {
 
   private:
     // id -> its messages, oldest first; never holds an empty list.
-    std::unordered_map<uint32_t, std::list<std::unique_ptr<Message>>> mTable;  // guarded by mMutex
-    std::condition_variable mCond;  // notified by notify(); nobody waits
-    std::mutex mMutex;
+    std::unordered_map<uint32_t, std::list<std::unique_ptr<Message>>> mTable IPC_GUARDED_BY(mMutex);
+    std::condition_variable mCond;  // notified by notify()
+    utils::Mutex mMutex;
     std::unique_ptr<CountingSemaphore> mSemaphore;  // one unit per message, waiterCount at exit
     unsigned long mWaiterCount;
     std::atomic<bool> mExiting{false};  // set once by requestExit()

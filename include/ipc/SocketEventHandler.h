@@ -21,6 +21,10 @@
 //
 // Failure: sendMessage() and receiveMessage() return the socket's codes (0 or
 // a negative errno value) and log failures; the string helpers only log.
+//
+// Compatibility: kept as log readers rely on it. sendMessage() and
+// receiveMessage() log their failures as "send string failed" and "receive
+// string failed" whatever the message.
 #pragma once
 
 #include <ipc/EventHandler.h>

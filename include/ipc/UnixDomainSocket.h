@@ -40,7 +40,7 @@
 // what the payload record really holds into account before it allocates:
 // above 1 MiB announced, it measures the record first (MSG_PEEK|MSG_TRUNC).
 //   - A record shorter than announced: up to 1 MiB announced, the missing
-//     data reads as zeros and the result is 0, as it always was (a peer gone
+//     data reads as zeros and the result is 0 (a peer gone
 //     between the two records reads as an empty record); above, the record
 //     is consumed, its descriptors closed, and the result is -74 EBADMSG.
 //   - A record longer than announced is cut to the announced size; the rest
@@ -58,8 +58,16 @@
 // must be closed. A peer that closes meanwhile ends the wait at once. The
 // bound is the socket's receive time-out (SO_RCVTIMEO, set by bind() and
 // setPayloadTimeout()), so that the blocking recvmsg carries it at no extra
-// call; every other receive here waits on past it as before, but whoever
-// reads the descriptor directly sees it.
+// call; every other receive here waits on past it, but whoever reads the
+// descriptor directly sees it.
+//
+// Compatibility: kept as existing peers and log readers rely on it. End of
+// stream is not detected, a payload record shorter than announced (up to
+// 1 MiB) reads as zeros with result 0, and a record that brings only some of
+// its descriptors stands (result 0). recv(Message::Payload*) given null logs
+// "The data size is not aligned to sizeof(int)". The debug lines of a
+// message's two records name sendDataAndFileDescriptors and
+// receiveDataAndFileDescriptors.
 #pragma once
 
 #include <ipc/Message.h>

@@ -56,14 +56,14 @@ ThreadData& ThreadData::myData() {
     return *tLocals.mRecord;
 }
 
-Thread::Thread() = default;
+Thread::Thread() noexcept = default;
 
 Thread::Thread(Runnable* runnable, bool ownsRunnable)
     : mRunnable(runnable), mOwnsRunnable(ownsRunnable) {}
 
 Thread::Thread(Thread&& other) noexcept { takeRunnableOf(other); }
 
-Thread& Thread::operator=(Thread&& other) {
+Thread& Thread::operator=(Thread&& other) noexcept {
     if (this != &other) {
         refuseStarted(other);
         joinAndReleaseRunnable();

@@ -47,12 +47,12 @@ void ThreadPool::Worker::run() {
     for (;;) {
         std::function<void()> task;
         {
-            std::unique_lock<std::mutex> lock(pool.mTasksLock);
-            const auto ready = [&pool] {
+            UniqueLock lock(pool.mTasksLock);
+            const auto ready = [&pool]() IPC_REQUIRES(pool.mTasksLock) {
                 return pool.mIsExiting.load(std::memory_order_acquire) || !pool.mTasks.empty();
             };
-            while (!pool.mTasksCond.wait_until(lock, std::chrono::steady_clock::now() + kWaitSlice,
-                                               ready)) {
+            while (!lock.waitUntil(pool.mTasksCond, std::chrono::steady_clock::now() + kWaitSlice,
+                                   ready)) {
                 IPC_LOGW("timed out, queue size(%zu) isExiting(%s)", pool.mTasks.size(),
                          yesNo(pool.mIsExiting.load(std::memory_order_acquire)));
             }
@@ -112,7 +112,7 @@ void ThreadPool::dispatch() {
         IPC_LOGW("do nothing since thread number is 0");
         return;
     }
-    std::lock_guard<std::mutex> lock(mWorkersLock);
+    LockGuard lock(mWorkersLock);
     for (Thread& worker : mWorkers) {
         worker.start();
     }
@@ -128,7 +128,7 @@ void ThreadPool::wakeAllForExit() {
     {
         // Set under the lock the workers test it under, so that a worker
         // between its test and its wait cannot miss the wake-up.
-        std::lock_guard<std::mutex> lock(mTasksLock);
+        LockGuard lock(mTasksLock);
         mIsExiting.store(true, std::memory_order_release);
     }
     mTasksCond.notify_all();

@@ -140,6 +140,15 @@ class IPC_SCOPED_CAPABILITY UniqueLock {
         condition.wait(mLock, std::move(ready));
     }
 
+    // As wait(), giving up after `duration`; returns what `ready()` last
+    // returned.
+    template <typename Rep, typename Period, typename Predicate>
+    [[nodiscard]] bool waitFor(std::condition_variable& condition,
+                               const std::chrono::duration<Rep, Period>& duration,
+                               Predicate ready) {
+        return condition.wait_for(mLock, duration, std::move(ready));
+    }
+
     // As wait(), giving up at `deadline`; returns what `ready()` last returned.
     template <typename Clock, typename Duration, typename Predicate>
     [[nodiscard]] bool waitUntil(std::condition_variable& condition,

@@ -5,8 +5,8 @@
 // std::shared_ptr; whoever calls run() does so on its own thread and waits for
 // it to return.
 //
-// run() is declared before the destructor on purpose: the order of the
-// virtual slots is part of the type.
+// Compatibility: run() is declared before the destructor, as existing
+// subclasses rely on that order of the virtual slots.
 #pragma once
 
 #include "ipc/Export.h"

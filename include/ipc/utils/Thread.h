@@ -18,6 +18,12 @@
 // process with a fatal line that says which.
 // Calling a per-thread operation on the wrong kind of thread (main or not)
 // ends the process, except myMessageLoop(), which warns and returns null.
+//
+// Compatibility: kept as existing callers and log readers rely on it. id()
+// gives the kernel thread id of the calling thread, not of the thread the
+// object runs. setName() ignores its result, so a name longer than 15
+// characters is silently not set. postTask() on the main thread ends the
+// process with "only non-main threa can reach here." as spelt.
 #pragma once
 
 #include <cstdint>
@@ -68,7 +74,7 @@ class IPC_EXPORT ThreadData {
 class IPC_EXPORT Thread {
   public:
     // No runnable; such a Thread must not be started.
-    Thread();
+    Thread() noexcept;
     // Runs `runnable` once started; destroys it at the end when `ownsRunnable`.
     Thread(Runnable* runnable, bool ownsRunnable);
 
@@ -78,8 +84,9 @@ class IPC_EXPORT Thread {
     // ends the process with "cannot move a started thread".
     Thread(Thread&& other) noexcept;
     // As the move constructor. A runnable this object owned is destroyed
-    // first, after joining this object's thread if it still runs.
-    Thread& operator=(Thread&& other);
+    // first, after joining this object's thread if it still runs (a join
+    // throws only on misuse, which ends the process here).
+    Thread& operator=(Thread&& other) noexcept;
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
@@ -111,12 +118,10 @@ class IPC_EXPORT Thread {
     // returns null.
     static ipc::MessageLoop* myMessageLoop();
 
-    // The kernel thread id of the CALLING thread, not of the thread this object
-    // runs (kept that way on purpose).
+    // The kernel thread id of the calling thread.
     int id() const;
 
-    // Names the calling thread. The result is ignored: a name longer than 15
-    // characters is silently not set.
+    // Names the calling thread (see Compatibility for long names).
     static void setName(const std::string& name);
 
     // Per-thread set-up and tear-down; run() and the thread-exit guard call

@@ -2,9 +2,7 @@
 // one shared first-in first-out queue.
 //
 // The workers ("ThreadPool-0", "ThreadPool-1", ...) are made and started by
-// the constructor. Each waits for a task in slices of 10 seconds, warning
-// "timed out, queue size(%zu) isExiting(%s)" after every slice that passes
-// without work. requestExit() or destruction ends the pool: a worker that
+// the constructor. requestExit() or destruction ends the pool: a worker that
 // wakes for exit still runs one queued task, if there is one, before it
 // returns; the destructor joins every worker and discards the tasks left.
 //
@@ -12,12 +10,18 @@
 // listener is only referred to (weakly) and told once, at destruction, if it
 // is still alive.
 // Thread: addTask() and requestExit() from any thread, also from a task;
-// setExitListener() and destruction from the owner.
+// setExitListener() and destruction from the owner. Clang checks the locking
+// against the annotations below.
 // Failure: a pool of zero workers only warns ("do nothing since thread number
 // is 0") and never runs a task; a worker that cannot be created makes the
 // constructor throw std::system_error (see Thread::start()). A task that
 // throws ends the process with "thread pool task threw an exception: %s"
 // (its what()): nobody is there to catch it.
+//
+// Compatibility: kept as log readers rely on it. An idle worker waits in
+// slices of 10 seconds and warns "timed out, queue size(%zu) isExiting(%s)"
+// after each; one that wakes for exit with no task left warns "thread %zu
+// has no callable method, do nothing".
 #pragma once
 
 #include <atomic>
@@ -25,12 +29,13 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
 #include "ipc/utils/Thread.h"
+#include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc::utils {
 
@@ -58,9 +63,9 @@ class IPC_EXPORT ThreadPool {
     // at the back and wakes ONE waiting worker. After requestExit() a task
     // may still run (at most one per worker) or be discarded.
     template <typename Task>
-    void addTask(Task&& task) {
+    void addTask(Task&& task) IPC_EXCLUDES(mTasksLock) {
         {
-            std::lock_guard<std::mutex> lock(mTasksLock);
+            LockGuard lock(mTasksLock);
             mTasks.emplace_back(std::forward<Task>(task));
         }
         mTasksCond.notify_one();
@@ -68,7 +73,7 @@ class IPC_EXPORT ThreadPool {
 
     // Marks the pool as exiting for good and wakes every worker. Does not
     // wait for them.
-    void requestExit();
+    void requestExit() IPC_EXCLUDES(mTasksLock);
 
     // Sets the object told at destruction; the pool does not keep it alive.
     void setExitListener(std::weak_ptr<ExitListener> listener);
@@ -77,13 +82,13 @@ class IPC_EXPORT ThreadPool {
     class Worker;
 
     // Starts every worker, in order.
-    void dispatch();
-    void wakeAllForExit();
+    void dispatch() IPC_EXCLUDES(mWorkersLock);
+    void wakeAllForExit() IPC_EXCLUDES(mTasksLock);
 
-    std::mutex mWorkersLock;                   // serialises dispatch()
-    std::vector<Thread> mWorkers;              // each owns its Worker
-    std::deque<std::function<void()>> mTasks;  // guarded by mTasksLock
-    std::mutex mTasksLock;
+    Mutex mWorkersLock;            // serialises dispatch()
+    std::vector<Thread> mWorkers;  // each owns its Worker; made by the constructor
+    std::deque<std::function<void()>> mTasks IPC_GUARDED_BY(mTasksLock);
+    Mutex mTasksLock;
     std::condition_variable mTasksCond;         // workers wait here under mTasksLock
     std::atomic<bool> mIsExiting{false};        // set once; also read under mTasksLock
     std::weak_ptr<ExitListener> mExitListener;  // owner thread only
