@@ -5,6 +5,7 @@
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <unistd.h>
 
@@ -14,7 +15,6 @@
 #include <string>
 #include <thread>
 
-#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/Messages.h"
 #include "support/Waiting.h"
@@ -30,6 +30,20 @@ constexpr auto kLimit = 20s;
 class ThreadTest : public ::testing::Test {
   protected:
     LogCapture mCapture;  // before any thread starts
+};
+
+// Calls `body`, and counts its own destruction in `destroyed`, so that a case
+// sees who destroyed it and when.
+class CountedRunnable : public Runnable {
+  public:
+    CountedRunnable(std::function<void()> body, std::atomic<int>& destroyed)
+        : mBody(std::move(body)), mDestroyed(destroyed) {}
+    ~CountedRunnable() override { ++mDestroyed; }
+    void run() override { mBody(); }
+
+  private:
+    std::function<void()> mBody;
+    std::atomic<int>& mDestroyed;
 };
 
 // Marks each message it handles in a bit mask, checking that it runs on `tid`.
@@ -125,12 +139,12 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     const pid_t self = gettid();
     std::thread opener;
     {
-        Thread thread(new FunctionRunnable(
+        Thread thread(new CountedRunnable(
                               [&, opened] {
                                   opened.wait_for(kLimit);
                                   ranBeforeDestruction = destroyed == 0;
                               },
-                              &destroyed),
+                              destroyed),
                       true);
         thread.start();
         opener = std::thread([&gate, self] {
@@ -142,7 +156,7 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     EXPECT_TRUE(ranBeforeDestruction);
     EXPECT_EQ(destroyed, 1);
     {
-        FunctionRunnable notOwned([] {}, &destroyed);
+        CountedRunnable notOwned([] {}, destroyed);
         Thread(&notOwned, false).start();
         EXPECT_EQ(destroyed, 1);
     }
@@ -153,7 +167,7 @@ TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
     std::atomic<int> runs{0};
     std::atomic<int> destroyed{0};
     {
-        Thread original(new FunctionRunnable([&] { ++runs; }, &destroyed), true);
+        Thread original(new CountedRunnable([&] { ++runs; }, destroyed), true);
         original.start();
         original.wait();  // only a thread that was waited for may be moved
         Thread moved(std::move(original));
@@ -166,7 +180,7 @@ TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
     }
     EXPECT_EQ(destroyed, 1);  // owned by exactly one object at a time
 
-    Thread target(new FunctionRunnable([] {}, &destroyed), true);
+    Thread target(new CountedRunnable([] {}, destroyed), true);
     target = Thread(new FunctionRunnable([] {}), true);
     EXPECT_EQ(destroyed, 2);  // the replaced runnable went
 }
