@@ -72,7 +72,7 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_EQ(Thread::myMessageLoop(), nullptr);
     EXPECT_EQ(mCapture.levelOf("only non-main thread can reach here."), 2u);
 
-    // Thread 0 dispatches its loop; thread 1 holds its loop until `leave`.
+    // Thread 0 dispatches its loop; both keep their records until `leave`.
     // Each tells its loop and kernel thread id.
     Watchdog watchdog("per-thread loops", 60s);
     std::array<std::promise<std::pair<MessageLoop*, int>>, 2> seen;
@@ -91,11 +91,10 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
                                 EXPECT_NE(loop, nullptr);
                                 EXPECT_EQ(Thread::myMessageLoop(), loop);
                                 seen[i].set_value({loop, gettid()});
-                                if (i == 1) {
-                                    left.wait_for(kLimit);
-                                } else if (loop != nullptr) {
+                                if (i == 0 && loop != nullptr) {
                                     loop->dispatchMessages();
                                 }
+                                left.wait_for(kLimit);  // each record lives until then
                             }),
                             true);
         threads[i].start();
@@ -121,9 +120,9 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
     ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
     loop0->requestExit();
-    threads[0].wait();
-    EXPECT_EQ(handler.use_count(), 2);  // message 2 still queued
+    EXPECT_TRUE(waitUntil([&] { return handler.use_count() == 2; }, kLimit));  // 2 still queued
     leave.set_value();
+    threads[0].wait();
     threads[1].wait();
     EXPECT_EQ(handler.use_count(), 1);
     EXPECT_EQ(handler->handled, kOneAndThree);

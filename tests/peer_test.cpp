@@ -97,7 +97,6 @@ class PeerTest : public ::testing::Test {
 
     ScopedLeakCheck leaks;  // when the whole fixture is gone
     LogCapture capture;
-    Watchdog watchdog{"peer test", 60s};
     DefaultReactor reactor;
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     std::mutex noticesLock;
@@ -186,11 +185,13 @@ std::atomic<int> gSignalsHandled{0};
 // its callback called once with the answer, and its pipe holds one byte and
 // then ends (the peer closed its copy).
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    const pid_t child = forkPeer([this] {  // before the reactor's thread starts
+    // Forked before any thread starts: the child starts threads of its own.
+    const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         return runService(std::move(pair.second));
     });
     pair.second = FileDescriptor();
+    Watchdog watchdog("requests across processes", 60s);
 
     CBRegistry registry(1);
     std::mutex lock;
@@ -264,6 +265,7 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
 // A listener installed while the loop runs hears of a killed peer once, on
 // the loop's thread, after the error line; the loop then blocks again.
 TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
+    Watchdog watchdog("peer case", 60s);
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         pause();
@@ -303,6 +305,7 @@ TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
 }
 
 TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds) {
+    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
     const int fd = handler->fd();
     listen([&handler](int, std::shared_ptr<EventHandler>& notified) {
@@ -323,6 +326,7 @@ TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds
 // A number nobody holds reports POLLNVAL. A listener that does nothing about
 // it is called again on every cycle, as the flag stays.
 TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
+    Watchdog watchdog("peer case", 60s);
     struct Unowned : EventHandler {
         explicit Unowned(int fd) : EventHandler(fd, EventType::READ) {}
         void handleEvent() override { ADD_FAILURE() << "dispatched"; }
@@ -350,6 +354,7 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
 // Without a listener (or with one installed and taken away) the loop keeps
 // the default: the error line on every cycle, at error level, and no call.
 TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
+    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
     listen([](int, std::shared_ptr<EventHandler>&) {});
     reactor.setHangUpListener({});
