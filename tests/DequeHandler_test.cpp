@@ -2,17 +2,18 @@
 // an error without one, and drops the runnable with itself.
 #include <gtest/gtest.h>
 #include <ipc/DequeHandler.h>
+#include <ipc/utils/FunctionRunnable.h>
 
 #include <memory>
 #include <thread>
 
-#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 
 namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
+using Kestrel::ipc::utils::FunctionRunnable;
 
 TEST(DequeHandlerTest, RunsTheRunnableItTookOverOnTheCallingThreadOrLogsWithoutOne) {
     LogCapture capture;

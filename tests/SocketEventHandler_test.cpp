@@ -6,12 +6,12 @@
 #include <ipc/Message.h>
 #include <ipc/Poller.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/utils/FunctionRunnable.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "support/FunctionRunnable.h"
 #include "support/Messages.h"
 #include "support/SocketPairFixture.h"
 
@@ -21,6 +21,7 @@ namespace ipc = Kestrel::ipc;
 using namespace velacam::test;
 using ipc::EventType;
 using ipc::Message;
+using Kestrel::ipc::utils::FunctionRunnable;
 
 class SocketEventHandlerTest : public SocketPairFixture {
   protected:

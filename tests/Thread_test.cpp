@@ -5,6 +5,7 @@
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <unistd.h>
 
@@ -14,7 +15,6 @@
 #include <string>
 #include <thread>
 
-#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/Messages.h"
 #include "support/Waiting.h"
@@ -30,6 +30,20 @@ constexpr auto kLimit = 20s;
 class ThreadTest : public ::testing::Test {
   protected:
     LogCapture mCapture;  // before any thread starts
+};
+
+// Calls `body`, and counts its own destruction in `destroyed`, so that a case
+// sees who destroyed it and when.
+class CountedRunnable : public Runnable {
+  public:
+    CountedRunnable(std::function<void()> body, std::atomic<int>& destroyed)
+        : mBody(std::move(body)), mDestroyed(destroyed) {}
+    ~CountedRunnable() override { ++mDestroyed; }
+    void run() override { mBody(); }
+
+  private:
+    std::function<void()> mBody;
+    std::atomic<int>& mDestroyed;
 };
 
 // Marks each message it handles in a bit mask, checking that it runs on `tid`.
@@ -58,7 +72,7 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_EQ(Thread::myMessageLoop(), nullptr);
     EXPECT_EQ(mCapture.levelOf("only non-main thread can reach here."), 2u);
 
-    // Thread 0 dispatches its loop; thread 1 holds its loop until `leave`.
+    // Thread 0 dispatches its loop; both keep their records until `leave`.
     // Each tells its loop and kernel thread id.
     Watchdog watchdog("per-thread loops", 60s);
     std::array<std::promise<std::pair<MessageLoop*, int>>, 2> seen;
@@ -77,11 +91,10 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
                                 EXPECT_NE(loop, nullptr);
                                 EXPECT_EQ(Thread::myMessageLoop(), loop);
                                 seen[i].set_value({loop, gettid()});
-                                if (i == 1) {
-                                    left.wait_for(kLimit);
-                                } else if (loop != nullptr) {
+                                if (i == 0 && loop != nullptr) {
                                     loop->dispatchMessages();
                                 }
+                                left.wait_for(kLimit);  // each record lives until then
                             }),
                             true);
         threads[i].start();
@@ -107,9 +120,9 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
     ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
     loop0->requestExit();
-    threads[0].wait();
-    EXPECT_EQ(handler.use_count(), 2);  // message 2 still queued
+    EXPECT_TRUE(waitUntil([&] { return handler.use_count() == 2; }, kLimit));  // 2 still queued
     leave.set_value();
+    threads[0].wait();
     threads[1].wait();
     EXPECT_EQ(handler.use_count(), 1);
     EXPECT_EQ(handler->handled, kOneAndThree);
@@ -125,12 +138,12 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     const pid_t self = gettid();
     std::thread opener;
     {
-        Thread thread(new FunctionRunnable(
+        Thread thread(new CountedRunnable(
                               [&, opened] {
                                   opened.wait_for(kLimit);
                                   ranBeforeDestruction = destroyed == 0;
                               },
-                              &destroyed),
+                              destroyed),
                       true);
         thread.start();
         opener = std::thread([&gate, self] {
@@ -142,7 +155,7 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     EXPECT_TRUE(ranBeforeDestruction);
     EXPECT_EQ(destroyed, 1);
     {
-        FunctionRunnable notOwned([] {}, &destroyed);
+        CountedRunnable notOwned([] {}, destroyed);
         Thread(&notOwned, false).start();
         EXPECT_EQ(destroyed, 1);
     }
@@ -153,7 +166,7 @@ TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
     std::atomic<int> runs{0};
     std::atomic<int> destroyed{0};
     {
-        Thread original(new FunctionRunnable([&] { ++runs; }, &destroyed), true);
+        Thread original(new CountedRunnable([&] { ++runs; }, destroyed), true);
         original.start();
         original.wait();  // only a thread that was waited for may be moved
         Thread moved(std::move(original));
@@ -166,7 +179,7 @@ TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
     }
     EXPECT_EQ(destroyed, 1);  // owned by exactly one object at a time
 
-    Thread target(new FunctionRunnable([] {}, &destroyed), true);
+    Thread target(new CountedRunnable([] {}, destroyed), true);
     target = Thread(new FunctionRunnable([] {}), true);
     EXPECT_EQ(destroyed, 2);  // the replaced runnable went
 }

@@ -11,6 +11,7 @@
 #include <ipc/MessageQueue.h>
 #include <ipc/MessageTable.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <ipc/utils/ThreadPool.h>
 #include <sys/eventfd.h>
@@ -26,7 +27,6 @@
 
 #include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
-#include "support/FunctionRunnable.h"
 #include "support/LogCapture.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -35,6 +35,7 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
+using Kestrel::ipc::utils::FunctionRunnable;
 
 // A reply of `id` with status byte 0 that carries a fresh eventfd.
 std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {

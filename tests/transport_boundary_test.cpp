@@ -10,6 +10,7 @@
 #include <ipc/Message.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/FunctionRunnable.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,7 +23,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/FunctionRunnable.h"
 #include "support/Messages.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
@@ -32,6 +32,7 @@ namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
+using Kestrel::ipc::utils::FunctionRunnable;
 using Clock = std::chrono::steady_clock;
 
 // A field of /proc/self/status in kB ("VmHWM", "VmSize").

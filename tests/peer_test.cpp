@@ -1,0 +1,374 @@
+// A reactor on its own thread serving one end of a socket pair whose other
+// end a peer holds: a forked process that answers requests while signals
+// interrupt both sides, one that is killed, or this process hanging up. The
+// owner hears of a hang-up once through the reactor's listener (on the loop's
+// thread, after the error line), the loop blocks again, and nothing is left
+// open.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <ipc/CBRegistry.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/MessageLoop.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/FunctionRunnable.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Descriptors.h"
+#include "support/EventFdHandler.h"
+#include "support/LogCapture.h"
+#include "support/Messages.h"
+#include "support/RawPeer.h"
+#include "support/ReactorThread.h"
+#include "support/Waiting.h"
+
+namespace {
+
+using namespace Kestrel::ipc;
+using namespace velacam::test;
+using Kestrel::ipc::utils::FunctionRunnable;
+
+constexpr uint32_t kWork = 1;
+constexpr uint32_t kQuit = 2;
+constexpr uint32_t kFirstId = 100;
+constexpr uint32_t kRequests = 200;
+
+// Owns one end of a socket pair and counts its calls.
+class SocketEnd : public EventHandler {
+  public:
+    explicit SocketEnd(FileDescriptor&& fd)
+        : EventHandler(fd.get(), EventType::READ), mFd(std::move(fd)) {}
+    void handleEvent() override { ++calls; }
+    std::atomic<int> calls{0};
+
+  private:
+    FileDescriptor mFd;
+};
+
+struct Notice {
+    int fd;
+    short revents;
+    const EventHandler* handler;  // not kept alive by the record
+    std::thread::id thread;
+    bool errorLineBefore;
+};
+
+std::string failureLine(int fd, const char* flags) {
+    char text[96];
+    std::snprintf(text, sizeof(text), "fd(%d): output event failed: %s", fd, flags);
+    return text;
+}
+
+class PeerTest : public ::testing::Test {
+  protected:
+    // Records each call of the hang-up listener, then runs `then` inside it.
+    void listen(std::function<void(int fd, std::shared_ptr<EventHandler>&)> then) {
+        reactor.setHangUpListener(
+                [this, then](int fd, short revents, std::shared_ptr<EventHandler> notified) {
+                    const bool before = capture.countContaining(failureLine(fd, "")) > 0;
+                    {
+                        std::lock_guard<std::mutex> lock(noticesLock);
+                        notices.push_back(
+                                {fd, revents, notified.get(), std::this_thread::get_id(), before});
+                    }
+                    then(fd, notified);
+                });
+    }
+    size_t noticeCount() {
+        std::lock_guard<std::mutex> lock(noticesLock);
+        return notices.size();
+    }
+
+    ScopedLeakCheck leaks;  // when the whole fixture is gone
+    LogCapture capture;
+    DefaultReactor reactor;
+    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    std::mutex noticesLock;
+    std::vector<Notice> notices;  // guarded by noticesLock
+};
+
+// The answer to a request carrying `seed`, and the byte written into its pipe.
+uint8_t answerFor(uint32_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
+
+// The serving side's exit status: 0, or what went wrong first.
+enum ServiceResult : int { kServiceOk = 0, kReceiveFailed, kBadRequest, kReplyFailed, kLeaked };
+
+// The serving side's handler, on its loop's thread: writes the answer into
+// the pipe the request carries, lets the default handler close it, replies.
+class ServiceHandler : public MessageHandler {
+  public:
+    ServiceHandler(SocketEventHandler& socket, std::function<void(int)> finish)
+        : mSocket(socket), mFinish(std::move(finish)) {}
+
+    using MessageHandler::handleMessage;
+    void handleMessage(std::unique_ptr<Message> request) override {
+        if (request->type() == kQuit) {
+            mFinish(mHandled.size() == kRequests ? kServiceOk : kBadRequest);
+            return;
+        }
+        const uint32_t id = request->id();  // handling the message clears its header
+        const Message::Payload payload = request->payload();
+        const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
+        if (payload.data.size() != 1 || payload.fds.size() != 1 || !mHandled.insert(id).second ||
+            write(payload.fds[0], &answer, 1) != 1) {
+            mFinish(kBadRequest);
+        }
+        MessageHandler::handleMessage(*request);
+        const auto reply = makeMessage(id, {answer}, {}, nullptr, kWork);
+        reply->setHeader(id, kWork, Message::kFlagReply, 1, 0);
+        if (mSocket.sendMessage(*reply) != 0) {
+            mFinish(kReplyFailed);
+        }
+    }
+
+  private:
+    SocketEventHandler& mSocket;
+    std::function<void(int)> mFinish;
+    std::set<uint32_t> mHandled;  // loop thread only
+};
+
+// The serving side, in the child: its reactor reads requests and queues them
+// on a MessageLoop whose thread handles them. Returns a ServiceResult.
+int runService(FileDescriptor end) {
+    std::set<int> expected = openDescriptors();
+    expected.erase(end.get());
+    std::atomic<int> result{kServiceOk};
+    {
+        DefaultReactor reactor;
+        MessageLoop loop;
+        const auto finish = [&](int code) {
+            int none = kServiceOk;
+            result.compare_exchange_strong(none, code);
+            reactor.requestExit();
+            loop.requestExit();
+        };
+        auto socket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+        auto service = std::make_shared<ServiceHandler>(*socket, finish);
+        socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+            auto request = std::make_unique<Message>(service);
+            if (raw->receiveMessage(request.get()) != 0) {
+                finish(kReceiveFailed);
+                return;
+            }
+            loop.messageQueue().enqueueMessage(std::move(request), 0ms);
+        }));
+        if (!reactor.registerEventHandler(socket)) {
+            return kReceiveFailed;
+        }
+        std::thread loopThread([&] { loop.dispatchMessages(); });
+        reactor.loop(0ms);
+        loopThread.join();
+    }
+    return result == kServiceOk && openDescriptors() != expected ? kLeaked : result.load();
+}
+
+std::atomic<int> gSignalsHandled{0};
+
+// Requests each carrying a pipe's write end, sent while signals without
+// SA_RESTART hit the reactor's thread and the sender: each is handled once,
+// its callback called once with the answer, and its pipe holds one byte and
+// then ends (the peer closed its copy).
+TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
+    // Forked before any thread starts: the child starts threads of its own.
+    const pid_t child = forkPeer([this] {
+        pair.first = FileDescriptor();
+        return runService(std::move(pair.second));
+    });
+    pair.second = FileDescriptor();
+    Watchdog watchdog("requests across processes", 60s);
+
+    CBRegistry registry(1);
+    std::mutex lock;
+    std::condition_variable replied;  // not waitUntil(): signals stretch its sleeps
+    std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
+    std::atomic<int> receiveFailures{0};
+    auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+        auto reply = std::make_unique<Message>();
+        if (raw->receiveMessage(reply.get()) == 0) {
+            registry.unRegisterCB(std::move(reply));
+        } else {
+            ++receiveFailures;
+        }
+    }));
+    ASSERT_TRUE(reactor.registerEventHandler(socket));
+    ReactorThread loop(reactor);
+
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = [](int) { gSignalsHandled.fetch_add(1, std::memory_order_relaxed); };
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    const pthread_t targets[] = {loop.thread().native_handle(), pthread_self()};
+    std::atomic<bool> stop{false};
+    std::thread storm([&] {
+        while (!stop.load()) {
+            for (const pthread_t target : targets) {
+                pthread_kill(target, SIGUSR1);
+            }
+        }
+    });
+    std::vector<FileDescriptor> readEnds;
+    for (uint32_t i = 0; i < kRequests; ++i) {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+        readEnds.emplace_back(ends[0], 0);
+        const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
+        const auto request = makeMessage(kFirstId + i, {static_cast<uint8_t>(i)}, {writeEnd.get()},
+                                         nullptr, kWork);
+        registry.registerCB(*request, [&, id = kFirstId + i](uint8_t status) {
+            std::lock_guard<std::mutex> guard(lock);
+            statuses[id].push_back(status);
+            replied.notify_all();
+        });
+        EXPECT_EQ(socket->sendMessage(*request), 0) << "request " << i;
+    }
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        EXPECT_TRUE(replied.wait_for(guard, 20s, [&] { return statuses.size() >= kRequests; }));
+    }
+    stop = true;
+    storm.join();
+    loop.stop();  // statuses is ours alone from here
+    // Only now: a signal still pending on the loop's thread went with it; one
+    // still pending here is discarded by ignoring the signal first.
+    signal(SIGUSR1, SIG_IGN);
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_GT(gSignalsHandled.load(), 0);
+    EXPECT_EQ(receiveFailures.load(), 0);
+    EXPECT_EQ(capture.countContaining("failed"), 0u);
+    for (uint32_t i = 0; i < kRequests; ++i) {
+        EXPECT_EQ(statuses[kFirstId + i], std::vector<uint8_t>{answerFor(i)}) << "request " << i;
+        uint8_t bytes[2] = {0, 0};
+        EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 1) << "pipe " << i;
+        EXPECT_EQ(bytes[0], answerFor(i));
+        EXPECT_EQ(read(readEnds[i].get(), bytes, sizeof(bytes)), 0) << "pipe " << i;
+    }
+    ASSERT_EQ(socket->sendMessage(*makeMessage(0, {}, {}, nullptr, kQuit)), 0);
+    EXPECT_EQ(waitPeer(child), kServiceOk);
+}
+
+// A listener installed while the loop runs hears of a killed peer once, on
+// the loop's thread, after the error line; the loop then blocks again.
+TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
+    Watchdog watchdog("peer case", 60s);
+    const pid_t child = forkPeer([this] {
+        pair.first = FileDescriptor();
+        pause();
+        return 0;
+    });
+    pair.second = FileDescriptor();
+    auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
+    const int fd = handler->fd();
+    auto doorbell = std::make_shared<EventFdHandler>();  // stays: the loop blocks on it
+    ASSERT_TRUE(reactor.registerEventHandler(handler));
+    ASSERT_TRUE(reactor.registerEventHandler(doorbell));
+    ReactorThread loop(reactor);
+    const std::thread::id loopId = loop.thread().get_id();
+    doorbell->ring();  // answered once the loop runs
+    ASSERT_TRUE(waitUntil([&] { return doorbell->calls.load() == 1; }));
+    listen([this](int hungUp, std::shared_ptr<EventHandler>&) {
+        EXPECT_TRUE(reactor.removeEventHandlerByFd(hungUp));
+    });
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    EXPECT_EQ(waitPeer(child), -1);  // killed, not exited
+
+    ASSERT_TRUE(waitUntil([&] { return noticeCount() > 0; }));
+    for (int ring = 2; ring <= 4; ++ring) {  // asleep between rings, one call each
+        doorbell->ring();
+        ASSERT_TRUE(waitUntil([&] { return doorbell->calls.load() == ring; }));
+        ASSERT_TRUE(waitUntilAsleep(doorbell->thread.load()));
+    }
+    loop.stop();
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_EQ(notices[0].fd, fd);
+    EXPECT_NE(notices[0].revents & POLLHUP, 0);
+    EXPECT_EQ(notices[0].handler, handler.get());
+    EXPECT_EQ(notices[0].thread, loopId);
+    EXPECT_TRUE(notices[0].errorLineBefore);
+    EXPECT_EQ(capture.count(failureLine(fd, "|hand up|")), 1u);
+    EXPECT_EQ(handler->calls.load(), 0);
+}
+
+TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds) {
+    Watchdog watchdog("peer case", 60s);
+    auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
+    const int fd = handler->fd();
+    listen([&handler](int, std::shared_ptr<EventHandler>& notified) {
+        notified.reset();
+        handler.reset();  // the cycle's own reference is the last one now
+    });
+    pair.second = FileDescriptor();
+    ASSERT_TRUE(reactor.registerEventHandler(handler));
+    ReactorThread loop(reactor);
+    char expired[64];
+    std::snprintf(expired, sizeof(expired), "handler(key: %d) expired, remove it", fd);
+    ASSERT_TRUE(capture.waitFor(expired));
+    EXPECT_FALSE(isOpen(fd));  // closed by the handler when the cycle let go of it
+    loop.stop();
+    EXPECT_EQ(noticeCount(), 1u);
+}
+
+// A number nobody holds reports POLLNVAL. A listener that does nothing about
+// it is called again on every cycle, as the flag stays.
+TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
+    Watchdog watchdog("peer case", 60s);
+    struct Unowned : EventHandler {
+        explicit Unowned(int fd) : EventHandler(fd, EventType::READ) {}
+        void handleEvent() override { ADD_FAILURE() << "dispatched"; }
+    };
+    const int stale = pair.first.get();
+    pair.first = FileDescriptor();
+    listen([this](int, std::shared_ptr<EventHandler>&) {
+        if (noticeCount() == 3) {
+            reactor.requestExit();
+        }
+    });
+    auto handler = std::make_shared<Unowned>(stale);  // the reactor only watches it
+    ASSERT_TRUE(reactor.registerEventHandler(handler));
+    reactor.loop(0ms);
+    // The exit request is seen in the cycle after the third call, which still
+    // reports the number and calls the listener a fourth time.
+    ASSERT_EQ(noticeCount(), 4u);
+    for (const Notice& notice : notices) {
+        EXPECT_EQ(notice.fd, stale);
+        EXPECT_EQ(notice.revents, POLLNVAL);
+    }
+    EXPECT_EQ(capture.count(failureLine(stale, "|invalid file descriptor|")), 4u);
+}
+
+// Without a listener (or with one installed and taken away) the loop keeps
+// the default: the error line on every cycle, at error level, and no call.
+TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
+    Watchdog watchdog("peer case", 60s);
+    auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
+    listen([](int, std::shared_ptr<EventHandler>&) {});
+    reactor.setHangUpListener({});
+    pair.second = FileDescriptor();
+    ASSERT_TRUE(reactor.registerEventHandler(handler));
+    ReactorThread loop(reactor, 100ms);
+    const std::string failure = failureLine(handler->fd(), "|hand up|");
+    ASSERT_TRUE(capture.waitFor(failure, 2));
+    loop.stop();
+    EXPECT_EQ(noticeCount(), 0u);
+    EXPECT_EQ(handler->calls.load(), 0);
+    EXPECT_EQ(capture.levelOf(failure), 1u);
+}
+
+}  // namespace
