@@ -81,25 +81,7 @@ class RecordPair {
     // Descriptors that arrived in the data record, into `fds` (room for
     // `room`); any beyond are closed. Returns the number kept.
     int takeDescriptors(int* fds, size_t room) {
-        int count = 0;
-        msghdr* header = &mMessages[1].msg_hdr;
-        for (cmsghdr* cmsg = CMSG_FIRSTHDR(header); cmsg != nullptr;
-             cmsg = CMSG_NXTHDR(header, cmsg)) {
-            if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) {
-                continue;
-            }
-            const size_t arrived = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < arrived; ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
-                if (static_cast<size_t>(count) < room) {
-                    fds[count++] = fd;
-                } else {
-                    closeAll(&fd, 1);
-                }
-            }
-        }
-        return count;
+        return raw::takeDescriptors(mMessages[1].msg_hdr, fds, room);
     }
 
   private:

@@ -67,6 +67,27 @@ bool sendRecord(int socket, const void* data, size_t size, const int* fds, size_
     return sent >= 0;
 }
 
+int takeDescriptors(msghdr& header, int* fds, size_t room) {
+    int count = 0;
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
+         cmsg = CMSG_NXTHDR(&header, cmsg)) {
+        if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const size_t arrived = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < arrived; ++i) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
+            if (static_cast<size_t>(count) < room) {
+                fds[count++] = fd;
+            } else {
+                close(fd);
+            }
+        }
+    }
+    return count;
+}
+
 int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount) {
     alignas(cmsghdr) uint8_t control[kControlSpace];
     const size_t space = CMSG_SPACE(sizeof(int) * fdCount);
@@ -84,24 +105,7 @@ int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount)
     if (received < 0) {
         return -1;
     }
-    int count = 0;
-    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = CMSG_NXTHDR(&header, cmsg)) {
-        if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) {
-            continue;
-        }
-        const size_t arrived = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < arrived; ++i) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
-            if (static_cast<size_t>(count) < fdCount) {
-                fds[count++] = fd;
-            } else {
-                close(fd);
-            }
-        }
-    }
-    return count;
+    return takeDescriptors(header, fds, fdCount);
 }
 
 bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,

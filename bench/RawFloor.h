@@ -12,6 +12,7 @@
 #pragma once
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -44,6 +45,10 @@ bool sendRecord(int socket, const void* data, size_t size, const int* fds, size_
 // One record into `data` (room for `size` bytes) with room for `fdCount`
 // descriptors; returns the number received, or -1.
 int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount);
+
+// The descriptors of the SCM_RIGHTS messages of a received `header`, into
+// `fds` (room for `room`); any beyond are closed. Returns the number kept.
+int takeDescriptors(msghdr& header, int* fds, size_t room);
 
 // Closes the `count` descriptors of `fds`.
 void closeAll(const int* fds, int count);
