@@ -44,8 +44,8 @@ std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape, 
 
 // How the library's channel is used.
 struct LibraryUse {
-    // Both sides log as the host does by default (sDetailsLevel 5) instead
-    // of errors only.
+    // Both sides log with every level open (sDetailsLevel 5, what
+    // VELACAM_LOG_LEVEL=5 gives) instead of errors only.
     bool hostLogging = false;
     // Both sides read the data of each message they receive with payload(),
     // as a user of a large message does.
