@@ -10,13 +10,13 @@ namespace {
 
 // Blocks below this size come from malloc's heap, which reuses them without
 // faulting; above it glibc maps and unmaps (or trims) them.
-constexpr size_t kLargeBlock = 64 * 1024;
+constexpr size_t kLargeBlock = size_t{64} * 1024;
 // Large requests are rounded up to a multiple of this, so that a block fits
 // every request of its class and give() finds the class again from `bytes`.
-constexpr size_t kSizeClass = 64 * 1024;
+constexpr size_t kSizeClass = size_t{64} * 1024;
 // What is kept at most: a few blocks, none above 1 MiB (at most 4 MiB).
 constexpr size_t kKeptBlocks = 4;
-constexpr size_t kLargestKept = 1024 * 1024;
+constexpr size_t kLargestKept = size_t{1024} * 1024;
 
 size_t classOf(size_t bytes) { return (bytes + kSizeClass - 1) / kSizeClass * kSizeClass; }
 
@@ -70,7 +70,7 @@ class KeptBlocks {
 
 // Never destroyed: messages may still be freed while the process exits.
 KeptBlocks& keptBlocks() {
-    static KeptBlocks* const blocks = new KeptBlocks;
+    static auto* const blocks = new KeptBlocks;
     return *blocks;
 }
 
