@@ -155,10 +155,4 @@ TEST_F(ThreadPoolTest, ExitWithTasksQueuedDiscardsThemAndThenTellsTheListenerOnc
     EXPECT_EQ(listener.use_count(), 1);  // the pool kept no strong reference
 }
 
-TEST_F(ThreadPoolTest, IdleWorkersWarnAfterEachTenSecondSlice) {
-    ThreadPool pool(2);
-    EXPECT_TRUE(mCapture.waitFor("timed out, queue size(0) isExiting(no)", 2, 25s));
-    EXPECT_EQ(countAt(2, "timed out, queue size(0) isExiting(no)"), 2u);
-}
-
 }  // namespace
