@@ -1,6 +1,5 @@
 // ThreadPool: named workers, tasks in the order they were added and from
-// several producers, shutting down with tasks queued, the exit listener, and
-// the 10-second idle warning (the one case of this suite that waits for it).
+// several producers, shutting down with tasks queued, and the exit listener.
 #include <gtest/gtest.h>
 #include <ipc/utils/ThreadPool.h>
 #include <pthread.h>
