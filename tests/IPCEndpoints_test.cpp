@@ -65,29 +65,27 @@ TEST(IPCServerFactoryTest, EveryCallerGetsTheOneServerOfEachTypeOfItsOwnClass) {
 TEST(IPCEndpointsTest, BaseServersAndClientsReportEveryOperationUnsupported) {
     // The base server (unknown types) and the host platform server.
     for (IPCServer* server : {serverOf(0), serverOf(IPC_PLATFORM_TYPE_VELA)}) {
-        const std::vector<CameraAlgorithmBuffer> noBuffers;
+        const std::vector<CameraAlgorithmBuffer> none;
         const CameraAlgorithmOps ops = server->getCameraAlgorithmOps();
-        EXPECT_EQ(server->init(), -1);
-        EXPECT_EQ(server->registerBuffer(noBuffers), -1);
-        EXPECT_EQ(server->deregisterBuffer({1, 2}), -1);
-        EXPECT_EQ(server->handleRequest(CameraAlgorithmRequest{}), -1);
-        EXPECT_EQ(ops.registerBuffer(noBuffers), -1);
-        EXPECT_EQ(ops.deregisterBuffer({1}), -1);
-        EXPECT_EQ(ops.handleRequest(CameraAlgorithmRequest{}), -1);
+        EXPECT_EQ(std::vector<int>({server->init(), server->registerBuffer(none),
+                                    server->deregisterBuffer({1, 2}),
+                                    server->handleRequest(CameraAlgorithmRequest{}),
+                                    ops.registerBuffer(none), ops.deregisterBuffer({1}),
+                                    ops.handleRequest(CameraAlgorithmRequest{})}),
+                  std::vector<int>(7, -1));
     }
     IPCClient base;
     IPCDummyClient dummy;
     for (IPCClient* client : {&base, static_cast<IPCClient*>(&dummy)}) {
         const ShmMemInfo info{};
         const auto cmd = static_cast<IPC_CMD>(5);
-        EXPECT_EQ(client->init(1), -1);
-        EXPECT_EQ(client->registerBuffer(1, 3, 4096), -1);
-        EXPECT_EQ(client->registerBuffer(info), -1);
-        EXPECT_EQ(client->registerBuffer(std::vector<ShmMemInfo>{info}), -1);
-        EXPECT_EQ(client->deregisterBuffers(std::vector<ShmMemInfo>{info}), -1);
-        EXPECT_EQ(client->requestSync(1, cmd), -1);
-        EXPECT_EQ(client->requestSync(1, cmd, 7), -1);
-        EXPECT_EQ(client->requestSync(1, cmd, 7, static_cast<IPC_GROUP>(2)), -1);
+        EXPECT_EQ(std::vector<int>({client->init(1), client->registerBuffer(1, 3, 4096),
+                                    client->registerBuffer(info),
+                                    client->registerBuffer(std::vector<ShmMemInfo>{info}),
+                                    client->deregisterBuffers(std::vector<ShmMemInfo>{info}),
+                                    client->requestSync(1, cmd), client->requestSync(1, cmd, 7),
+                                    client->requestSync(1, cmd, 7, static_cast<IPC_GROUP>(2))}),
+                  std::vector<int>(8, -1));
     }
 }
 

@@ -9,15 +9,12 @@
 #include <ipc/utils/Log.h>
 #include <ulog/ULogger.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -178,25 +175,6 @@ TEST_F(LogFatalDeathTest, FatalCheckRecordsFlushesThenAbortsWithTheMessageAndIts
                  "recorded\\(1\\): the data size\\(25\\) is not the same as the header "
                  "size\\(24\\)\nflushed\\(1\\)\nMessage: the data size");
     ULogger::sULogger = &capture;
-}
-
-// The one line that shows a waiter is still there: it never gives up, and
-// says so at the end of each 3000 ms slice that found no unit.
-TEST_F(LogSinks, SemaphoreWaiterLogsTimeoutOncePerEmptySliceAndKeepsWaiting) {
-    Watchdog watchdog("semaphore slice", 30s);
-    CountingSemaphore semaphore(1);
-    std::atomic<bool> returned{false};
-    std::thread waiter([&] {
-        semaphore.acquire();
-        returned = true;
-    });
-    ASSERT_TRUE(capture.waitFor("[acquire] timeout! key:0"));
-    EXPECT_FALSE(returned.load());
-    semaphore.release(1);
-    waiter.join();
-    EXPECT_EQ(capture.count("[acquire] timeout! key:0"), 1u);
-    EXPECT_EQ(capture.count("[acquire] finishing waiting! key:1"), 1u);
-    EXPECT_EQ(capture.count("[release] after releasing! key:1"), 1u);
 }
 
 }  // namespace

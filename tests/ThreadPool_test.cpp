@@ -1,6 +1,5 @@
 // ThreadPool: named workers, tasks in the order they were added and from
-// several producers, shutting down with tasks queued, the exit listener, and
-// the 10-second idle warning (the one case of this suite that waits for it).
+// several producers, shutting down with tasks queued, and the exit listener.
 #include <gtest/gtest.h>
 #include <ipc/utils/ThreadPool.h>
 #include <pthread.h>
@@ -153,12 +152,6 @@ TEST_F(ThreadPoolTest, ExitWithTasksQueuedDiscardsThemAndThenTellsTheListenerOnc
     EXPECT_EQ(token.use_count(), 1);
     EXPECT_EQ(listenerSawTaskFinished, std::vector<bool>{true});
     EXPECT_EQ(listener.use_count(), 1);  // the pool kept no strong reference
-}
-
-TEST_F(ThreadPoolTest, IdleWorkersWarnAfterEachTenSecondSlice) {
-    ThreadPool pool(2);
-    EXPECT_TRUE(mCapture.waitFor("timed out, queue size(0) isExiting(no)", 2, 25s));
-    EXPECT_EQ(countAt(2, "timed out, queue size(0) isExiting(no)"), 2u);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
     return message;
 }
 
-TEST(CarelessCallerTest, DroppedRepliesAndLateEnqueuesCloseTheirDescriptors) {
+TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTheirDescriptors) {
     const ScopedLeakCheck leaks;
     CBRegistry registry(1);
     registry.unRegisterCB(replyWithDescriptor(7));  // nobody registered 7
@@ -58,30 +58,23 @@ TEST(CarelessCallerTest, DroppedRepliesAndLateEnqueuesCloseTheirDescriptors) {
     registry.registerCB(request, [&status](uint8_t s) { status = s; });
     registry.unRegisterCB(replyWithDescriptor(8));  // the callback sees the status only
     EXPECT_EQ(status, 0);
+    MessageQueue exited;
+    exited.requestExit();
+    exited.enqueueMessage(replyWithDescriptor(9), std::chrono::milliseconds(0));
 
     MessageQueue queue;
-    queue.requestExit();
-    queue.enqueueMessage(replyWithDescriptor(9), std::chrono::milliseconds(0));
-}
-
-TEST(CarelessCallerTest, ContainersGoingAwayCloseTheDescriptorsTheyHold) {
-    const ScopedLeakCheck leaks;
-    {
-        MessageQueue queue;
-        queue.enqueueMessage(replyWithDescriptor(1), std::chrono::milliseconds(0));
-        CBRegistry registry(1);
-        registry.updateCBList(replyWithDescriptor(2));
-        std::unique_ptr<Message> held = replyWithDescriptor(3);
-        ASSERT_TRUE(registry.extractCBList(held));  // replaces message 3
-        registry.updateCBList(std::move(held));     // and back, to stay there
-        MessageTable table(1);
-        table.update(replyWithDescriptor(4));
-        table.update(replyWithDescriptor(5));
-        std::list<std::unique_ptr<Message>> out;
-        out.push_back(replyWithDescriptor(6));
-        ASSERT_TRUE(table.extract(out));  // replaces message 6
-        table.update(std::move(out.front()));
-    }
+    queue.enqueueMessage(replyWithDescriptor(1), std::chrono::milliseconds(0));
+    registry.updateCBList(replyWithDescriptor(2));
+    std::unique_ptr<Message> held = replyWithDescriptor(3);
+    ASSERT_TRUE(registry.extractCBList(held));  // replaces message 3
+    registry.updateCBList(std::move(held));     // and back, to stay there
+    MessageTable table(1);
+    table.update(replyWithDescriptor(4));
+    table.update(replyWithDescriptor(5));
+    std::list<std::unique_ptr<Message>> out;
+    out.push_back(replyWithDescriptor(6));
+    ASSERT_TRUE(table.extract(out));  // replaces message 6
+    table.update(std::move(out.front()));
 }
 
 TEST(CarelessCallerTest, LoopWithFailingWaitsStillReturnsAfterRequestExit) {

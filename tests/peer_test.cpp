@@ -1,16 +1,15 @@
 // A reactor on its own thread serving one end of a socket pair whose other
 // end a peer holds: a forked process that answers requests while signals
-// interrupt both sides, one that is killed, or this process hanging up. The
-// owner hears of a hang-up once through the reactor's listener (on the loop's
-// thread, after the error line), the loop blocks again, and nothing is left
-// open.
+// interrupt the reactor and the sender, one that is killed, or this process
+// hanging up. The owner hears of a hang-up once through the reactor's
+// listener (on the loop's thread, after the error line), the loop blocks
+// again, and nothing is left open.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
-#include <ipc/MessageLoop.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
@@ -109,73 +108,42 @@ uint8_t answerFor(uint32_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
 // The serving side's exit status: 0, or what went wrong first.
 enum ServiceResult : int { kServiceOk = 0, kReceiveFailed, kBadRequest, kReplyFailed, kLeaked };
 
-// The serving side's handler, on its loop's thread: writes the answer into
-// the pipe the request carries, lets the default handler close it, replies.
-class ServiceHandler : public MessageHandler {
-  public:
-    ServiceHandler(SocketEventHandler& socket, std::function<void(int)> finish)
-        : mSocket(socket), mFinish(std::move(finish)) {}
-
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> request) override {
-        if (request->type() == kQuit) {
-            mFinish(mHandled.size() == kRequests ? kServiceOk : kBadRequest);
-            return;
-        }
-        const uint32_t id = request->id();  // handling the message clears its header
-        const Message::Payload payload = request->payload();
-        const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
-        if (payload.data.size() != 1 || payload.fds.size() != 1 || !mHandled.insert(id).second ||
-            write(payload.fds[0], &answer, 1) != 1) {
-            mFinish(kBadRequest);
-        }
-        MessageHandler::handleMessage(*request);
-        const auto reply = makeMessage(id, {answer}, {}, nullptr, kWork);
-        reply->setHeader(id, kWork, Message::kFlagReply, 1, 0);
-        if (mSocket.sendMessage(*reply) != 0) {
-            mFinish(kReplyFailed);
-        }
-    }
-
-  private:
-    SocketEventHandler& mSocket;
-    std::function<void(int)> mFinish;
-    std::set<uint32_t> mHandled;  // loop thread only
-};
-
-// The serving side, in the child: its reactor reads requests and queues them
-// on a MessageLoop whose thread handles them. Returns a ServiceResult.
+// The serving side, in the child: answers each request by writing into the
+// pipe it carries, lets the default handler close that, and replies; a quit
+// message ends it. Returns a ServiceResult.
 int runService(FileDescriptor end) {
     std::set<int> expected = openDescriptors();
     expected.erase(end.get());
-    std::atomic<int> result{kServiceOk};
-    {
-        DefaultReactor reactor;
-        MessageLoop loop;
-        const auto finish = [&](int code) {
-            int none = kServiceOk;
-            result.compare_exchange_strong(none, code);
-            reactor.requestExit();
-            loop.requestExit();
-        };
-        auto socket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-        auto service = std::make_shared<ServiceHandler>(*socket, finish);
-        socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
-            auto request = std::make_unique<Message>(service);
-            if (raw->receiveMessage(request.get()) != 0) {
-                finish(kReceiveFailed);
-                return;
-            }
-            loop.messageQueue().enqueueMessage(std::move(request), 0ms);
-        }));
-        if (!reactor.registerEventHandler(socket)) {
+    UnixDomainSocket socket;
+    socket.bind(std::move(end));
+    std::set<uint32_t> handled;
+    for (;;) {
+        Message request;
+        if (socket.recv(&request) != 0) {
             return kReceiveFailed;
         }
-        std::thread loopThread([&] { loop.dispatchMessages(); });
-        reactor.loop(0ms);
-        loopThread.join();
+        if (request.type() == kQuit) {
+            break;
+        }
+        const uint32_t id = request.id();  // handling the message clears its header
+        const Message::Payload payload = request.payload();
+        const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
+        if (payload.data.size() != 1 || payload.fds.size() != 1 || !handled.insert(id).second ||
+            write(payload.fds[0], &answer, 1) != 1) {
+            return kBadRequest;
+        }
+        MessageHandler().handleMessage(request);
+        const auto reply = makeMessage(id, {answer}, {}, nullptr, kWork);
+        reply->setHeader(id, kWork, Message::kFlagReply, 1, 0);
+        if (socket.send(*reply) != 0) {
+            return kReplyFailed;
+        }
     }
-    return result == kServiceOk && openDescriptors() != expected ? kLeaked : result.load();
+    socket.bind(FileDescriptor());
+    if (handled.size() != kRequests) {
+        return kBadRequest;
+    }
+    return openDescriptors() != expected ? kLeaked : kServiceOk;
 }
 
 std::atomic<int> gSignalsHandled{0};
@@ -185,7 +153,7 @@ std::atomic<int> gSignalsHandled{0};
 // its callback called once with the answer, and its pipe holds one byte and
 // then ends (the peer closed its copy).
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    // Forked before any thread starts: the child starts threads of its own.
+    // Forked before any thread of this process starts.
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         return runService(std::move(pair.second));
