@@ -20,23 +20,30 @@ CountingSemaphore::~CountingSemaphore() {
     }
 }
 
-void CountingSemaphore::acquire() { acquireWith(nullptr); }
-
-void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
+void CountingSemaphore::acquire() {
     utils::UniqueLock lock(mMutex);
-    const auto available = [this]() IPC_REQUIRES(mMutex) { return mCount > 0; };
-    if (!available()) {
-        ++mWaiters;
-        while (!lock.waitUntil(mCond, std::chrono::steady_clock::now() + mTimeout, available)) {
-            IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
-        }
-        --mWaiters;
-        IPC_LOGD("[%s] finishing waiting! key:%d", "acquire", mCount);
-    }
+    waitForUnit(lock);
     --mCount;
-    if (underLock) {
-        underLock();
+}
+
+void CountingSemaphore::acquireAllWith(const std::function<void()>& underLock) {
+    utils::UniqueLock lock(mMutex);
+    waitForUnit(lock);
+    mCount = 0;
+    underLock();
+}
+
+void CountingSemaphore::waitForUnit(utils::UniqueLock& lock) {
+    const auto available = [this]() IPC_REQUIRES(mMutex) { return mCount > 0; };
+    if (available()) {
+        return;
     }
+    ++mWaiters;
+    while (!lock.waitUntil(mCond, std::chrono::steady_clock::now() + mTimeout, available)) {
+        IPC_LOGD("[%s] timeout! key:%d", "acquire", mCount);
+    }
+    --mWaiters;
+    IPC_LOGD("[%s] finishing waiting! key:%d", "acquire", mCount);
 }
 
 void CountingSemaphore::release(int n) { releaseWith(n, nullptr); }

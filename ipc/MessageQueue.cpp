@@ -15,6 +15,7 @@ MessageQueue::MessageQueue() : mSemaphore(std::make_unique<CountingSemaphore>(1)
 
 MessageQueue::~MessageQueue() {
     mSemaphore.reset();
+    dropMessages(mTaken);
     dropMessages(mMessages);
 }
 
@@ -45,28 +46,21 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
         IPC_LOGW("message queue is exiting, skip nextMessage()");
         return {};
     }
-    while (true) {
+    while (mTaken.empty()) {
         IPC_LOGD("[%s] wait for the next buffer...", __func__);
         IPC_LOGD("[%s] Block to wait for signal", __func__);
-        // The exit flag is read with the unit: a message taken before exit is
-        // handed out, and one left behind at exit stays queued.
-        // Two pointers in the capture, as in enqueueMessage().
-        struct {
-            bool exiting;
-            std::unique_ptr<Message> message;
-            size_t remained;
-        } take{false, nullptr, 0};
-        mSemaphore->acquireWith([this, &take]() IPC_REQUIRES(mSemaphore->mutex()) {
-            take.exiting = mExiting.load(std::memory_order_acquire);
-            // A unit without a message (a stray exit unit) is simply consumed.
-            if (!take.exiting && !mMessages.empty()) {
-                take.message = std::move(mMessages.front());
-                mMessages.pop_front();
-                take.remained = mMessages.size();
+        // The exit flag is read with the units: once it is seen, the messages
+        // stay queued. Units without a message (a stray exit unit) are simply
+        // consumed.
+        bool exiting = false;
+        mSemaphore->acquireAllWith([this, &exiting]() IPC_REQUIRES(mSemaphore->mutex()) {
+            exiting = mExiting.load(std::memory_order_acquire);
+            if (!exiting) {
+                mTaken.swap(mMessages);
             }
         });
         IPC_LOGD("[%s] Being signaled", __func__);
-        if (take.exiting) {
+        if (exiting) {
             if (timeout < std::chrono::milliseconds(1)) {
                 IPC_LOGW("message queue is exiting, cannot get the next message now");
             } else {
@@ -74,15 +68,13 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
             }
             return {};
         }
-        if (!take.message) {
-            continue;
-        }
-        IPC_LOGD("[%s] wake up to get the next message", __func__);
-        IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, take.remained);
-        NextMessage next;
-        next.message = std::move(take.message);
-        return next;
     }
+    IPC_LOGD("[%s] wake up to get the next message", __func__);
+    NextMessage next;
+    next.message = std::move(mTaken.front());
+    mTaken.pop_front();
+    IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, mTaken.size());
+    return next;
 }
 
 void MessageQueue::requestExit() {

@@ -16,7 +16,7 @@
 // Thread: any number of threads may acquire and release at once; the count is
 // guarded by the mutex, and the debug lines are written with the mutex held.
 // An owner may keep its own entries under the same mutex (mutex(),
-// acquireWith, releaseWith); clang checks the locking against the
+// acquireAllWith, releaseWith); clang checks the locking against the
 // annotations below.
 // Failure: none; acquire() returns only with a unit taken.
 //
@@ -58,22 +58,29 @@ class IPC_EXPORT CountingSemaphore {
     // Thread: any. Never blocks beyond the mutex.
     void release(int n) IPC_EXCLUDES(mMutex);
 
-    // acquire() and release() that also run `underLock` (when not empty)
-    // under the same hold of the mutex: after taking the unit, or before
-    // adding the units. An owner whose entries this mutex guards as well
-    // stores and takes them without a second lock: it annotates them
-    // IPC_GUARDED_BY(semaphore->mutex()) and `underLock` with
+    // release() that also runs `underLock` (when not empty) under the same
+    // hold of the mutex, before adding the units. An owner whose entries this
+    // mutex guards as well stores them without a second lock: it annotates
+    // them IPC_GUARDED_BY(semaphore->mutex()) and `underLock` with
     // IPC_REQUIRES(semaphore->mutex()). `underLock` must not call back into
     // this semaphore.
-    void acquireWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
     void releaseWith(int n, const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
 
+    // acquire() that takes every available unit at once, at least one, and
+    // then runs `underLock` under the same hold of the mutex: a consumer
+    // takes all the entries they count in one lock. Same rules for
+    // `underLock` as above.
+    void acquireAllWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
+
     // The mutex that guards the count, for the lock annotations of an owner
-    // that keeps its entries under it. Lock it only through acquireWith and
-    // releaseWith.
+    // that keeps its entries under it. Lock it only through acquireAllWith
+    // and releaseWith.
     utils::Mutex& mutex() IPC_RETURN_CAPABILITY(mMutex) { return mMutex; }
 
   private:
+    // Blocks, in slices, until a unit is available.
+    void waitForUnit(utils::UniqueLock& lock) IPC_REQUIRES(mMutex);
+
     utils::Mutex mMutex;
     std::condition_variable mCond;
     [[maybe_unused]] int64_t mReserved = 0;

@@ -12,8 +12,10 @@
 // reach them any more.
 // Thread: any number of producers (enqueueMessage, requestExit) and exactly
 // one consumer (nextMessage). The list is guarded by the semaphore's own
-// mutex, so that storing or taking a message and its unit costs one lock;
-// clang checks the locking against the annotations below.
+// mutex, so that storing a message and its unit costs one lock; the consumer
+// takes every queued message with their units in one lock and hands them out
+// from its own list, oldest first, without locking again. clang checks the
+// locking against the annotations below.
 // Failure: nothing is reported to callers; an enqueue after exit drops the
 // message with a warning, and nextMessage() after exit returns an empty
 // message.
@@ -72,9 +74,14 @@ class IPC_EXPORT MessageQueue {
     void requestExit();
 
   private:
-    // Stored and taken with the unit that counts it, under the semaphore's
-    // mutex; oldest first.
+    // Stored with the unit that counts it, under the semaphore's mutex;
+    // oldest first.
     std::deque<std::unique_ptr<Message>> mMessages IPC_GUARDED_BY(mSemaphore->mutex());
+    // The consumer's own: messages taken from mMessages with their units and
+    // not handed out yet, oldest first. Still queued as far as exit and
+    // destruction are concerned. On a cache line of its own, away from the
+    // end of mMessages that producers move on every enqueue.
+    alignas(64) std::deque<std::unique_ptr<Message>> mTaken;
     [[maybe_unused]] std::condition_variable mCond;
     std::unique_ptr<CountingSemaphore> mSemaphore;  // one unit per message, one at exit
     std::atomic<bool> mExiting{false};              // set once by requestExit()
