@@ -1,6 +1,7 @@
 #include "StorageBlocks.h"
 
 #include <ipc/utils/Mutex.h>
+#include <pthread.h>
 
 #include <new>
 
@@ -50,6 +51,12 @@ class KeptBlocks {
         return evicted;
     }
 
+    // Held across fork(), as malloc holds its own locks: a child must not
+    // start with the lock taken by a thread it does not have, or its first
+    // large message would wait for it forever.
+    void lockBeforeFork() IPC_ACQUIRE(mMutex) { mMutex.lock(); }
+    void unlockAfterFork() IPC_RELEASE(mMutex) { mMutex.unlock(); }
+
   private:
     struct Block {
         void* block;
@@ -68,9 +75,20 @@ class KeptBlocks {
     size_t mCount IPC_GUARDED_BY(mMutex) = 0;
 };
 
+KeptBlocks& keptBlocks();
+
+void lockBeforeFork() IPC_NO_THREAD_SAFETY_ANALYSIS { keptBlocks().lockBeforeFork(); }
+void unlockAfterFork() IPC_NO_THREAD_SAFETY_ANALYSIS { keptBlocks().unlockAfterFork(); }
+
 // Never destroyed: messages may still be freed while the process exits.
 KeptBlocks& keptBlocks() {
-    static auto* const blocks = new KeptBlocks;
+    static KeptBlocks* const blocks = [] {
+        auto* const created = new KeptBlocks;
+        // Fails only without memory for the handlers; the blocks still work,
+        // and a child forked meanwhile is back to taking its chances.
+        (void)pthread_atfork(lockBeforeFork, unlockAfterFork, unlockAfterFork);
+        return created;
+    }();
     return *blocks;
 }
 

@@ -7,7 +7,8 @@
 //
 // Small blocks go straight to operator new and delete. A few large blocks at
 // most are kept (see StorageBlocks.cpp for the bounds), for the life of the
-// process. Thread: any; the kept blocks are guarded by a mutex of their own.
+// process. Thread: any; the kept blocks are guarded by a mutex of their own,
+// which is held across fork() so that a child can take blocks too.
 // Failure: take() throws std::bad_alloc as operator new does.
 #pragma once
 
