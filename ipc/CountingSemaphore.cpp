@@ -20,10 +20,15 @@ CountingSemaphore::~CountingSemaphore() {
     }
 }
 
-void CountingSemaphore::acquire() {
+void CountingSemaphore::acquire() { acquireWith(nullptr); }
+
+void CountingSemaphore::acquireWith(const std::function<void()>& underLock) {
     utils::UniqueLock lock(mMutex);
     waitForUnit(lock);
     --mCount;
+    if (underLock) {
+        underLock();
+    }
 }
 
 void CountingSemaphore::acquireAllWith(const std::function<void()>& underLock) {

@@ -11,11 +11,13 @@ namespace {
 constexpr utils::LogSite kLogSite{"MessageQueue", "ipc/MessageQueue", utils::kLogModuleCore};
 }  // namespace
 
-MessageQueue::MessageQueue() : mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
+MessageQueue::MessageQueue()
+    : mTaken(std::make_unique<std::deque<std::unique_ptr<Message>>>()),
+      mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
 
 MessageQueue::~MessageQueue() {
     mSemaphore.reset();
-    dropMessages(mTaken);
+    dropMessages(*mTaken);
     dropMessages(mMessages);
 }
 
@@ -46,7 +48,7 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
         IPC_LOGW("message queue is exiting, skip nextMessage()");
         return {};
     }
-    while (mTaken.empty()) {
+    while (mTaken->empty()) {
         IPC_LOGD("[%s] wait for the next buffer...", __func__);
         IPC_LOGD("[%s] Block to wait for signal", __func__);
         // The exit flag is read with the units: once it is seen, the messages
@@ -56,7 +58,7 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
         mSemaphore->acquireAllWith([this, &exiting]() IPC_REQUIRES(mSemaphore->mutex()) {
             exiting = mExiting.load(std::memory_order_acquire);
             if (!exiting) {
-                mTaken.swap(mMessages);
+                mTaken->swap(mMessages);
             }
         });
         IPC_LOGD("[%s] Being signaled", __func__);
@@ -71,9 +73,9 @@ MessageQueue::NextMessage MessageQueue::nextMessage(std::chrono::milliseconds ti
     }
     IPC_LOGD("[%s] wake up to get the next message", __func__);
     NextMessage next;
-    next.message = std::move(mTaken.front());
-    mTaken.pop_front();
-    IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, mTaken.size());
+    next.message = std::move(mTaken->front());
+    mTaken->pop_front();
+    IPC_LOGD("[%s] retrieve one message: %zu remained", __func__, mTaken->size());
     return next;
 }
 

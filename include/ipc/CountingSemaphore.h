@@ -15,8 +15,8 @@
 // destructor waits until every release() still notifying has returned.
 // Thread: any number of threads may acquire and release at once; the count is
 // guarded by the mutex, and the debug lines are written with the mutex held.
-// An owner may keep its own entries under the same mutex (mutex(),
-// acquireAllWith, releaseWith); clang checks the locking against the
+// An owner may keep its own entries under the same mutex (mutex() and
+// the *With operations); clang checks the locking against the
 // annotations below.
 // Failure: none; acquire() returns only with a unit taken.
 //
@@ -58,23 +58,23 @@ class IPC_EXPORT CountingSemaphore {
     // Thread: any. Never blocks beyond the mutex.
     void release(int n) IPC_EXCLUDES(mMutex);
 
-    // release() that also runs `underLock` (when not empty) under the same
-    // hold of the mutex, before adding the units. An owner whose entries this
-    // mutex guards as well stores them without a second lock: it annotates
-    // them IPC_GUARDED_BY(semaphore->mutex()) and `underLock` with
+    // acquire() and release() that also run `underLock` (when not empty)
+    // under the same hold of the mutex: after taking the unit, or before
+    // adding the units. An owner whose entries this mutex guards as well
+    // stores and takes them without a second lock: it annotates them
+    // IPC_GUARDED_BY(semaphore->mutex()) and `underLock` with
     // IPC_REQUIRES(semaphore->mutex()). `underLock` must not call back into
     // this semaphore.
+    void acquireWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
     void releaseWith(int n, const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
 
-    // acquire() that takes every available unit at once, at least one, and
-    // then runs `underLock` under the same hold of the mutex: a consumer
-    // takes all the entries they count in one lock. Same rules for
-    // `underLock` as above.
+    // acquireWith() taking every available unit at once, at least one: a
+    // consumer takes all the entries they count in one lock.
     void acquireAllWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
 
     // The mutex that guards the count, for the lock annotations of an owner
-    // that keeps its entries under it. Lock it only through acquireAllWith
-    // and releaseWith.
+    // that keeps its entries under it. Lock it only through the *With
+    // operations above.
     utils::Mutex& mutex() IPC_RETURN_CAPABILITY(mMutex) { return mMutex; }
 
   private:

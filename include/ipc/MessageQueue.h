@@ -22,8 +22,8 @@
 //
 // Compatibility: kept as existing callers rely on it. The time-outs of
 // enqueueMessage() and nextMessage() are accepted and ignored (the latter
-// only picks a warning text), NextMessage::timedOut is never set, and mCond
-// is never used: it keeps the object layout.
+// only picks a warning text), NextMessage::timedOut is never set, and
+// mReserved is never used: it keeps the object layout.
 #pragma once
 
 #include <atomic>
@@ -78,11 +78,13 @@ class IPC_EXPORT MessageQueue {
     // oldest first.
     std::deque<std::unique_ptr<Message>> mMessages IPC_GUARDED_BY(mSemaphore->mutex());
     // The consumer's own: messages taken from mMessages with their units and
-    // not handed out yet, oldest first. Still queued as far as exit and
-    // destruction are concerned. On a cache line of its own, away from the
-    // end of mMessages that producers move on every enqueue.
-    alignas(64) std::deque<std::unique_ptr<Message>> mTaken;
-    [[maybe_unused]] std::condition_variable mCond;
+    // not handed out yet, oldest first; still queued as far as exit and
+    // destruction are concerned. Allocated apart from mMessages, whose end
+    // producers move on every enqueue, and held in the place of the
+    // condition variable earlier versions had here, so that the object keeps
+    // its size and layout.
+    std::unique_ptr<std::deque<std::unique_ptr<Message>>> mTaken;
+    [[maybe_unused]] unsigned char mReserved[sizeof(std::condition_variable) - sizeof(void*)] = {};
     std::unique_ptr<CountingSemaphore> mSemaphore;  // one unit per message, one at exit
     std::atomic<bool> mExiting{false};              // set once by requestExit()
 };
