@@ -1,5 +1,4 @@
 #include <errno.h>
-#include <fcntl.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/Log.h>
 #include <poll.h>
@@ -12,11 +11,22 @@
 #include <new>
 #include <utility>
 
+#include "BoundedReceive.h"
 #include "ControlBuffer.h"
 #include "OutgoingRecord.h"
-#include "ReceivedDescriptors.h"
+#include "ReceivedControl.h"
 
 namespace Kestrel::ipc {
+
+using bounded_receive::Clock;
+using bounded_receive::Deadline;
+using bounded_receive::isBlocking;
+using bounded_receive::receiveBy;
+using bounded_receive::receiveOnce;
+using bounded_receive::waitUntilReady;
+using received_control::clearSlots;
+using received_control::closeAllReceived;
+using received_control::takeDescriptors;
 
 namespace {
 constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
@@ -38,78 +48,6 @@ constexpr size_t kMeasureAbove = size_t{1} << 20;
 constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
 constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
 
-using Clock = std::chrono::steady_clock;
-
-// When a wait for the second record of a message gives up.
-struct Deadline {
-    bool bounded;
-    Clock::time_point at;
-};
-
-// Waits until `socketFd` reports `events`, hang-up or an error, or
-// `deadline` passes: 0, -ETIMEDOUT, or -errno of ppoll.
-int waitUntilReady(int socketFd, short events, const Deadline& deadline) {
-    pollfd entry{socketFd, events, 0};
-    for (;;) {
-        timespec limit{};
-        if (deadline.bounded) {
-            const auto left = std::max(deadline.at - Clock::now(), Clock::duration::zero());
-            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-            limit.tv_sec = static_cast<time_t>(seconds.count());
-            limit.tv_nsec = static_cast<long>(
-                    std::chrono::duration_cast<std::chrono::nanoseconds>(left - seconds).count());
-        }
-        const int ready = ::ppoll(&entry, 1, deadline.bounded ? &limit : nullptr, nullptr);
-        if (ready > 0) {
-            return 0;
-        }
-        if (ready == 0) {
-            return -ETIMEDOUT;
-        }
-        if (errno != EINTR) {
-            return -errno;
-        }
-    }
-}
-
-ssize_t receiveOnce(int socketFd, msghdr* header, int flags) {
-    ssize_t received;
-    do {
-        received = ::recvmsg(socketFd, header, flags);
-    } while (received < 0 && errno == EINTR);
-    return received;
-}
-
-// recvmsg that never waits past `deadline`. The socket's own receive
-// time-out (SO_RCVTIMEO, the payload time-out) bounds the blocking call, so a
-// record already there, or one that comes while the call sleeps, costs the
-// one call; a call cut short (a signal, or a socket that does not block)
-// goes on with a ppoll for what is left. -1 with errno set on failure
-// (ETIMEDOUT past the deadline).
-ssize_t receiveBy(int socketFd, msghdr* header, int flags, const Deadline& deadline) {
-    for (;;) {
-        const ssize_t received = receiveOnce(socketFd, header, flags);
-        if (received >= 0 || errno != EAGAIN) {
-            return received;
-        }
-        if (deadline.bounded && Clock::now() >= deadline.at) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-        const int waited = waitUntilReady(socketFd, POLLIN, deadline);
-        if (waited < 0) {
-            errno = -waited;
-            return -1;
-        }
-    }
-}
-
-// True when `socketFd` blocks (O_NONBLOCK clear).
-bool isBlocking(int socketFd) {
-    const int flags = ::fcntl(socketFd, F_GETFL);
-    return flags >= 0 && (flags & O_NONBLOCK) == 0;
-}
-
 // The result of a failed recvmsg (errno), logged unless it would only block.
 int receiveFailure() {
     const int error = errno;
@@ -117,110 +55,6 @@ int receiveFailure() {
         IPC_LOGE("recvmsg failed (%s)", std::strerror(error));
     }
     return -error;
-}
-
-// The descriptors in `cmsg` that lie inside the control bytes the kernel
-// filled (msg_controllen as returned), whatever cmsg_len claims.
-size_t descriptorsIn(const msghdr& header, const cmsghdr* cmsg) {
-    const auto* end = static_cast<const unsigned char*>(header.msg_control) + header.msg_controllen;
-    const unsigned char* begin = CMSG_DATA(cmsg);
-    if (cmsg->cmsg_len < CMSG_LEN(0) || begin > end) {
-        return 0;
-    }
-    const size_t declared = cmsg->cmsg_len - CMSG_LEN(0);
-    return std::min(declared, static_cast<size_t>(end - begin)) / sizeof(int);
-}
-
-bool isRights(const cmsghdr* cmsg) {
-    return cmsg->cmsg_level == SOL_SOCKET && cmsg->cmsg_type == SCM_RIGHTS;
-}
-
-const cmsghdr* nextControl(const msghdr& header, const cmsghdr* cmsg) {
-    return CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(cmsg));
-}
-
-// Sets `count` 4-byte slots at `fds` (possibly unaligned) to -1.
-void clearSlots(void* fds, size_t count) {
-    const int unset = -1;
-    for (size_t i = 0; i < count; ++i) {
-        std::memcpy(static_cast<unsigned char*>(fds) + i * sizeof(int), &unset, sizeof(int));
-    }
-}
-
-// Closes every descriptor a received record brought.
-void closeAllReceived(const msghdr& header) {
-    for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = nextControl(header, cmsg)) {
-        if (isRights(cmsg)) {
-            const ReceivedDescriptors dropped(cmsg, descriptorsIn(header, cmsg));
-        }
-    }
-}
-
-// Hands the descriptors of a received record to `fds` (fdCount 4-byte slots,
-// possibly unaligned), or refuses the record. Only numbers inside an
-// SCM_RIGHTS message are ever taken for descriptors; every one that arrived
-// ends up in `fds` or closed. Debug lines name `caller`, the receive they
-// belong to.
-int takeDescriptors(const char* caller, const msghdr& header, void* fds, size_t fdCount) {
-    const cmsghdr* rights = nullptr;
-    for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = nextControl(header, cmsg)) {
-        if (isRights(cmsg)) {
-            rights = cmsg;
-            break;
-        }
-    }
-    // No SCM_RIGHTS message (the peer sent no descriptor, or closed): the
-    // zeroed buffer says nothing, so nothing arrived.
-    const size_t cmsgLen = rights != nullptr ? rights->cmsg_len : 0;
-    ReceivedDescriptors arrived(rights, rights != nullptr ? descriptorsIn(header, rights) : 0);
-    IPC_LOGD("[%s] cmsg_len(%zu) CMSG_LEN(0)(%zu) cmsg_data_size(%zu)", caller, cmsgLen,
-             static_cast<size_t>(CMSG_LEN(0)), arrived.count() * sizeof(int));
-
-    int result = 0;
-    if (cmsgLen % sizeof(int) != 0) {
-        IPC_LOGE("The data size is not aligned to sizeof(int)");
-        result = -EBADMSG;
-    }
-    // The kernel cuts the control data short (MSG_CTRUNC) when the peer sent
-    // more descriptors than the buffer holds, discarding the rest itself.
-    const bool truncated = (header.msg_flags & MSG_CTRUNC) != 0;
-    if (arrived.count() > fdCount || (truncated && arrived.count() == fdCount)) {
-        IPC_LOGE("The number of received fds is larger than expected");
-        result = -EMSGSIZE;
-    } else if (arrived.count() < fdCount) {
-        // Fewer than announced: the peer sent fewer, or this process ran out of
-        // descriptor numbers and the kernel closed the rest (MSG_CTRUNC). Some
-        // arrived: they are handed over in the first slots and the record
-        // stands. None arrived: nothing to hand over.
-        IPC_LOGE("The number of received fds(%zu) is less than expected(%zu)", arrived.count(),
-                 fdCount);
-        if (arrived.count() == 0) {
-            result = -ENODATA;
-        }
-    }
-    IPC_LOGD("[%s] FDS_CMSG_SIZE(%zu)", caller, sizeof(int) * fdCount);
-
-    for (const cmsghdr* cmsg = CMSG_FIRSTHDR(&header); cmsg != nullptr;
-         cmsg = nextControl(header, cmsg)) {
-        if (cmsg == rights) {
-            continue;
-        }
-        IPC_LOGE("unexpected control message level(%d) type(%d)", cmsg->cmsg_level,
-                 cmsg->cmsg_type);
-        result = -EBADMSG;
-        if (isRights(cmsg)) {  // a second descriptor message: refuse its descriptors too
-            const ReceivedDescriptors refused(cmsg, descriptorsIn(header, cmsg));
-        }
-    }
-
-    if (result != 0) {
-        clearSlots(fds, fdCount);
-        return result;  // `arrived` closes what came
-    }
-    arrived.handOver(fds);
-    return 0;
 }
 
 // The largest record the kernel accepts on `socketFd` now, or the largest
