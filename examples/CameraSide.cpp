@@ -9,6 +9,7 @@
 #include <ipc/SocketPair.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
+#include <ipc/utils/Mutex.h>
 #include <ipc/utils/Process.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
@@ -21,7 +22,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -44,8 +44,11 @@ using Kestrel::ipc::Message;
 using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::UnixDomainSocket;
 using Kestrel::ipc::utils::FunctionRunnable;
+using Kestrel::ipc::utils::LockGuard;
+using Kestrel::ipc::utils::Mutex;
 using Kestrel::ipc::utils::Process;
 using Kestrel::ipc::utils::Thread;
+using Kestrel::ipc::utils::UniqueLock;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kReplyTimeout = std::chrono::seconds(5);
@@ -71,7 +74,7 @@ class ReplyBook {
 
     void complete(uint32_t id, uint8_t status) {
         {
-            std::lock_guard<std::mutex> lock(mLock);
+            LockGuard lock(mLock);
             mStatuses[id] = status;
         }
         mChanged.notify_all();
@@ -79,7 +82,7 @@ class ReplyBook {
 
     void peerGone() {
         {
-            std::lock_guard<std::mutex> lock(mLock);
+            LockGuard lock(mLock);
             mPeerGone = true;
         }
         mChanged.notify_all();
@@ -88,9 +91,12 @@ class ReplyBook {
     // Waits for the reply to `id`, the peer's hang-up, or the time-out; a reply
     // that arrived before the hang-up still counts.
     Outcome waitFor(uint32_t id, uint8_t* status) {
-        std::unique_lock<std::mutex> lock(mLock);
-        mChanged.wait_for(lock, kReplyTimeout,
-                          [&] { return mStatuses.count(id) != 0 || mPeerGone; });
+        UniqueLock lock(mLock);
+        // Ends with the reply, the hang-up or the time-out: all three are
+        // told apart below.
+        (void)lock.waitFor(mChanged, kReplyTimeout, [&]() IPC_REQUIRES(mLock) {
+            return mStatuses.count(id) != 0 || mPeerGone;
+        });
         const auto found = mStatuses.find(id);
         if (found == mStatuses.end()) {
             return mPeerGone ? Outcome::kPeerGone : Outcome::kTimedOut;
@@ -101,10 +107,10 @@ class ReplyBook {
     }
 
   private:
-    std::mutex mLock;
+    Mutex mLock;
     std::condition_variable mChanged;
-    std::map<uint32_t, uint8_t> mStatuses;  // guarded by mLock
-    bool mPeerGone = false;                 // guarded by mLock
+    std::map<uint32_t, uint8_t> mStatuses IPC_GUARDED_BY(mLock);
+    bool mPeerGone IPC_GUARDED_BY(mLock) = false;
 };
 
 double millisecondsSince(Clock::time_point start) {
