@@ -1,5 +1,5 @@
 // MessageQueue and MessageLoop: order, blocking, exit and ownership of queued
-// messages (many producers feeding one loop are in the stress suite).
+// messages.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
@@ -57,8 +57,7 @@ class MessageQueueTest : public ::testing::Test {
     Watchdog watchdog{"MessageQueue case", 30s};
 };
 
-// A message that is a handler's last user shows it: each queued message
-// holds a reference to its handler.
+// Each queued message holds a reference to its handler.
 TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrderUntilExitAndDestroysWhatIsLeft) {
     auto loop = std::make_unique<MessageLoop>();
     auto handler = std::make_shared<RecordingHandler>(*loop, 12);
@@ -116,6 +115,36 @@ TEST_F(MessageQueueTest, RequestExitEndsABlockedLoop) {
     consumer.get();
     EXPECT_EQ(capture.count("message queue is exiting, cannot get the next message now"), 1u);
     EXPECT_EQ(capture.count("message queue leaves us, exit now..."), 1u);
+}
+
+// Producer p's n-th message has id n * kProducers + p.
+TEST_F(MessageQueueTest, ProducersIntoOneLoopLoseNothingAndKeepEachOnesOrder) {
+    constexpr uint32_t kProducers = 8;
+    constexpr uint32_t kEnd = kProducers * 5000;
+    MessageLoop loop;
+    auto handler = std::make_shared<RecordingHandler>(loop, kEnd);
+    std::thread consumer([&] { loop.dispatchMessages(); });
+    std::vector<std::thread> producers;
+    for (uint32_t p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            for (uint32_t id = p; id < kEnd; id += kProducers) {
+                loop.messageQueue().enqueueMessage(makeMessage(id, {}, {}, handler), 0ms);
+            }
+        });
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    loop.messageQueue().enqueueMessage(makeMessage(kEnd, {}, {}, handler), 0ms);
+    consumer.join();
+    ASSERT_EQ(handler->ids.size(), kEnd + 1);
+    std::vector<uint32_t> next(kProducers, 0);  // each producer's next sequence number
+    uint32_t outOfOrder = 0;
+    for (uint32_t i = 0; i < kEnd; ++i) {
+        const uint32_t id = handler->ids[i];
+        outOfOrder += id / kProducers == next[id % kProducers]++ ? 0 : 1;
+    }
+    EXPECT_EQ(outOfOrder, 0u);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <array>
 #include <atomic>
 #include <future>
-#include <string>
 #include <thread>
 
 #include "support/LogCapture.h"

@@ -1,6 +1,5 @@
-// UnixDomainSocket and SocketPair: the pair and its buffer sizes, the wire
-// format read back with raw recvmsg, round trips, descriptor ownership, and
-// the return codes and error lines of each failure.
+// UnixDomainSocket and SocketPair: buffer sizes, the wire format read back
+// with raw recvmsg, round trips, and the code and line of each failure.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -33,8 +32,7 @@ int socketOption(int fd, int option) {
     return value;
 }
 
-// What the kernel makes of a buffer size: capped by the system maximum, then
-// doubled for its bookkeeping.
+// The kernel caps a buffer size at the system maximum, then doubles it.
 int kernelBufferSize(unsigned long requested, const char* maximumPath) {
     unsigned long maximum = 0;
     std::ifstream(maximumPath) >> maximum;
@@ -149,8 +147,7 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     EXPECT_TRUE(sameFile(arrived.get(), file.get()));
 }
 
-// Large storage blocks are kept for the next message of their size: what a
-// message leaves in its block must never show through in the next one.
+// Large blocks are kept for the next message of their size; nothing shows through.
 TEST_F(UnixDomainSocketTest, LargePayload_InARecycledBlockCarriesNoByteOfTheLastMessage) {
     constexpr uint32_t kLarge = 100000;
     {
@@ -171,8 +168,7 @@ TEST_F(UnixDomainSocketTest, LargePayload_InARecycledBlockCarriesNoByteOfTheLast
     EXPECT_EQ(second.payload().data, expected);
 }
 
-// Would-block gives -11 silently, null targets -14 with their lines, and a
-// closed peer empty records (end of stream is not detected here).
+// A closed peer gives empty records: end of stream is not detected here.
 TEST_F(UnixDomainSocketTest, Failures_GiveTheirNegativeErrnoAndLines) {
     ASSERT_EQ(fcntl(near, F_SETFL, O_NONBLOCK), 0);
     uint8_t buffer[4] = {7, 7, 7, 7};
@@ -200,10 +196,8 @@ TEST_F(UnixDomainSocketTest, Failures_GiveTheirNegativeErrnoAndLines) {
     EXPECT_EQ(buffer[0], 7);
 }
 
-// A send to a vanished peer returns -EPIPE, logged, and must not raise
-// SIGPIPE, whose default action would end the sending process. Linux raises
-// it for stream sockets only, so the child sends on one (the test runner may
-// ignore the signal, so the child restores the default first).
+// SIGPIPE would end the sender. Linux raises it for stream sockets only, so
+// the child sends on one, with the signal's default action restored.
 TEST_F(UnixDomainSocketTest, SendToAVanishedPeer_ReturnsMinus32WithoutSigpipe) {
     const pid_t child = forkPeer([this] {
         signal(SIGPIPE, SIG_DFL);

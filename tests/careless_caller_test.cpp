@@ -1,8 +1,5 @@
-// A careless caller: replies nobody waits for, messages left in containers,
-// a reactor asked for impossible waits, runnables that replace themselves,
-// a started thread moved away, a reply signalled at the worst moment, and
-// tasks that throw. The library must close what it drops, stay stoppable,
-// keep alive what still runs and end the process saying why.
+// A careless caller: the library closes what it drops, stays stoppable,
+// keeps alive what still runs and ends the process saying why.
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
@@ -23,7 +20,6 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
@@ -88,8 +84,6 @@ TEST(CarelessCallerTest, LoopWithFailingWaitsStillReturnsAfterRequestExit) {
     loop.stop();  // hangs, and the watchdog fires, if the loop keeps turning
 }
 
-// Replaces itself on its handler from inside run(), then checks that it has
-// not been destroyed meanwhile.
 template <typename Handler>
 class SelfReplacingRunnable : public utils::Runnable {
   public:
@@ -151,9 +145,7 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
             message.waitResponse();
             waited = std::chrono::steady_clock::now() - start;
         });
-        // Signal just after the waiter's first check: the moment a lost
-        // wake-up leaves it asleep for its whole second. The window is short,
-        // hence the many rounds.
+        // Just after the waiter's first check: a lost wake-up costs its second.
         while (counter.checks == before) {
             std::this_thread::yield();
         }
