@@ -60,8 +60,7 @@ TEST_F(CBRegistryTest, OneCallbackPerIdIsCalledOnceWithTheFirstDataByteUnsigned)
     EXPECT_EQ(calls.size(), 1u);
 }
 
-// Called without the lock and after its entry is gone: no deadlock, no
-// refusal.
+// Called without the lock and after its entry is gone.
 TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
     CBRegistry registry(1);
     registry.registerCB(*makeMessage(21), [&](uint8_t) {
@@ -73,10 +72,7 @@ TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
     EXPECT_EQ(capture.countContaining("ERROR"), 0u);
 }
 
-// The documented worker pattern, with one worker more than declared: workers
-// take replies off the list and complete the callbacks; each fires once with
-// its status. The surplus worker shows that requestExit() wakes exactly the
-// declared ones.
+// The documented worker pattern, with one worker more than declared.
 TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilTheDeclaredExit) {
     constexpr uint32_t kRequests = 2000;
     CBRegistry registry(2);

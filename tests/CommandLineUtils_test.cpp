@@ -1,6 +1,5 @@
-// The command-line navigator: its prompt line on standard output and its wait
-// for one character on standard input, in a forked child whose standard input
-// and output are pipes held by the test.
+// The command-line navigator, in a forked child whose standard input and
+// output are pipes held by the test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/utils/CommandLineUtils.h>
@@ -19,10 +18,8 @@ namespace {
 
 using namespace velacam::test;
 
-// Starts a child that calls navigator(message) and then exits with the next
-// character it reads (200 at end of input), which shows how much the
-// navigator consumed. Returns its pid; `input` becomes its standard input, and
-// the first line of its standard output must be the prompt.
+// A child that calls navigator(message), checks its prompt, then exits with
+// the next character it reads (200 at end of input).
 pid_t startChild(const std::string& message, FileDescriptor& input) {
     int in[2];
     int out[2];

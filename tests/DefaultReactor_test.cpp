@@ -229,7 +229,7 @@ TEST(DefaultReactorDeathTest, ExitDescriptorThatCannotBeMadeAborts) {
     EXPECT_DEATH(
             {
                 { DefaultReactor first; }
-                const rlimit none = {0, 0};
+                const rlimit none{};
                 setrlimit(RLIMIT_NOFILE, &none);
                 DefaultReactor reactor;
             },

@@ -1,8 +1,5 @@
-// The endpoints: the base server and client, the factory's identities, the
-// call table, and the dummy server reversing the planes of shared-memory
-// buffers, which their owner then sees reversed.
+// The server factory, and the dummy server reversing the planes of buffers.
 #include <gtest/gtest.h>
-#include <ipc/IPCClient.h>
 #include <ipc/IPCDummyServer.h>
 #include <ipc/IPCServer.h>
 #include <ipc/IPCServerFactory.h>
@@ -62,33 +59,6 @@ TEST(IPCServerFactoryTest, EveryCallerGetsTheOneServerOfEachTypeOfItsOwnClass) {
     EXPECT_EQ(typeid(*base), typeid(IPCServer));
 }
 
-TEST(IPCEndpointsTest, BaseServersAndClientsReportEveryOperationUnsupported) {
-    // The base server (unknown types) and the host platform server.
-    for (IPCServer* server : {serverOf(0), serverOf(IPC_PLATFORM_TYPE_VELA)}) {
-        const std::vector<CameraAlgorithmBuffer> none;
-        const CameraAlgorithmOps ops = server->getCameraAlgorithmOps();
-        EXPECT_EQ(std::vector<int>({server->init(), server->registerBuffer(none),
-                                    server->deregisterBuffer({1, 2}),
-                                    server->handleRequest(CameraAlgorithmRequest{}),
-                                    ops.registerBuffer(none), ops.deregisterBuffer({1}),
-                                    ops.handleRequest(CameraAlgorithmRequest{})}),
-                  std::vector<int>(7, -1));
-    }
-    IPCClient base;
-    IPCDummyClient dummy;
-    for (IPCClient* client : {&base, static_cast<IPCClient*>(&dummy)}) {
-        const ShmMemInfo info{};
-        const auto cmd = static_cast<IPC_CMD>(5);
-        EXPECT_EQ(std::vector<int>({client->init(1), client->registerBuffer(1, 3, 4096),
-                                    client->registerBuffer(info),
-                                    client->registerBuffer(std::vector<ShmMemInfo>{info}),
-                                    client->deregisterBuffers(std::vector<ShmMemInfo>{info}),
-                                    client->requestSync(1, cmd), client->requestSync(1, cmd, 7),
-                                    client->requestSync(1, cmd, 7, static_cast<IPC_GROUP>(2))}),
-                  std::vector<int>(8, -1));
-    }
-}
-
 CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>> planes = {}) {
     CameraAlgorithmBuffer buffer;
     buffer.bufferId = id;
@@ -98,13 +68,11 @@ CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>
     return buffer;
 }
 
-// A shared-memory file holding `values` as 32-bit integers.
 FileDescriptor planeOf(const std::vector<int32_t>& values) {
     return memoryFile(std::string(reinterpret_cast<const char*>(values.data()),
                                   values.size() * sizeof(int32_t)));
 }
 
-// The integers the file holds now, as this process sees them.
 std::vector<int32_t> valuesIn(const FileDescriptor& plane) {
     const std::string bytes = contentsOf(plane.get());
     std::vector<int32_t> values(bytes.size() / sizeof(int32_t));

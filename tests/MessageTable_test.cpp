@@ -1,5 +1,4 @@
-// MessageTable: grouping by id, waking the declared waiters, and ownership of
-// the messages it parks.
+// MessageTable: grouping by id, waking the declared waiters, ownership.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
@@ -24,8 +23,7 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using MessageList = std::list<std::unique_ptr<Message>>;
 
-// A message that is a handler's last user shows it: each message holds a
-// reference to its handler.
+// Each message holds a reference to its handler.
 class MessageTableTest : public ::testing::Test {
   protected:
     LogCapture capture;
@@ -61,9 +59,7 @@ TEST_F(MessageTableTest, MessagesOfOneIdAreExtractedTogetherAndSpareWaitsFindNot
     EXPECT_TRUE(table.isEmpty());
 }
 
-// Producers on several threads; consumers following the documented pattern,
-// one more of them than declared, which shows that requestExit() wakes
-// exactly the declared waiters.
+// Consumers follow the documented pattern, one more of them than declared.
 TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDeclaredWaiters) {
     constexpr int kMessages = 3 * 2000;
     std::atomic<int> received{0};
@@ -111,8 +107,7 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
                 returned, 2, [&] { table.notify(); }, [&] { table.requestExit(); });
         EXPECT_EQ(capture.count("MessageTable is exiting"), 2u);
 
-        // Still accepted after exit; its unit frees the surplus waiter, which
-        // sees the exit. The message stays until the table goes.
+        // Accepted after exit; frees the surplus waiter, stays until the table goes.
         table.update(makeMessage(1, {}, {}, handler));
         for (auto& thread : threads) {
             thread.join();

@@ -1,6 +1,5 @@
 // Message and the default MessageHandler: header layout, packed payload,
-// moves, the reply wait and the disposal of carried descriptors. The fatal
-// size check of setHeader(vector) is in Log_test.
+// moves, the reply wait and the disposal of carried descriptors.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>

@@ -1,7 +1,5 @@
-// Process: starting system programs as children, observing and terminating
-// them, and closing inherited descriptors in a forked child. Children run the
-// machine's own programs (/bin/sh, /bin/sleep, /bin/true), which also works
-// when this suite runs under an emulator.
+// Process: children running the machine's own programs (so that it works
+// under an emulator too), and closing inherited descriptors.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/utils/Process.h>
@@ -24,8 +22,7 @@ namespace {
 using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
 
-// Reaps `pid` and returns its wait status; a child that never ends fails the
-// suite through the watchdog.
+// Reaps `pid` and returns its wait status.
 int reap(pid_t pid) {
     Watchdog watchdog("waitpid", 20s);
     int status = 0;
@@ -40,8 +37,7 @@ bool killedBy(int status, int signal) { return WIFSIGNALED(status) && WTERMSIG(s
 
 class ProcessTest : public ::testing::Test {
   protected:
-    // Starts a child of `parent`; a child in which exec failed and create()
-    // returned ends here instead of running the rest of the test.
+    // A child in which exec failed and create() returned ends here.
     Process start(Process& parent, const std::string& program, std::vector<std::string> argv) {
         Process child = parent.create(program, argv, {});
         if (getpid() != mParentPid) {
@@ -100,8 +96,8 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     EXPECT_EQ(self.children().size(), 1u);
     EXPECT_TRUE(mCapture.lines().empty());
 
-    // terminateAllChildProcess() keeps the child it failed to terminate (the
-    // reaped one) and drops the next one from observation unterminated.
+    // Keeps the child it failed to terminate (reaped) and drops the next one
+    // from observation unterminated.
     Process skipped = start(self, "/bin/sleep", {"30"});
     Process last = start(self, "/bin/sleep", {"30"});
     Process copy = self;  // a list of its own

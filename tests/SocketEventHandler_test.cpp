@@ -1,5 +1,4 @@
-// SocketEventHandler: ownership of the descriptor, the runnable on
-// readiness, the fixed-length string protocol, and message failures.
+// SocketEventHandler: the descriptor, the runnable, the fixed-length string.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -87,14 +86,12 @@ TEST_F(SocketEventHandlerTest, StringTravelsAsAFixedLengthBlock) {
     const std::string hi = receiver->receiveString();
     ASSERT_EQ(hi.size(), 1024u);
     EXPECT_EQ(hi, "hi" + std::string(1022, '\0'));
-    // A message's descriptors are closed by receiveString (the leak check
-    // shows it).
+    // receiveString closes a message's descriptors (the leak check shows it).
     ASSERT_EQ(sender->sendMessage(*makeMessage(1, {'o', 'k'}, {file.get()})), 0);
     EXPECT_EQ(receiver->receiveString(), std::string("ok"));
 }
 
-// Would-block and broken pipe are returned and logged (a string send only
-// logs); a closed peer gives an empty message, successfully.
+// A string send only logs; a closed peer gives an empty message, successfully.
 TEST_F(SocketEventHandlerTest, MessageFailures_AreReturnedAndLogged) {
     ASSERT_EQ(fcntl(near, F_SETFL, O_NONBLOCK), 0);
     Message message;

@@ -1,5 +1,4 @@
-// UnixDomainSocket and SocketPair: buffer sizes, the wire format read back
-// with raw recvmsg, round trips, and the code and line of each failure.
+// UnixDomainSocket and SocketPair: buffers, wire format, round trips, failures.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>

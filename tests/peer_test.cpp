@@ -208,8 +208,7 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
     EXPECT_EQ(waitPeer(child), 0);
 }
 
-// A listener installed while the loop runs hears of a killed peer once, on
-// the loop's thread, after the error line; the loop then blocks again.
+// A listener installed while the loop runs.
 TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
@@ -264,8 +263,7 @@ TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds
     EXPECT_EQ(noticeCount(), 1u);
 }
 
-// A number nobody holds reports POLLNVAL. A listener that does nothing about
-// it is called again on every cycle, as the flag stays.
+// A number nobody holds reports POLLNVAL on every cycle.
 TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
     struct Unowned : EventHandler {
         explicit Unowned(int fd) : EventHandler(fd, EventType::READ) {}
@@ -281,8 +279,7 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
     auto handler = std::make_shared<Unowned>(stale);  // the reactor only watches it
     ASSERT_TRUE(reactor.registerEventHandler(handler));
     reactor.loop(0ms);
-    // The exit request is seen in the cycle after the third call, which still
-    // reports the number and calls the listener a fourth time.
+    // The exit is seen after one more cycle, which calls the listener too.
     ASSERT_EQ(noticeCount(), 4u);
     for (const Notice& notice : notices) {
         EXPECT_EQ(notice.fd, stale);
@@ -291,8 +288,7 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
     EXPECT_EQ(capture.count(failureLine(stale, "|invalid file descriptor|")), 4u);
 }
 
-// Without a listener (or with one installed and taken away) the loop keeps
-// the default: the error line on every cycle, at error level, and no call.
+// A listener installed and taken away leaves the default.
 TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
     auto handler = std::make_shared<SocketEnd>(std::move(pair.first));
     listen([](int, std::shared_ptr<EventHandler>&) {});

@@ -1,6 +1,5 @@
-// Test helper: an EventHandler that owns an eventfd. ring() makes it
-// readable; each dispatch reads the count back (unless made to stay ready, to
-// keep every cycle of the loop busy), counts the call and notes the thread.
+// Test helper: an EventHandler owning an eventfd that ring() makes readable;
+// each call drains it (unless kAlwaysReady) and is counted.
 #pragma once
 
 #include <ipc/EventHandler.h>
