@@ -5,10 +5,10 @@
 #include <ipc/Message.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -93,15 +93,11 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
     std::atomic<int> wrongStatus{0};
     std::atomic<uint32_t> completed{0};
     std::atomic<int> returned{0};
-    std::mutex lock;
-    std::vector<pid_t> tids;  // guarded by lock
+    std::array<std::atomic<pid_t>, 3> tids{};
     std::vector<std::thread> workers;
     for (int w = 0; w < 3; ++w) {
-        workers.emplace_back([&] {
-            {
-                std::lock_guard<std::mutex> guard(lock);
-                tids.push_back(gettid());
-            }
+        workers.emplace_back([&, w] {
+            tids[w] = gettid();
             std::unique_ptr<Message> reply;
             while (registry.waitCB()) {
                 if (registry.extractCBList(reply)) {
@@ -124,12 +120,8 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
         EXPECT_EQ(called[id].load(), 1) << "id " << id;
     }
     EXPECT_EQ(wrongStatus.load(), 0);
-    ASSERT_TRUE(waitUntil([&] {
-        std::lock_guard<std::mutex> guard(lock);
-        return tids.size() == 3;
-    }));
-    for (pid_t tid : tids) {
-        ASSERT_TRUE(waitUntilAsleep(tid));
+    for (const auto& tid : tids) {
+        ASSERT_TRUE(waitUntil([&] { return tid != 0; }) && waitUntilAsleep(tid));
     }
     expectExitWakesExactly(
             returned, 2, [&] { registry.notifyCB(); }, [&] { registry.requestExit(); });

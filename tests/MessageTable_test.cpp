@@ -5,11 +5,11 @@
 #include <ipc/MessageTable.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -65,17 +65,13 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
     std::atomic<int> received{0};
     std::atomic<int> mixedLists{0};
     std::atomic<int> returned{0};
-    std::mutex lock;
-    std::vector<pid_t> consumers;  // guarded by lock
+    std::array<std::atomic<pid_t>, 3> consumers{};
     std::vector<std::thread> threads;
     {
         MessageTable table(2);
         for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([&] {
-                {
-                    std::lock_guard<std::mutex> guard(lock);
-                    consumers.push_back(gettid());
-                }
+            threads.emplace_back([&, i] {
+                consumers[i] = gettid();
                 MessageList out;
                 while (table.wait()) {
                     if (table.extract(out)) {
@@ -94,12 +90,8 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
             });
         }
         ASSERT_TRUE(waitUntil([&] { return received.load() == kMessages; }, 40s));
-        ASSERT_TRUE(waitUntil([&] {
-            std::lock_guard<std::mutex> guard(lock);
-            return consumers.size() == 3;
-        }));
-        for (pid_t consumer : consumers) {
-            ASSERT_TRUE(waitUntilAsleep(consumer));
+        for (const auto& consumer : consumers) {
+            ASSERT_TRUE(waitUntil([&] { return consumer != 0; }) && waitUntilAsleep(consumer));
         }
         EXPECT_EQ(mixedLists.load(), 0);
         EXPECT_TRUE(table.isEmpty());

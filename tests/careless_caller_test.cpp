@@ -24,6 +24,7 @@
 #include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
 #include "support/LogCapture.h"
+#include "support/Messages.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
@@ -35,11 +36,7 @@ using Kestrel::ipc::utils::FunctionRunnable;
 
 // A reply of `id` with status byte 0 that carries a fresh eventfd.
 std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
-    auto message = std::make_unique<Message>();
-    Message::Payload payload;
-    payload.data = {0};
-    payload.fds = {eventfd(0, EFD_CLOEXEC)};
-    message->setPayload(payload);
+    auto message = makeMessage(id, {0}, {eventfd(0, EFD_CLOEXEC)});
     message->setHeader(id, 0, Message::kFlagReply, 1, 1);
     return message;
 }
@@ -49,17 +46,15 @@ TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTh
     CBRegistry registry(1);
     registry.unRegisterCB(replyWithDescriptor(7));  // nobody registered 7
     int status = -1;
-    Message request;
-    request.setHeader(8, 0, 0, 0, 0);
-    registry.registerCB(request, [&status](uint8_t s) { status = s; });
+    registry.registerCB(*makeMessage(8), [&status](uint8_t s) { status = s; });
     registry.unRegisterCB(replyWithDescriptor(8));  // the callback sees the status only
     EXPECT_EQ(status, 0);
     MessageQueue exited;
     exited.requestExit();
-    exited.enqueueMessage(replyWithDescriptor(9), std::chrono::milliseconds(0));
+    exited.enqueueMessage(replyWithDescriptor(9), 0ms);
 
     MessageQueue queue;
-    queue.enqueueMessage(replyWithDescriptor(1), std::chrono::milliseconds(0));
+    queue.enqueueMessage(replyWithDescriptor(1), 0ms);
     registry.updateCBList(replyWithDescriptor(2));
     std::unique_ptr<Message> held = replyWithDescriptor(3);
     ASSERT_TRUE(registry.extractCBList(held));  // replaces message 3
@@ -106,9 +101,7 @@ class SelfReplacingRunnable : public utils::Runnable {
 TEST(CarelessCallerTest, RunnableReplacingItselfLivesUntilItReturns) {
     std::atomic<bool> destroyed{false};
     DequeHandler deque(1);
-    std::shared_ptr<utils::Runnable> runnable =
-            std::make_shared<SelfReplacingRunnable<DequeHandler>>(deque, destroyed);
-    deque.setRunnable(std::move(runnable));
+    deque.setRunnable(std::make_shared<SelfReplacingRunnable<DequeHandler>>(deque, destroyed));
     deque.handleDeque();
     EXPECT_TRUE(destroyed);
 
