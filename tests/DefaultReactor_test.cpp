@@ -122,12 +122,7 @@ TEST_F(DefaultReactorTest, DroppedHandlerIsRemovedAsExpiredAndIdleCyclesTimeOut)
 // No poll times out before the first registration; an expired handler does
 // not open the gate, a duplicate key is refused and never called.
 TEST_F(DefaultReactorTest, LoopWaitsForTheFirstRegistrationAndRefusals) {
-    std::promise<pid_t> loopThread;
-    std::thread thread([&] {
-        loopThread.set_value(gettid());
-        reactor->loop(1ms);
-    });
-    ASSERT_TRUE(waitUntilAsleep(loopThread.get_future().get()));
+    auto looping = startBlocked([&] { reactor->loop(1ms); });
     auto gone = std::make_shared<CountingHandler>(5, EventType::READ);
     std::weak_ptr<EventHandler> expired = gone;
     gone.reset();
@@ -144,7 +139,7 @@ TEST_F(DefaultReactorTest, LoopWaitsForTheFirstRegistrationAndRefusals) {
     EXPECT_EQ(capture.levelOf(keyLine("already existed", first->fd())), 2u);
     ASSERT_TRUE(waitUntil([&] { return first->calls.load() == 1; }));
     reactor->requestExit();
-    thread.join();
+    looping.get();
     EXPECT_EQ(second->calls.load(), 0);
 }
 

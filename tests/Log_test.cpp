@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -43,10 +44,8 @@ TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
     logOneWarning();
     ASSERT_EQ(capture.lines().size(), 1u);
     const LogLine line = capture.lines()[0];
-    EXPECT_EQ(line.text, "no payload exists");
-    EXPECT_EQ(line.level, 2u);
-    EXPECT_EQ(line.tag, "Message");
-    EXPECT_EQ(line.moduleId, 0x401034u);
+    EXPECT_EQ(std::tie(line.text, line.level, line.tag, line.moduleId),
+              std::make_tuple("no payload exists", 2u, "Message", 0x401034u));
 }
 
 class LogSinks : public ::testing::Test {

@@ -6,7 +6,6 @@
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
-#include <future>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -91,12 +90,7 @@ TEST_F(PollerTest, ZeroTimeout_WaitsUntilTheDescriptorIsReady) {
     Pipe pipe;
     Pipe other;
     poller.registerPollEvent(pipe.fd(), POLLIN);
-    std::promise<pid_t> waiter;
-    auto waiting = std::async(std::launch::async, [&] {
-        waiter.set_value(gettid());
-        return poller.poll(0ms);
-    });
-    ASSERT_TRUE(waitUntilAsleep(waiter.get_future().get()));
+    auto waiting = startBlocked([&] { return poller.poll(0ms); });
     poller.registerPollEvent(other.fd(), POLLIN);
     other.signal();
     pipe.signal();

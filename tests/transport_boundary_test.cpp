@@ -12,7 +12,6 @@
 #include <ipc/utils/FunctionRunnable.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -196,14 +195,10 @@ TEST(TransportStallTest, StalledPeer_CostsTheReactorABoundedWaitAndItsNeighbourI
 TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
     receiver.setPayloadTimeout(std::chrono::seconds(30));
     ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, 3, 1));
-    std::promise<pid_t> receiving;
-    auto result = std::async(std::launch::async, [&] {
-        receiving.set_value(static_cast<pid_t>(gettid()));
+    auto result = startBlocked([&] {  // asleep: waiting for the payload record
         Message message;
         return receiver.recv(&message);
     });
-    // Asleep: in the receive, waiting for the payload record.
-    EXPECT_TRUE(waitUntilAsleep(receiving.get_future().get()));
     const auto closed = Clock::now();
     peer = FileDescriptor();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);

@@ -1,11 +1,14 @@
 // Test helpers that bound every wait.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -21,6 +24,18 @@ bool waitUntilAsleep(pid_t tid, std::chrono::milliseconds timeout = 10s);
 
 // True when `condition` holds throughout 50 ms: what "not woken" means here.
 bool holdsThroughGrace(const std::function<bool()>& condition);
+
+// Runs `body` on a thread of its own, returning once that thread sleeps.
+template <typename Body>
+auto startBlocked(Body body) {
+    std::promise<pid_t> tid;
+    auto result = std::async(std::launch::async, [&tid, body] {
+        tid.set_value(gettid());
+        return body();
+    });
+    EXPECT_TRUE(waitUntilAsleep(tid.get_future().get()));
+    return result;
+}
 
 // Blocked waiters count themselves in `returned` as they leave: `notify` must
 // free none of them, `requestExit` exactly `declared`.
