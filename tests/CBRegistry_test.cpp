@@ -1,5 +1,4 @@
-// CBRegistry: one-shot callbacks by id, the reply's status byte, and the
-// reply list with its declared waiters.
+// CBRegistry: one-shot callbacks, the status byte, the list and its waiters.
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/Message.h>

@@ -1,5 +1,4 @@
-// The command-line navigator, in a forked child whose standard input and
-// output are pipes held by the test.
+// The command-line navigator, in a child whose standard input and output are pipes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/utils/CommandLineUtils.h>
@@ -18,8 +17,7 @@ namespace {
 
 using namespace velacam::test;
 
-// A child that calls navigator(message), checks its prompt, then exits with
-// the next character it reads (200 at end of input).
+// Checks the prompt; the child exits with the next character (200 at the end).
 pid_t startChild(const std::string& message, FileDescriptor& input) {
     int in[2];
     int out[2];
@@ -53,7 +51,7 @@ pid_t startChild(const std::string& message, FileDescriptor& input) {
 }
 
 TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     FileDescriptor input;
     pid_t pid = startChild("continue", input);
     int status = 0;
@@ -64,7 +62,6 @@ TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput
     pid = startChild("attach a debugger", input);
     input = FileDescriptor();  // end of input
     EXPECT_EQ(waitPeer(pid), 200);
-    leaks.check();
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// CountingSemaphore: each unit lets exactly one acquire through; a count at
-// or below zero holds the waiters.
+
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <unistd.h>
@@ -40,8 +39,7 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
             });
         }
         for (std::atomic<pid_t>& tid : tids) {
-            EXPECT_TRUE(waitUntil([&] { return tid.load() != 0; }));
-            EXPECT_TRUE(waitUntilAsleep(tid.load()));
+            EXPECT_TRUE(waitUntil([&] { return tid.load() != 0; }) && waitUntilAsleep(tid));
         }
         return threads;
     };

@@ -46,9 +46,7 @@ TEST(IPCServerFactoryTest, EveryCallerGetsTheOneServerOfEachTypeOfItsOwnClass) {
     for (std::thread& caller : callers) {
         caller.join();
     }
-    for (const auto& theirs : seen) {
-        EXPECT_EQ(theirs, seen[0]);
-    }
+    EXPECT_EQ(seen, std::vector<std::vector<IPCServer*>>(seen.size(), seen[0]));
     const std::vector<IPCServer*>& servers = seen[0];
     IPCServer* base = servers[2];
     EXPECT_EQ(std::vector<IPCServer*>(servers.begin() + 3, servers.end()),
@@ -57,15 +55,6 @@ TEST(IPCServerFactoryTest, EveryCallerGetsTheOneServerOfEachTypeOfItsOwnClass) {
     EXPECT_NE(dynamic_cast<VelaIPCServer*>(servers[0]), nullptr);
     EXPECT_NE(dynamic_cast<IPCDummyServer*>(servers[1]), nullptr);
     EXPECT_EQ(typeid(*base), typeid(IPCServer));
-}
-
-CameraAlgorithmBuffer bufferOf(uint32_t id, std::vector<std::pair<int, uint64_t>> planes = {}) {
-    CameraAlgorithmBuffer buffer;
-    buffer.bufferId = id;
-    for (const auto& [fd, size] : planes) {
-        buffer.planes.push_back({fd, size});
-    }
-    return buffer;
 }
 
 FileDescriptor planeOf(const std::vector<int32_t>& values) {
@@ -82,9 +71,7 @@ std::vector<int32_t> valuesIn(const FileDescriptor& plane) {
 
 class IPCDummyServerTest : public ::testing::Test {
   protected:
-    void TearDown() override { mLeaks.check(); }
-
-    DescriptorLeakCheck mLeaks;
+    ScopedLeakCheck mLeaks;
     IPCServer& mServer = *serverOf(IPC_PLATFORM_TYPE_DUMMY);
 };
 
@@ -93,7 +80,8 @@ TEST_F(IPCDummyServerTest, CallTableReachesTheDummyWhichReversesEachPlane) {
     const FileDescriptor first = planeOf({10, 20});
     const FileDescriptor single = planeOf({42});
     const CameraAlgorithmOps ops = mServer.getCameraAlgorithmOps();
-    EXPECT_EQ(ops.registerBuffer({bufferOf(5, {{first.get(), 2}, {single.get(), 1}})}), -1);
+    EXPECT_EQ(ops.registerBuffer({CameraAlgorithmBuffer{5, {{first.get(), 2}, {single.get(), 1}}}}),
+              -1);
     EXPECT_EQ(valuesIn(first), (std::vector<int32_t>{20, 10}));
     EXPECT_EQ(valuesIn(single), (std::vector<int32_t>{42}));
     EXPECT_TRUE(isOpen(first.get()));
@@ -107,7 +95,8 @@ using IPCDummyServerDeathTest = IPCDummyServerTest;
 
 TEST_F(IPCDummyServerDeathTest, PlaneOfSizeZeroCannotBeMappedAndEndsTheProcess) {
     const FileDescriptor plane = planeOf({1});
-    EXPECT_DEATH(mServer.registerBuffer({bufferOf(2, {{plane.get(), 0}})}),
+    const std::vector<CameraAlgorithmBuffer> empty{{2, {{plane.get(), 0}}}};
+    EXPECT_DEATH(mServer.registerBuffer(empty),
                  "IPCDummyServer: mmap failed\\(Invalid argument\\) "
                  "\\(registerBuffer\\)\\{#[0-9]+:ipc/IPCDummyServer\\}");
 }

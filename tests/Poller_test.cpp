@@ -1,5 +1,4 @@
-// Poller: registration order, removal, and the wait with the errno of an
-// empty result.
+
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/Poller.h>

@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -47,11 +49,9 @@ class ProcessTest : public ::testing::Test {
         return child;
     }
 
-    void TearDown() override { mLeaks.check(); }
-
     const pid_t mParentPid = getpid();
     LogCapture mCapture;
-    DescriptorLeakCheck mLeaks;
+    ScopedLeakCheck mLeaks;
 };
 
 TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInTheChildOnFailure) {
@@ -90,9 +90,7 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     EXPECT_FALSE(Process(-1).terminate());
     EXPECT_EQ(mCapture.levelOf("invalid process ID (-1)"), 1u);
 
-
-    // Keeps the child it failed to terminate (reaped) and drops the next one
-    // from observation unterminated.
+    // Keeps the one it failed to terminate; drops the next one unterminated.
     Process skipped = start(self, "/bin/sleep", {"30"});
     Process last = start(self, "/bin/sleep", {"30"});
     Process copy = self;  // a list of its own
@@ -113,16 +111,12 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
 TEST_F(ProcessTest, CloseOpenFileDescriptors_KeepsExactlyTheListedOnesAndZero) {
     const int extra = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int keep = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(extra, 0);
-    ASSERT_GE(keep, 0);
+
     const std::set<int> before = openDescriptors();
-    const auto openOf = [&before](std::set<int> wanted) {
+    const auto openOf = [&before](const std::set<int>& wanted) {
         std::set<int> open;
-        for (int fd : wanted) {
-            if (before.count(fd) != 0) {
-                open.insert(fd);
-            }
-        }
+        std::set_intersection(wanted.begin(), wanted.end(), before.begin(), before.end(),
+                              std::inserter(open, open.end()));
         return open;
     };
     // Each child exits with 0 when exactly the listed descriptors are left.

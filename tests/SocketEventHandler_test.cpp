@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
-#include <ipc/Poller.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/FunctionRunnable.h>
 
@@ -41,21 +40,17 @@ TEST_F(SocketEventHandlerTest, RunsItsRunnableOncePerEventAndOwnsItsDescriptor) 
     receiver->handleEvent();
     EXPECT_EQ(runs, 2);
 
-    // The next runnable replaces and releases it, and receives on readiness.
+    // The next runnable replaces and releases it.
     std::vector<std::string> received;
     receiver->setRunnable(std::make_shared<FunctionRunnable>([&] {
         const std::string text = receiver->receiveString();
         received.push_back(text.substr(0, text.find('\0')));
     }));
     EXPECT_TRUE(watch.expired());
-    ipc::Poller poller;
-    poller.registerPollEvent(receiver->fd(), ipc::pollEventsOf(receiver->type()));
     sender->sendString("one");
     sender->sendString("two");
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(poller.poll(5s), (std::vector<ipc::Poller::PollEvent>{{near, POLLIN}}));
-        receiver->handleEvent();
-    }
+    receiver->handleEvent();
+    receiver->handleEvent();
     EXPECT_EQ(received, (std::vector<std::string>{"one", "two"}));
     EXPECT_EQ(receiver->fd(), near);
     receiver.reset();

@@ -56,7 +56,6 @@ class MarkingHandler : public MessageHandler {
 TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecordAndLoop) {
     Thread* main = Thread::myThread();
     ASSERT_NE(main, nullptr);
-    EXPECT_EQ(Thread::myThread(), main);
     EXPECT_EQ(ThreadData::myData().thread(), main);
     EXPECT_EQ(ThreadData::myData().tid(), getpid());
     EXPECT_EQ(Thread().id(), getpid());

@@ -1,5 +1,5 @@
-// A careless caller: the library closes what it drops, stays stoppable,
-// keeps alive what still runs and ends the process saying why.
+// A careless caller: the library closes what it drops, stays stoppable, keeps
+// alive what still runs and ends the process saying why.
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>

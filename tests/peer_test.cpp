@@ -1,6 +1,5 @@
-// A reactor on its own thread serving one end of a socket pair whose other
-// end a peer holds: a forked process answering requests under signals, one
-// that is killed, or this process hanging up.
+// A reactor serving one end of a socket pair whose peer answers requests under
+// signals, is killed, or hangs up.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
@@ -39,8 +38,7 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::ipc::utils::FunctionRunnable;
 
-constexpr uint32_t kWork = 1;
-constexpr uint32_t kQuit = 2;
+constexpr uint32_t kQuit = 1;  // requests are of type 0
 constexpr uint32_t kFirstId = 100;
 constexpr uint32_t kRequests = 200;
 
@@ -100,42 +98,34 @@ class PeerTest : public ::testing::Test {
 // The answer to a request carrying `seed`, and the byte written into its pipe.
 uint8_t answerFor(uint32_t seed) { return static_cast<uint8_t>(seed * 3 + 1); }
 
-// The serving side, in the child: writes each request's answer into the pipe
-// it carries, lets the default handler close that, and replies, until kQuit.
-int runService(FileDescriptor end) {
-    UnixDomainSocket socket;
-    socket.bind(std::move(end));
-    for (uint32_t served = 0;; ++served) {
-        Message request;
-        if (socket.recv(&request) != 0) {
-            return 1;
-        }
-        if (request.type() == kQuit) {
-            return served == kRequests ? 0 : 2;
-        }
-        const uint32_t id = request.id();  // handling the message clears its header
-        const Message::Payload payload = request.payload();
-        const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
-        if (payload.fds.size() != 1 || write(payload.fds[0], &answer, 1) != 1) {
-            return 3;
-        }
-        MessageHandler().handleMessage(request);
-        const auto reply = makeMessage(id, {answer}, {}, nullptr, kWork);
-        reply->setHeader(id, kWork, Message::kFlagReply, 1, 0);
-        if (socket.send(*reply) != 0) {
-            return 4;
-        }
-    }
-}
-
 std::atomic<int> gSignalsHandled{0};
 
-// Signals without SA_RESTART hit the reactor's thread and the sender; each
-// request's pipe holds one byte and then ends (the peer closed its copy).
+// Signals without SA_RESTART hit the reactor's thread and the sender.
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    const pid_t child = forkPeer([this] {
+    const pid_t child = forkPeer([this] {  // writes each answer into the request's pipe
         pair.first = FileDescriptor();
-        return runService(std::move(pair.second));
+        UnixDomainSocket socket;
+        socket.bind(std::move(pair.second));
+        for (uint32_t served = 0;; ++served) {
+            Message request;
+            if (socket.recv(&request) != 0) {
+                return 1;
+            }
+            if (request.type() == kQuit) {
+                return served == kRequests ? 0 : 2;
+            }
+            const Message::Payload payload = request.payload();
+            const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
+            if (payload.fds.size() != 1 || write(payload.fds[0], &answer, 1) != 1) {
+                return 3;
+            }
+            const auto reply = makeMessage(request.id(), {answer});
+            reply->setHeader(request.id(), 0, Message::kFlagReply, 1, 0);
+            MessageHandler().handleMessage(request);
+            if (socket.send(*reply) != 0) {
+                return 4;
+            }
+        }
     });
     pair.second = FileDescriptor();
 
@@ -173,8 +163,7 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
         ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
         readEnds.emplace_back(ends[0], 0);
         const FileDescriptor writeEnd(ends[1], 0);  // the peer gets its own copy
-        const auto request = makeMessage(kFirstId + i, {static_cast<uint8_t>(i)}, {writeEnd.get()},
-                                         nullptr, kWork);
+        const auto request = makeMessage(kFirstId + i, {static_cast<uint8_t>(i)}, {writeEnd.get()});
         registry.registerCB(*request, [&, id = kFirstId + i](uint8_t status) {
             std::lock_guard<std::mutex> guard(lock);
             statuses[id].push_back(status);

@@ -1,8 +1,5 @@
-// The transport's boundary against a hostile peer and a careless caller:
-// refused sends, lying headers, stalls between the two records, records
-// carrying too many, too few or no descriptors, or credentials. Nothing
-// leaks, the caller's array is never overrun, each refusal has its code and
-// line.
+// The transport against a hostile peer and a careless caller: refused sends,
+// lying headers, stalls, records with the wrong descriptors or credentials.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/DefaultReactor.h>
@@ -53,8 +50,7 @@ constexpr int kUntouched = 0x5a5a5a5a;
 constexpr int kCanary = 0x7eadbeef;
 const char* const kTooMany = "The number of received fds is larger than expected";
 
-// One raw record "ab" carrying `sent` copies of a descriptor (in an SCM_RIGHTS
-// message, or in none when !withRights), received expecting `expected`.
+// A record "ab" carrying `sent` copies of a descriptor, received expecting `expected`.
 struct RecordCase {
     const char* what;
     size_t sent;
@@ -77,8 +73,7 @@ class TransportBoundaryTest : public SocketPairFixture {
         return receiver.receiveDataAndFileDescriptors(slots.data(), expected, data.data(),
                                                       data.size());
     }
-    // A refusal sets every slot to -1; a success hands `arrived` descriptors
-    // over in the first slots (closed here) and leaves the rest alone.
+    // A refusal sets every slot to -1; a success fills `arrived` slots only.
     void expectSlots(int result, size_t arrived) {
         for (size_t i = 0; i + 1 < slots.size(); ++i) {
             if (result != 0) {
@@ -180,13 +175,11 @@ TEST(TransportStallTest, StalledPeer_CostsTheReactorABoundedWaitAndItsNeighbourI
 
     ASSERT_TRUE(writeHeaderRecord(stalledPeer.get(), 1, 3, 0));
     ASSERT_EQ(healthyPeer.sendMessage(messageOf(2, 3, {})), 0);
-    const auto start = Clock::now();
     ASSERT_TRUE(reactor.registerEventHandler(stalled));
     ASSERT_TRUE(reactor.registerEventHandler(healthy));
     ReactorThread thread(reactor);
     auto healthyServed = healthyResult.get_future();
     ASSERT_EQ(healthyServed.wait_for(std::chrono::seconds(2)), std::future_status::ready);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
     EXPECT_EQ(healthyServed.get(), 0);
     EXPECT_EQ(stalledResult.get_future().get(), -ECONNABORTED);
     thread.stop();
@@ -206,9 +199,8 @@ TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
     EXPECT_EQ(result.get(), -ENODATA);  // the announced descriptor never came
 }
 
-// The fuzz targets cover every other record shape. qemu-user neither drops
-// surplus descriptors nor sets MSG_CTRUNC as the kernel does: kernelOnly.
-TEST_F(TransportBoundaryTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNothingLeakedOrOverrun) {
+// qemu-user neither drops surplus descriptors nor sets MSG_CTRUNC: kernelOnly.
+TEST_F(TransportBoundaryTest, RecordsBreakingTheFormat_AreServedOrRefusedWithoutLeaksOrOverruns) {
     const RecordCase cases[] = {
             // One expected: the control buffer has room for two, so both arrive.
             {"one more than an odd count", 2, true, 1, -EMSGSIZE, kTooMany, false},
@@ -240,8 +232,7 @@ TEST_F(TransportBoundaryTest, RecordsBreakingTheFormat_AreServedOrRefusedWithNot
     }
 }
 
-// Credentials (uid and gid are 0 as root: standard input) are never closed as
-// descriptors; two descriptors behind them (ten expected) are.
+// Credentials (uid and gid 0 as root: standard input) are never closed.
 TEST_F(TransportBoundaryTest, CredentialsInsteadOfDescriptors_AreRefusedAndNeverClosed) {
     if (underEmulation()) {
         GTEST_SKIP() << "qemu-user's recvmsg adds no credentials";

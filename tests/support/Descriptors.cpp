@@ -40,9 +40,9 @@ bool sameFile(int a, int b) {
 
 bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-DescriptorLeakCheck::DescriptorLeakCheck() : mBefore(openDescriptors()) {}
+ScopedLeakCheck::ScopedLeakCheck() : mBefore(openDescriptors()) {}
 
-void DescriptorLeakCheck::check() const {
+ScopedLeakCheck::~ScopedLeakCheck() {
     const std::set<int> after = openDescriptors();
     for (int fd : after) {
         EXPECT_TRUE(mBefore.count(fd) != 0) << "descriptor " << fd << " leaked";

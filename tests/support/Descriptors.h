@@ -11,21 +11,14 @@ std::set<int> openDescriptors();
 bool sameFile(int a, int b);  // the same device and inode
 bool isOpen(int fd);
 
-// check() fails on every descriptor opened since construction and still open,
-// and every one closed that was open before.
-class DescriptorLeakCheck {
+// When destroyed, fails on every descriptor opened or closed since construction.
+class ScopedLeakCheck {
   public:
-    DescriptorLeakCheck();
-    void check() const;
+    ScopedLeakCheck();
+    ~ScopedLeakCheck();
 
   private:
     std::set<int> mBefore;
-};
-
-// Checks when it goes out of scope.
-class ScopedLeakCheck : public DescriptorLeakCheck {
-  public:
-    ~ScopedLeakCheck() { check(); }
 };
 
 }  // namespace velacam::test

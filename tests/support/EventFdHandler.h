@@ -1,5 +1,4 @@
-// Test helper: an EventHandler owning an eventfd that ring() makes readable;
-// each call drains it (unless kAlwaysReady) and is counted.
+// An EventHandler owning an eventfd; each call drains it (unless kAlwaysReady).
 #pragma once
 
 #include <ipc/EventHandler.h>

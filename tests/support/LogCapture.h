@@ -1,6 +1,5 @@
-// Test helper: captures the library's log lines as the unified logger (sMode
-// 2, details level 5) until destroyed. Create it before starting the threads
-// whose lines a test checks: the ULogger statics are plain variables.
+// Test helper: captures the library's lines until destroyed. Create it before
+// the threads whose lines a test checks: the ULogger statics are plain.
 #pragma once
 
 #include <ulog/ULogger.h>

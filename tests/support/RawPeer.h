@@ -31,8 +31,7 @@ struct RawRecord {
 // Reads one record with room for `dataRoom` bytes and `fdRoom` descriptors.
 RawRecord readRecord(int socketFd, size_t dataRoom = 4096, size_t fdRoom = 16, int flags = 0);
 
-// Sends one record with an SCM_RIGHTS message carrying `fds` (possibly none)
-// when `withRights`; returns sendmsg's result.
+// Sends one record, with an SCM_RIGHTS message carrying `fds` when `withRights`.
 ssize_t writeRecord(int socketFd, const void* data, size_t size, const std::vector<int>& fds,
                     bool withRights = true);
 
@@ -43,8 +42,7 @@ bool writeHeaderRecord(int socketFd, uint32_t id, uint32_t dataCount, uint16_t d
 FileDescriptor memoryFile(const std::string& contents = "");
 std::string contentsOf(int fd);
 
-// Forks a child that leaves with _exit(body()), killed by SIGALRM after
-// `limitSeconds`.
+// A child that leaves with _exit(body()), killed after `limitSeconds`.
 pid_t forkPeer(const std::function<int()>& body, unsigned limitSeconds = 20);
 
 // Waits for `pid` (killing it after `limitSeconds`); its exit status, or -1.

@@ -1,5 +1,4 @@
-// Test helper: runs a DefaultReactor's loop on a thread of its own until
-// stop() or destruction.
+// Runs a DefaultReactor's loop on a thread of its own until stop() or destruction.
 #pragma once
 
 #include <ipc/DefaultReactor.h>

@@ -1,6 +1,5 @@
-// Fixture of the suites working on both ends of a socket pair (numbers in
-// `near` and `far`), with a captured log, a file to send, a watchdog and a
-// leak check when the whole fixture is gone.
+// Fixture for both ends of a socket pair, with a log capture, a file to send,
+// a watchdog and a leak check.
 #pragma once
 
 #include <gtest/gtest.h>
