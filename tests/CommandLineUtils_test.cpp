@@ -54,8 +54,7 @@ TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput
     ScopedLeakCheck leaks;
     FileDescriptor input;
     pid_t pid = startChild("continue", input);
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0);  // the prompt is out; it waits for input
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);  // the prompt is out; it waits for input
     ASSERT_EQ(write(input.get(), "\nx", 2), 2);
     EXPECT_EQ(waitPeer(pid), 'x');
 

@@ -1,4 +1,3 @@
-
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <unistd.h>

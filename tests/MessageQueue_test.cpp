@@ -1,4 +1,3 @@
-
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>

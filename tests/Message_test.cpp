@@ -1,4 +1,3 @@
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>

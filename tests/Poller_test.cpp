@@ -1,4 +1,3 @@
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/Poller.h>

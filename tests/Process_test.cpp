@@ -98,8 +98,7 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     ASSERT_EQ(self.children().size(), 1u);
     EXPECT_EQ(self.children().front().pid(), sleeper.pid());
     EXPECT_TRUE(killedBy(reap(last.pid()), SIGTERM));
-    int status = 0;
-    EXPECT_EQ(waitpid(skipped.pid(), &status, WNOHANG), 0);  // still running
+    EXPECT_EQ(waitpid(skipped.pid(), nullptr, WNOHANG), 0);  // still running
     ASSERT_EQ(kill(skipped.pid(), SIGKILL), 0);
     EXPECT_TRUE(killedBy(reap(skipped.pid()), SIGKILL));
 

@@ -88,7 +88,6 @@ class PeerTest : public ::testing::Test {
 
     ScopedLeakCheck leaks;  // when the whole fixture is gone
     LogCapture capture;
-    Watchdog watchdog{"peer case", 60s};
     DefaultReactor reactor;
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     std::mutex noticesLock;
@@ -102,7 +101,8 @@ std::atomic<int> gSignalsHandled{0};
 
 // Signals without SA_RESTART hit the reactor's thread and the sender.
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    const pid_t child = forkPeer([this] {  // writes each answer into the request's pipe
+    // Forked before any thread starts; writes each answer into the request's pipe.
+    const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         UnixDomainSocket socket;
         socket.bind(std::move(pair.second));
@@ -128,7 +128,7 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
         }
     });
     pair.second = FileDescriptor();
-
+    Watchdog watchdog("requests across processes", 60s);
     CBRegistry registry(1);
     std::mutex lock;
     std::condition_variable replied;  // not waitUntil(): signals stretch its sleeps
@@ -196,6 +196,7 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
 
 // A listener installed while the loop runs.
 TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
+    Watchdog watchdog("peer case", 60s);
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         pause();
@@ -233,6 +234,7 @@ TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
 }
 
 TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds) {
+    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     const int fd = handler->fd();
     listen([&handler](int, std::shared_ptr<EventHandler>& notified) {
@@ -250,6 +252,7 @@ TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds
 
 // A number nobody holds reports POLLNVAL on every cycle.
 TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
+    Watchdog watchdog("peer case", 60s);
     const int stale = pair.first.get();
     pair.first = FileDescriptor();
     listen([this](int, std::shared_ptr<EventHandler>&) {
@@ -271,6 +274,7 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
 
 // A listener installed and taken away leaves the default.
 TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
+    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     listen([](int, std::shared_ptr<EventHandler>&) {});
     reactor.setHangUpListener({});

@@ -43,13 +43,7 @@ bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 ScopedLeakCheck::ScopedLeakCheck() : mBefore(openDescriptors()) {}
 
 ScopedLeakCheck::~ScopedLeakCheck() {
-    const std::set<int> after = openDescriptors();
-    for (int fd : after) {
-        EXPECT_TRUE(mBefore.count(fd) != 0) << "descriptor " << fd << " leaked";
-    }
-    for (int fd : mBefore) {
-        EXPECT_TRUE(after.count(fd) != 0) << "descriptor " << fd << " closed behind our back";
-    }
+    EXPECT_EQ(openDescriptors(), mBefore) << "descriptors leaked or closed behind our back";
 }
 
 }  // namespace velacam::test
