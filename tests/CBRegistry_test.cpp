@@ -1,14 +1,13 @@
-// CBRegistry: one-shot callbacks by id, the reply's status byte, and the
-// reply list with its declared waiters.
+// CBRegistry: one-shot callbacks, the status byte, the list and its waiters.
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/Message.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -60,8 +59,7 @@ TEST_F(CBRegistryTest, OneCallbackPerIdIsCalledOnceWithTheFirstDataByteUnsigned)
     EXPECT_EQ(calls.size(), 1u);
 }
 
-// Called without the lock and after its entry is gone: no deadlock, no
-// refusal.
+// Called without the lock and after its entry is gone.
 TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
     CBRegistry registry(1);
     registry.registerCB(*makeMessage(21), [&](uint8_t) {
@@ -73,10 +71,7 @@ TEST_F(CBRegistryTest, CallbackMayRegisterItsOwnIdAgainFromInside) {
     EXPECT_EQ(capture.countContaining("ERROR"), 0u);
 }
 
-// The documented worker pattern, with one worker more than declared: workers
-// take replies off the list and complete the callbacks; each fires once with
-// its status. The surplus worker shows that requestExit() wakes exactly the
-// declared ones.
+// The documented worker pattern, with one worker more than declared.
 TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilTheDeclaredExit) {
     constexpr uint32_t kRequests = 2000;
     CBRegistry registry(2);
@@ -97,15 +92,11 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
     std::atomic<int> wrongStatus{0};
     std::atomic<uint32_t> completed{0};
     std::atomic<int> returned{0};
-    std::mutex lock;
-    std::vector<pid_t> tids;  // guarded by lock
+    std::array<std::atomic<pid_t>, 3> tids{};
     std::vector<std::thread> workers;
     for (int w = 0; w < 3; ++w) {
-        workers.emplace_back([&] {
-            {
-                std::lock_guard<std::mutex> guard(lock);
-                tids.push_back(gettid());
-            }
+        workers.emplace_back([&, w] {
+            tids[w] = gettid();
             std::unique_ptr<Message> reply;
             while (registry.waitCB()) {
                 if (registry.extractCBList(reply)) {
@@ -128,12 +119,8 @@ TEST_F(CBRegistryTest, ListInArrivalOrderAndWorkersCompleteEveryCallbackUntilThe
         EXPECT_EQ(called[id].load(), 1) << "id " << id;
     }
     EXPECT_EQ(wrongStatus.load(), 0);
-    ASSERT_TRUE(waitUntil([&] {
-        std::lock_guard<std::mutex> guard(lock);
-        return tids.size() == 3;
-    }));
-    for (pid_t tid : tids) {
-        ASSERT_TRUE(waitUntilAsleep(tid));
+    for (const auto& tid : tids) {
+        ASSERT_TRUE(waitUntil([&] { return tid != 0; }) && waitUntilAsleep(tid));
     }
     expectExitWakesExactly(
             returned, 2, [&] { registry.notifyCB(); }, [&] { registry.requestExit(); });

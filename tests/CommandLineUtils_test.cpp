@@ -1,6 +1,4 @@
-// The command-line navigator: its prompt line on standard output and its wait
-// for one character on standard input, in a forked child whose standard input
-// and output are pipes held by the test.
+// The command-line navigator, in a child whose standard input and output are pipes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/utils/CommandLineUtils.h>
@@ -19,10 +17,7 @@ namespace {
 
 using namespace velacam::test;
 
-// Starts a child that calls navigator(message) and then exits with the next
-// character it reads (200 at end of input), which shows how much the
-// navigator consumed. Returns its pid; `input` becomes its standard input, and
-// the first line of its standard output must be the prompt.
+// Checks the prompt; the child exits with the next character (200 at the end).
 pid_t startChild(const std::string& message, FileDescriptor& input) {
     int in[2];
     int out[2];
@@ -56,18 +51,16 @@ pid_t startChild(const std::string& message, FileDescriptor& input) {
 }
 
 TEST(NavigatorTest, PrintsThePromptThenConsumesOneCharacterOrReturnsAtEndOfInput) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     FileDescriptor input;
     pid_t pid = startChild("continue", input);
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0);  // the prompt is out; it waits for input
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);  // the prompt is out; it waits for input
     ASSERT_EQ(write(input.get(), "\nx", 2), 2);
     EXPECT_EQ(waitPeer(pid), 'x');
 
     pid = startChild("attach a debugger", input);
     input = FileDescriptor();  // end of input
     EXPECT_EQ(waitPeer(pid), 200);
-    leaks.check();
 }
 
 }  // namespace

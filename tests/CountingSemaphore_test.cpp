@@ -1,6 +1,3 @@
-// CountingSemaphore: each unit lets exactly one acquire through; a count at
-// or below zero holds the waiters. (The line a waiter logs at the end of each
-// empty wait slice is in Log_test.)
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <unistd.h>
@@ -41,8 +38,7 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
             });
         }
         for (std::atomic<pid_t>& tid : tids) {
-            EXPECT_TRUE(waitUntil([&] { return tid.load() != 0; }));
-            EXPECT_TRUE(waitUntilAsleep(tid.load()));
+            EXPECT_TRUE(waitUntil([&] { return tid.load() != 0; }) && waitUntilAsleep(tid));
         }
         return threads;
     };
@@ -59,8 +55,7 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
         waiter.join();
     }
 
-    // A release wakes every waiter: both take their unit at once, not at the
-    // end of their 3000 ms wait slices.
+    // Both take their unit at once, not at the end of their 3 s wait slices.
     waiters = acquirers();
     semaphore.release(2);
     EXPECT_TRUE(waitUntil([&] { return returned.load() == 4; }, 2s));

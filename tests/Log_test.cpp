@@ -1,8 +1,5 @@
-// The log convention: gates, both sinks, the frame, truncation, the fatal
-// path, and the debug lines themselves. The library's own sites are exercised
-// through Message (core module) and CountingSemaphore (synchronisation
-// module), whose lines are known. CTest runs this suite with the debug
-// property set, and the gate once more without it.
+// Lines from Message (core module) and CountingSemaphore (sync module). CTest
+// runs this suite with the debug property set, and the gate without.
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <ipc/Message.h>
@@ -12,6 +9,7 @@
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -23,7 +21,7 @@ using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
 using Kestrel::Utils::ULog::ULogger;
 
-// Logs the debug line "[Payload] data_offset(3)" (among others) from ipc/Message.
+// Logs "[Payload] data_offset(3)" (among other debug lines) from ipc/Message.
 void logOneDebugLine() {
     Message message;
     Message::Payload payload;
@@ -35,7 +33,6 @@ void logOneDebugLine() {
 // Logs the warning "no payload exists" from ipc/Message.
 void logOneWarning() { (void)Message().payload(); }
 
-// Also run with the property unset (tests/CMakeLists.txt, filter LogGate*).
 TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
     const char* value = std::getenv("vendor.debug.ipc.framework.log");
     EXPECT_EQ(LogSetting::logLevel(), value != nullptr ? std::atoi(value) : 0);
@@ -46,13 +43,10 @@ TEST(LogGate, PropertyReadAtLoadGatesDebugLinesButNotWarnings) {
     logOneWarning();
     ASSERT_EQ(capture.lines().size(), 1u);
     const LogLine line = capture.lines()[0];
-    EXPECT_EQ(line.text, "no payload exists");
-    EXPECT_EQ(line.level, 2u);
-    EXPECT_EQ(line.tag, "Message");
-    EXPECT_EQ(line.moduleId, 0x401034u);
+    EXPECT_EQ(std::tie(line.text, line.level, line.tag, line.moduleId),
+              std::make_tuple("no payload exists", 2u, "Message", 0x401034u));
 }
 
-// The cases below read debug lines.
 class LogSinks : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -92,7 +86,6 @@ TEST_F(LogSinks, DetailsLevelAndModuleMaskGateLinesBeforeTheirArgumentsAreEvalua
         EXPECT_EQ(capture.lines().size(), lines) << "details level " << level;
     }
 
-    // Debug lines of the core module (Message) and the sync one (semaphore).
     ULogger::sDetailsLevel = 5;
     const auto debugLines = [this](uint32_t mask) {
         capture.clear();
@@ -115,10 +108,7 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
         logOneWarning();
         const std::string err = testing::internal::GetCapturedStderr();
         EXPECT_EQ(err.find("no payload exists") != std::string::npos, mode == 1) << mode;
-        if (mode != 1) {
-            EXPECT_EQ(err, "");
-        }
-        EXPECT_EQ(capture.count("no payload exists"), mode >= 2 ? 1u : 0u) << "mode " << mode;
+        EXPECT_EQ(capture.count("no payload exists"), mode >= 2 ? 1u : 0u) << mode;
     }
 
     ULogger::sMode = 3;
@@ -137,11 +127,9 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
             std::regex_match(err, std::regex("E \\[Thread\\] ipc/utils/Thread:([0-9]+) run\\(\\) "
                                              "broken 7 \\(run\\)\\{#\\1:ipc/utils/Thread\\}\n")))
             << err;
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0].text, "broken 7");  // no frame, no suffix
-    EXPECT_EQ(capture.lines()[0].level, 1u);
+    EXPECT_EQ(capture.levelOf("broken 7"), 1u);  // no frame, no suffix
 
-    capture.clear();  // a line longer than the buffer, on the unified logger only
+    capture.clear();  // longer than the buffer
     ULogger::sMode = 2;
     const std::string longText(2000, 'x');
     logging::record(kLogSite, logging::kWarning, "%s", longText.c_str());
@@ -150,8 +138,7 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     EXPECT_EQ(capture.lines()[0].length, 2000);
 }
 
-// Writes what the fatal path records to standard error, so that the dying
-// child's output shows the order: record, flush, assertion.
+// Shows on standard error the fatal path's order: record, flush, assertion.
 class EchoingLogger : public ULogger {
   public:
     void record(uint32_t, const char*, uint32_t level, const char* text, int) override {

@@ -1,16 +1,15 @@
-// MessageTable: grouping by id, waking the declared waiters, and ownership of
-// the messages it parks.
+// MessageTable: grouping by id, waking the declared waiters, ownership.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageTable.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -24,8 +23,7 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using MessageList = std::list<std::unique_ptr<Message>>;
 
-// A message that is a handler's last user shows it: each message holds a
-// reference to its handler.
+// Each message holds a reference to its handler.
 class MessageTableTest : public ::testing::Test {
   protected:
     LogCapture capture;
@@ -61,25 +59,19 @@ TEST_F(MessageTableTest, MessagesOfOneIdAreExtractedTogetherAndSpareWaitsFindNot
     EXPECT_TRUE(table.isEmpty());
 }
 
-// Producers on several threads; consumers following the documented pattern,
-// one more of them than declared, which shows that requestExit() wakes
-// exactly the declared waiters.
+// Consumers follow the documented pattern, one more of them than declared.
 TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDeclaredWaiters) {
     constexpr int kMessages = 3 * 2000;
     std::atomic<int> received{0};
     std::atomic<int> mixedLists{0};
     std::atomic<int> returned{0};
-    std::mutex lock;
-    std::vector<pid_t> consumers;  // guarded by lock
+    std::array<std::atomic<pid_t>, 3> consumers{};
     std::vector<std::thread> threads;
     {
         MessageTable table(2);
         for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([&] {
-                {
-                    std::lock_guard<std::mutex> guard(lock);
-                    consumers.push_back(gettid());
-                }
+            threads.emplace_back([&, i] {
+                consumers[i] = gettid();
                 MessageList out;
                 while (table.wait()) {
                     if (table.extract(out)) {
@@ -98,12 +90,8 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
             });
         }
         ASSERT_TRUE(waitUntil([&] { return received.load() == kMessages; }, 40s));
-        ASSERT_TRUE(waitUntil([&] {
-            std::lock_guard<std::mutex> guard(lock);
-            return consumers.size() == 3;
-        }));
-        for (pid_t consumer : consumers) {
-            ASSERT_TRUE(waitUntilAsleep(consumer));
+        for (const auto& consumer : consumers) {
+            ASSERT_TRUE(waitUntil([&] { return consumer != 0; }) && waitUntilAsleep(consumer));
         }
         EXPECT_EQ(mixedLists.load(), 0);
         EXPECT_TRUE(table.isEmpty());
@@ -111,8 +99,7 @@ TEST_F(MessageTableTest, ConsumersReceiveEveryMessageAndExitWakesExactlyTheDecla
                 returned, 2, [&] { table.notify(); }, [&] { table.requestExit(); });
         EXPECT_EQ(capture.count("MessageTable is exiting"), 2u);
 
-        // Still accepted after exit; its unit frees the surplus waiter, which
-        // sees the exit. The message stays until the table goes.
+        // Accepted after exit; frees the surplus waiter, stays until the table goes.
         table.update(makeMessage(1, {}, {}, handler));
         for (auto& thread : threads) {
             thread.join();

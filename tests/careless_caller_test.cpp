@@ -1,8 +1,5 @@
-// A careless caller: replies nobody waits for, messages left in containers,
-// a reactor asked for impossible waits, runnables that replace themselves,
-// a started thread moved away, a reply signalled at the worst moment, and
-// tasks that throw. The library must close what it drops, stay stoppable,
-// keep alive what still runs and end the process saying why.
+// A careless caller: the library closes what it drops, stays stoppable, keeps
+// alive what still runs and ends the process saying why.
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
@@ -23,11 +20,11 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
 #include "support/LogCapture.h"
+#include "support/Messages.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
@@ -39,11 +36,7 @@ using Kestrel::ipc::utils::FunctionRunnable;
 
 // A reply of `id` with status byte 0 that carries a fresh eventfd.
 std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
-    auto message = std::make_unique<Message>();
-    Message::Payload payload;
-    payload.data = {0};
-    payload.fds = {eventfd(0, EFD_CLOEXEC)};
-    message->setPayload(payload);
+    auto message = makeMessage(id, {0}, {eventfd(0, EFD_CLOEXEC)});
     message->setHeader(id, 0, Message::kFlagReply, 1, 1);
     return message;
 }
@@ -53,17 +46,15 @@ TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTh
     CBRegistry registry(1);
     registry.unRegisterCB(replyWithDescriptor(7));  // nobody registered 7
     int status = -1;
-    Message request;
-    request.setHeader(8, 0, 0, 0, 0);
-    registry.registerCB(request, [&status](uint8_t s) { status = s; });
+    registry.registerCB(*makeMessage(8), [&status](uint8_t s) { status = s; });
     registry.unRegisterCB(replyWithDescriptor(8));  // the callback sees the status only
     EXPECT_EQ(status, 0);
     MessageQueue exited;
     exited.requestExit();
-    exited.enqueueMessage(replyWithDescriptor(9), std::chrono::milliseconds(0));
+    exited.enqueueMessage(replyWithDescriptor(9), 0ms);
 
     MessageQueue queue;
-    queue.enqueueMessage(replyWithDescriptor(1), std::chrono::milliseconds(0));
+    queue.enqueueMessage(replyWithDescriptor(1), 0ms);
     registry.updateCBList(replyWithDescriptor(2));
     std::unique_ptr<Message> held = replyWithDescriptor(3);
     ASSERT_TRUE(registry.extractCBList(held));  // replaces message 3
@@ -88,8 +79,6 @@ TEST(CarelessCallerTest, LoopWithFailingWaitsStillReturnsAfterRequestExit) {
     loop.stop();  // hangs, and the watchdog fires, if the loop keeps turning
 }
 
-// Replaces itself on its handler from inside run(), then checks that it has
-// not been destroyed meanwhile.
 template <typename Handler>
 class SelfReplacingRunnable : public utils::Runnable {
   public:
@@ -112,9 +101,7 @@ class SelfReplacingRunnable : public utils::Runnable {
 TEST(CarelessCallerTest, RunnableReplacingItselfLivesUntilItReturns) {
     std::atomic<bool> destroyed{false};
     DequeHandler deque(1);
-    std::shared_ptr<utils::Runnable> runnable =
-            std::make_shared<SelfReplacingRunnable<DequeHandler>>(deque, destroyed);
-    deque.setRunnable(std::move(runnable));
+    deque.setRunnable(std::make_shared<SelfReplacingRunnable<DequeHandler>>(deque, destroyed));
     deque.handleDeque();
     EXPECT_TRUE(destroyed);
 
@@ -151,9 +138,7 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
             message.waitResponse();
             waited = std::chrono::steady_clock::now() - start;
         });
-        // Signal just after the waiter's first check: the moment a lost
-        // wake-up leaves it asleep for its whole second. The window is short,
-        // hence the many rounds.
+        // Just after the waiter's first check: a lost wake-up costs its second.
         while (counter.checks == before) {
             std::this_thread::yield();
         }

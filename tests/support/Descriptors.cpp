@@ -40,16 +40,10 @@ bool sameFile(int a, int b) {
 
 bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-DescriptorLeakCheck::DescriptorLeakCheck() : mBefore(openDescriptors()) {}
+ScopedLeakCheck::ScopedLeakCheck() : mBefore(openDescriptors()) {}
 
-void DescriptorLeakCheck::check() const {
-    const std::set<int> after = openDescriptors();
-    for (int fd : after) {
-        EXPECT_TRUE(mBefore.count(fd) != 0) << "descriptor " << fd << " leaked";
-    }
-    for (int fd : mBefore) {
-        EXPECT_TRUE(after.count(fd) != 0) << "descriptor " << fd << " closed behind our back";
-    }
+ScopedLeakCheck::~ScopedLeakCheck() {
+    EXPECT_EQ(openDescriptors(), mBefore) << "descriptors leaked or closed behind our back";
 }
 
 }  // namespace velacam::test

@@ -1,6 +1,4 @@
-// Test helper: an EventHandler that owns an eventfd. ring() makes it
-// readable; each dispatch reads the count back (unless made to stay ready, to
-// keep every cycle of the loop busy), counts the call and notes the thread.
+// An EventHandler owning an eventfd; each call drains it (unless kAlwaysReady).
 #pragma once
 
 #include <ipc/EventHandler.h>

@@ -1,5 +1,7 @@
 #include "support/LogCapture.h"
 
+#include <algorithm>
+
 namespace velacam::test {
 
 using Kestrel::Utils::ULog::ULogger;
@@ -36,19 +38,14 @@ std::vector<LogLine> LogCapture::lines() const {
 
 size_t LogCapture::count(const std::string& text) const {
     std::lock_guard<std::mutex> lock(mLock);
-    size_t n = 0;
-    for (const LogLine& line : mLines) {
-        n += line.text == text ? 1 : 0;
-    }
-    return n;
+    return std::count_if(mLines.begin(), mLines.end(),
+                         [&text](const LogLine& line) { return line.text == text; });
 }
 
 size_t LogCapture::countContainingLocked(const std::string& part) const {
-    size_t n = 0;
-    for (const LogLine& line : mLines) {
-        n += line.text.find(part) != std::string::npos ? 1 : 0;
-    }
-    return n;
+    return std::count_if(mLines.begin(), mLines.end(), [&part](const LogLine& line) {
+        return line.text.find(part) != std::string::npos;
+    });
 }
 
 size_t LogCapture::countContaining(const std::string& part) const {
@@ -58,12 +55,9 @@ size_t LogCapture::countContaining(const std::string& part) const {
 
 uint32_t LogCapture::levelOf(const std::string& text) const {
     std::lock_guard<std::mutex> lock(mLock);
-    for (const LogLine& line : mLines) {
-        if (line.text == text) {
-            return line.level;
-        }
-    }
-    return 0;
+    const auto found = std::find_if(mLines.begin(), mLines.end(),
+                                    [&text](const LogLine& line) { return line.text == text; });
+    return found == mLines.end() ? 0 : found->level;
 }
 
 bool LogCapture::waitFor(const std::string& part, size_t times,

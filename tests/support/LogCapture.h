@@ -1,10 +1,5 @@
-// Test helper: captures the library's log lines through the unified logger.
-//
-// Constructing a LogCapture installs it as ULogger::sULogger with sMode 2
-// (unified logger only) and sDetailsLevel 5; destroying it restores what was
-// there. record() may be called from any thread. Create it before starting
-// the threads whose lines a test checks: the ULogger statics are plain
-// variables.
+// Test helper: captures the library's lines until destroyed. Create it before
+// the threads whose lines a test checks: the ULogger statics are plain.
 #pragma once
 
 #include <ulog/ULogger.h>
@@ -37,9 +32,7 @@ class LogCapture : public Kestrel::Utils::ULog::ULogger {
                 int length) override;
 
     std::vector<LogLine> lines() const;
-    // Number of lines whose text equals `text` exactly.
-    size_t count(const std::string& text) const;
-    // Number of lines whose text contains `part`.
+    size_t count(const std::string& text) const;  // lines whose text is `text`
     size_t countContaining(const std::string& part) const;
     // The level of the first line whose text is `text`, 0 when there is none.
     uint32_t levelOf(const std::string& text) const;

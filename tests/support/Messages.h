@@ -10,9 +10,8 @@
 
 namespace velacam::test {
 
-// A message of `id` and `type` whose header counts match its payload of
-// `data` and `fds` (numbers only, not owned; header only when both are
-// empty), handled by `handler` (the default one when null).
+// A message whose header counts match `data` and `fds` (not owned), handled
+// by `handler` (the default one when null).
 inline std::unique_ptr<Kestrel::ipc::Message> makeMessage(
         uint32_t id, std::vector<uint8_t> data = {}, std::vector<int> fds = {},
         std::shared_ptr<Kestrel::ipc::MessageHandler> handler = nullptr, uint32_t type = 0) {

@@ -1,6 +1,4 @@
-// Test helper: runs a DefaultReactor's loop on a thread of its own. stop()
-// asks the loop to exit and joins; the destructor does the same, so that a
-// failed assertion never leaves the loop running behind the test.
+// Runs a DefaultReactor's loop on a thread of its own until stop() or destruction.
 #pragma once
 
 #include <ipc/DefaultReactor.h>
@@ -25,9 +23,6 @@ class ReactorThread {
             mThread.join();
         }
     }
-    // Waits for a loop that is made to end from inside (a handler or a
-    // listener requesting exit).
-    void join() { mThread.join(); }
     std::thread& thread() { return mThread; }
 
   private:

@@ -1,9 +1,5 @@
-// Test fixture of the suites that work on the two ends of a socket pair:
-// `pair` as UnixDomainSocket::createPairedSocket makes it (their numbers in
-// `near` and `far`, for raw reads and socket options), a captured log and a
-// file to send. Every blocking call of a case is bounded by the watchdog.
-// When the whole fixture is gone, every descriptor opened since it was made
-// must be closed again.
+// Fixture for both ends of a socket pair, with a log capture, a file to send,
+// a watchdog and a leak check.
 #pragma once
 
 #include <gtest/gtest.h>

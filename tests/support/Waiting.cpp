@@ -37,14 +37,7 @@ bool waitUntilAsleep(pid_t tid, std::chrono::milliseconds timeout) {
 }
 
 bool holdsThroughGrace(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + 50ms;
-    while (std::chrono::steady_clock::now() < end) {
-        if (!condition()) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
+    return !waitUntil([&condition] { return !condition(); }, 50ms);
 }
 
 void expectExitWakesExactly(const std::atomic<int>& returned, int declared,

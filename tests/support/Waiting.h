@@ -1,12 +1,14 @@
-// Test helpers that bound every wait, so that a hang fails instead of
-// stalling CI.
+// Test helpers that bound every wait.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -17,25 +19,31 @@ using namespace std::chrono_literals;
 // Polls `condition` every millisecond until it holds; false after `timeout`.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s);
 
-// Waits until thread `tid` of this process sleeps in the kernel (it has
-// reached a blocking wait); false after `timeout`.
+// Waits until thread `tid` of this process sleeps in the kernel.
 bool waitUntilAsleep(pid_t tid, std::chrono::milliseconds timeout = 10s);
 
-// For "a waiter is not woken", which has no event of its own to wait for:
-// true when `condition` holds throughout a short grace period (50 ms). That
-// period is the definition of "not woken" in these suites; nothing else
-// waits for time.
+// True when `condition` holds throughout 50 ms: what "not woken" means here.
 bool holdsThroughGrace(const std::function<bool()>& condition);
 
-// For a container whose blocked waiters count themselves in `returned` as
-// they leave: `notify` (a wake-up without a unit) must free none of them and
-// `requestExit` exactly `declared`, any surplus waiter staying blocked.
+// Runs `body` on a thread of its own, returning once that thread sleeps.
+template <typename Body>
+auto startBlocked(Body body) {
+    std::promise<pid_t> tid;
+    auto result = std::async(std::launch::async, [&tid, body] {
+        tid.set_value(gettid());
+        return body();
+    });
+    EXPECT_TRUE(waitUntilAsleep(tid.get_future().get()));
+    return result;
+}
+
+// Blocked waiters count themselves in `returned` as they leave: `notify` must
+// free none of them, `requestExit` exactly `declared`.
 void expectExitWakesExactly(const std::atomic<int>& returned, int declared,
                             const std::function<void()>& notify,
                             const std::function<void()>& requestExit);
 
-// Aborts the whole test process, naming `what`, unless disarmed (destroyed)
-// within `limit`. Put one around any step that could block forever.
+// Aborts the test process, naming `what`, unless destroyed within `limit`.
 class Watchdog {
   public:
     Watchdog(const char* what, std::chrono::milliseconds limit);

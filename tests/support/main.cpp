@@ -1,6 +1,5 @@
-// Test main: keeps the library's lines off standard error (the default host
-// sink) unless VELACAM_TEST_LOG_STDERR is set; suites that check lines install
-// a LogCapture.
+// Test main: the library's lines stay off standard error unless
+// VELACAM_TEST_LOG_STDERR is set.
 #include <gtest/gtest.h>
 #include <ulog/ULogger.h>
 
