@@ -64,4 +64,22 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
     }
 }
 
+TEST(CountingSemaphoreTest, AcquireAllTakesEveryUnitInOneHold) {
+    Watchdog watchdog("CountingSemaphore case", 30s);
+    CountingSemaphore semaphore(1);
+    semaphore.release(3);
+    int calls = 0;
+    semaphore.acquireAllWith([&calls] { ++calls; });
+    EXPECT_EQ(calls, 1);
+    std::atomic<bool> acquired{false};
+    std::thread waiter([&] {
+        semaphore.acquire();  // none of the three is left
+        acquired = true;
+    });
+    EXPECT_TRUE(holdsThroughGrace([&] { return !acquired.load(); }));
+    semaphore.release(1);
+    EXPECT_TRUE(waitUntil([&] { return acquired.load(); }));
+    waiter.join();
+}
+
 }  // namespace

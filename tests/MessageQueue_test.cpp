@@ -3,12 +3,14 @@
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
+#include <unistd.h>
 
 #include <future>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "support/Descriptors.h"
 #include "support/LogCapture.h"
 #include "support/Messages.h"
 #include "support/Waiting.h"
@@ -42,14 +44,17 @@ class MessageQueueTest : public ::testing::Test {
     Watchdog watchdog{"MessageQueue case", 30s};
 };
 
-// Each queued message holds a reference to its handler.
+// Each queued message holds a reference to its handler. The consumer takes
+// all four in one go, so message 13 is left in its hands at exit.
 TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrderUntilExitAndDestroysWhatIsLeft) {
     auto loop = std::make_unique<MessageLoop>();
     auto handler = std::make_shared<RecordingHandler>(*loop, 12);
+    const int carried = dup(STDERR_FILENO);
     loop->messageQueue().enqueueMessage(makeMessage(1), 0ms);  // the default handler's
-    for (uint32_t id : {11u, 12u, 13u}) {
+    for (uint32_t id : {11u, 12u}) {
         loop->messageQueue().enqueueMessage(makeMessage(id, {}, {}, handler), 0ms);
     }
+    loop->messageQueue().enqueueMessage(makeMessage(13, {}, {carried}, handler), 0ms);
     loop->dispatchMessages();  // returns once message 12 has asked for the exit
     EXPECT_EQ(handler->ids, (std::vector<uint32_t>{11, 12}));
     EXPECT_EQ(handler.use_count(), 2);  // message 13, still queued
@@ -57,8 +62,10 @@ TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrderUntilExitAndDestroysWhatIsL
     loop->messageQueue().enqueueMessage(makeMessage(14, {}, {}, handler), 0ms);
     EXPECT_EQ(handler.use_count(), 2);  // dropped at once
     EXPECT_EQ(capture.count("message queue is exiting, skip enqueueMessage()"), 1u);
+    EXPECT_TRUE(isOpen(carried));
     loop.reset();
     EXPECT_EQ(handler.use_count(), 1);  // message 13 went with the loop, undispatched
+    EXPECT_FALSE(isOpen(carried));      // and closed its descriptor
 }
 
 // A consumer's time-out only selects the line logged when its wait ends in exit.
