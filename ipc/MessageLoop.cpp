@@ -18,7 +18,18 @@ MessageLoop::MessageLoop() = default;
 MessageLoop::~MessageLoop() = default;
 
 void MessageLoop::dispatchMessages() {
+    // The handler of the messages being dispatched, held through each call:
+    // the message, which may be its last owner, can be destroyed inside it,
+    // and a handler that drops its message must stay alive until it returns.
+    // Held across a run of messages with the same handler, so that its
+    // reference count moves when the handler changes, not once a message;
+    // let go before any wait, so a handler nobody else owns goes once its
+    // last call has returned.
+    std::shared_ptr<MessageHandler> held;
     while (true) {
+        if (!mMessageQueue.hasTakenMessages()) {
+            held.reset();
+        }
         MessageQueue::NextMessage next = mMessageQueue.nextMessage(std::chrono::milliseconds(0));
         if (!next.message) {
             if (!next.timedOut) {
@@ -29,13 +40,12 @@ void MessageLoop::dispatchMessages() {
             continue;
         }
         ++mDispatchedCount;
-        // Hold the handler here: the message, which may be its last owner,
-        // can be destroyed inside the call. One reference-count round trip on
-        // the consumer's own thread: cheap, and a handler that resets its
-        // message stays alive until it returns.
-        const std::shared_ptr<MessageHandler> handler = next.message->messageHandler();
+        const std::shared_ptr<MessageHandler>& handler = next.message->messageHandler();
         if (handler) {
-            handler->handleMessage(std::move(next.message));
+            if (held != handler) {
+                held = handler;
+            }
+            held->handleMessage(std::move(next.message));
         } else {
             dropMessage(std::move(next.message));
         }

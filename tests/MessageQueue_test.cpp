@@ -5,6 +5,7 @@
 #include <ipc/MessageQueue.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <future>
 #include <memory>
 #include <thread>
@@ -66,6 +67,36 @@ TEST_F(MessageQueueTest, LoopDispatchesInArrivalOrderUntilExitAndDestroysWhatIsL
     loop.reset();
     EXPECT_EQ(handler.use_count(), 1);  // message 13 went with the loop, undispatched
     EXPECT_FALSE(isOpen(carried));      // and closed its descriptor
+}
+
+// Owned by nothing but the message it handles, which it drops in its call.
+class MessageOwnedHandler : public MessageHandler {
+  public:
+    MessageOwnedHandler(std::atomic<bool>& gone, std::atomic<bool>& goneInCall)
+        : mGone(gone), mGoneInCall(goneInCall) {}
+    ~MessageOwnedHandler() override { mGone = true; }
+    using MessageHandler::handleMessage;
+    void handleMessage(std::unique_ptr<Message> message) override {
+        message.reset();
+        mGoneInCall = mGone.load();
+    }
+
+  private:
+    std::atomic<bool>& mGone;
+    std::atomic<bool>& mGoneInCall;
+};
+
+TEST_F(MessageQueueTest, AHandlerOwnedByItsMessageLivesThroughItsCallAndGoesBeforeTheLoopWaits) {
+    std::atomic<bool> gone{false};
+    std::atomic<bool> goneInCall{false};
+    MessageLoop loop;
+    std::thread consumer([&loop] { loop.dispatchMessages(); });
+    auto handler = std::make_shared<MessageOwnedHandler>(gone, goneInCall);
+    loop.messageQueue().enqueueMessage(makeMessage(1, {}, {}, std::move(handler)), 0ms);
+    EXPECT_TRUE(waitUntil([&] { return gone.load(); }));  // while the loop waits for more
+    EXPECT_FALSE(goneInCall.load());
+    loop.requestExit();
+    consumer.join();
 }
 
 // A consumer's time-out only selects the line logged when its wait ends in exit.

@@ -74,6 +74,12 @@ class IPC_EXPORT MessageQueue {
     void requestExit();
 
   private:
+    friend class MessageLoop;
+
+    // True while the consumer holds messages it has taken and not handed
+    // out. Thread: the consumer.
+    bool hasTakenMessages() const { return !mTaken->empty(); }
+
     // Stored with the unit that counts it, under the semaphore's mutex;
     // oldest first.
     std::deque<std::unique_ptr<Message>> mMessages IPC_GUARDED_BY(mSemaphore->mutex());
