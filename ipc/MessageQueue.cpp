@@ -12,7 +12,7 @@ constexpr utils::LogSite kLogSite{"MessageQueue", "ipc/MessageQueue", utils::kLo
 }  // namespace
 
 MessageQueue::MessageQueue()
-    : mTaken(std::make_unique<std::deque<std::unique_ptr<Message>>>()),
+    : mTaken(std::make_unique<TakenMessages>()),
       mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
 
 MessageQueue::~MessageQueue() {
