@@ -9,7 +9,9 @@
 //
 // Ownership: queued messages belong to the queue; a dispatched message is
 // moved into its handler's handleMessage(std::unique_ptr<Message>), and one
-// without a handler is destroyed unhandled, its descriptors closed. Messages
+// without a handler is destroyed unhandled, its descriptors closed. The loop
+// holds the handler while it runs, so a handler whose message is its last
+// owner lives until its call returns; it lets go before it waits. Messages
 // still queued at exit are destroyed with the loop, not dispatched, their
 // descriptors closed too. Thread: dispatchMessages() on the
 // owner thread only; messageQueue().enqueueMessage() and requestExit() from
