@@ -2,7 +2,7 @@
 
 namespace velacam::bench {
 
-CpuPinning::CpuPinning(bool enabled) {
+CpuPinning::CpuPinning(bool enabled, int choice) {
     CPU_ZERO(&mPrevious);
     if (!enabled) {
         return;
@@ -11,9 +11,12 @@ CpuPinning::CpuPinning(bool enabled) {
     if (sched_getaffinity(0, sizeof(mPrevious), &mPrevious) != 0) {
         return;
     }
-    // The first CPU this thread may use: both processes land on the same one.
+    // The `choice`-th CPU this thread may use: with the same choice, both
+    // processes land on the same one.
+    const int allowed = CPU_COUNT(&mPrevious);
+    int skip = allowed > 0 ? choice % allowed : 0;
     for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &mPrevious)) {
+        if (CPU_ISSET(cpu, &mPrevious) && skip-- == 0) {
             cpu_set_t one;
             CPU_ZERO(&one);
             CPU_SET(cpu, &one);

@@ -4,7 +4,9 @@
 // On a two-CPU virtual machine a wake that crosses CPUs costs tens of
 // microseconds and hides every other cost of a round trip; pinning client and
 // server to one CPU shows what the code itself costs. With `enabled` false the
-// object does nothing, so a benchmark can take the figure both ways.
+// object does nothing, so a benchmark can take the figure both ways. `choice`
+// picks among the CPUs the thread may use (0 the first, counting round), so
+// that threads can be placed apart as well as together.
 // Thread: the thread that constructs it must destroy it.
 #pragma once
 
@@ -14,7 +16,7 @@ namespace velacam::bench {
 
 class CpuPinning {
   public:
-    explicit CpuPinning(bool enabled);
+    explicit CpuPinning(bool enabled, int choice = 0);
     ~CpuPinning();
     CpuPinning(const CpuPinning&) = delete;
     CpuPinning& operator=(const CpuPinning&) = delete;

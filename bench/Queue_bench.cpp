@@ -15,9 +15,6 @@
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -29,6 +26,8 @@
 #include <thread>
 #include <vector>
 
+#include "CpuPinning.h"
+
 namespace velacam::bench {
 namespace {
 
@@ -37,16 +36,6 @@ using Kestrel::ipc::MessageHandler;
 using Kestrel::ipc::MessageLoop;
 
 constexpr int kBatch = 8192;
-
-// Keeps the calling thread on `cpu` (modulo the CPUs there are); nothing
-// when the system refuses.
-void pinCallingThread(int cpu) {
-    const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpus > 0 ? cpu % static_cast<int>(cpus) : 0, &set);
-    (void)pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
-}
 
 // Opens once the handler has seen the expected number of messages.
 class BatchHandler : public MessageHandler {
@@ -135,7 +124,7 @@ class Producers {
     Producers(Queue& queue, int count) : mQueue(queue), mShares(count) {
         for (int i = 0; i < count; ++i) {
             mThreads.emplace_back([this, i] {
-                pinCallingThread(1);
+                const CpuPinning pinning(true, 1);
                 run(i);
             });
         }
@@ -206,7 +195,7 @@ class QueueRig {
     explicit QueueRig(int producerCount)
         : mHandler(std::make_shared<BatchHandler>()),
           mConsumer([this] {
-              pinCallingThread(0);
+              const CpuPinning pinning(true, 0);
               mQueue.runConsumer();
           }),
           mProducers(std::make_unique<Producers<Queue>>(mQueue, producerCount)),

@@ -182,23 +182,13 @@ Message::Payload Message::payload() const {
 }
 
 std::vector<int> Message::payloadDescriptors() const {
-    utils::LockGuard lock(mMutex);
-    if (mStorage.size() == mHeaderSize) {
-        IPC_LOGW("no payload exists");
-        return {};
-    }
-    // The lines Payload's constructor writes, under its name.
-    const PackedPayload packed = packedPayloadLocked();
+    const PackedPayload packed = packedPayload();
+    // The lines payload() writes, without the data's copy: Payload's
+    // constructor given no data.
     if (packed.dataBytes != 0) {
         IPC_LOGD("[%s] data_offset(%zu)", "Payload", packed.dataBytes);
     }
-    std::vector<int> fds(packed.fdCount);
-    if (!fds.empty()) {
-        const size_t fdBytes = sizeof(int) * fds.size();
-        IPC_LOGD("[%s] fds_offset(%zu)", "Payload", fdBytes);
-        std::memcpy(fds.data(), packed.fds, fdBytes);
-    }
-    return fds;
+    return Payload(packed.fds, 0, static_cast<uint16_t>(packed.fdCount)).fds;
 }
 
 void Message::adoptStorage(Storage&& storage) {

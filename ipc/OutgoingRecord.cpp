@@ -4,12 +4,12 @@
 
 #include <cstring>
 
+#include "TransportLogSite.h"
+
 namespace Kestrel::ipc {
 
 namespace {
-// The transport's lines: they carry its tag and source name.
-constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
-                                  utils::kLogModuleCore};
+constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 // cmsg_len of the record's descriptor message (the constructor made sure
 // there is one).

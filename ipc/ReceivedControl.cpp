@@ -7,13 +7,12 @@
 #include <cstring>
 
 #include "ReceivedDescriptors.h"
+#include "TransportLogSite.h"
 
 namespace Kestrel::ipc::received_control {
 
 namespace {
-// Its lines are the transport's own.
-constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
-                                  utils::kLogModuleCore};
+constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 // The descriptors in `cmsg` that lie inside the control bytes the kernel
 // filled (msg_controllen as returned), whatever cmsg_len claims.

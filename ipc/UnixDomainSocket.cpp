@@ -15,6 +15,7 @@
 #include "ControlBuffer.h"
 #include "OutgoingRecord.h"
 #include "ReceivedControl.h"
+#include "TransportLogSite.h"
 
 namespace Kestrel::ipc {
 
@@ -29,8 +30,7 @@ using received_control::closeAllReceived;
 using received_control::takeDescriptors;
 
 namespace {
-constexpr utils::LogSite kLogSite{"UnixDomainSocket", "ipc/UnixDomainSocket",
-                                  utils::kLogModuleCore};
+constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 constexpr int kNotBound = -ENOENT;              // -2
 constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
