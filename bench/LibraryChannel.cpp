@@ -109,7 +109,7 @@ class EchoRunnable : public Kestrel::ipc::utils::Runnable {
     bool mSucceeded = false;
 };
 
-int serveWithReactor(FileDescriptor&& end, size_t idleCount, bool readsPayload) {
+int serveWithReactor(FileDescriptor&& end, size_t idleCount, LibraryUse use) {
     IdleSockets idle(idleCount);
     if (!idle.ok()) {
         return 1;
@@ -124,8 +124,11 @@ int serveWithReactor(FileDescriptor&& end, size_t idleCount, bool readsPayload) 
         }
     }
     auto served = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+    if (use.unboundedPayloadWait) {
+        served->setPayloadTimeout(std::chrono::milliseconds(0));
+    }
     auto echo = std::make_shared<EchoRunnable>(*served, reactor, std::make_shared<MessageHandler>(),
-                                               readsPayload);
+                                               use.readsPayload);
     served->setRunnable(echo);
     if (!reactor.registerEventHandler(served)) {
         return 1;
@@ -144,6 +147,9 @@ class LibraryChannel : public RoundTripChannel {
           mRequest(mDisposer),
           mUse(use) {
         mClient.bind(std::move(end));
+        if (use.unboundedPayloadWait) {
+            mClient.setPayloadTimeout(std::chrono::milliseconds(0));
+        }
         mRequest.setHeader(7, 1, 0, static_cast<uint32_t>(shape.payload),
                            static_cast<uint16_t>(shape.fds));
         Message::Payload payload;
@@ -218,7 +224,7 @@ std::unique_ptr<RoundTripChannel> makeLibraryChannel(const RoundTripShape& shape
         if (use.hostLogging) {
             ULogger::sDetailsLevel = kHostDetailsLevel;
         }
-        return serveWithReactor(std::move(pair.second), idleCount, use.readsPayload);
+        return serveWithReactor(std::move(pair.second), idleCount, use);
     });
     pair.second = FileDescriptor();
     if (!server->started()) {

@@ -50,6 +50,9 @@ struct LibraryUse {
     // Both sides read the data of each message they receive with payload(),
     // as a user of a large message does.
     bool readsPayload = false;
+    // Both sides wait for a payload record without limit
+    // (setPayloadTimeout(0)) instead of the default bound of 1 s.
+    bool unboundedPayloadWait = false;
 };
 
 // The library: UnixDomainSocket client, DefaultReactor server with the

@@ -2,10 +2,12 @@
 // system-call floors (a call per record, and one batched call per message),
 // measured side by side (RoundTripChannel): every shape of RoundTripSetup,
 // free and pinned to one CPU, with logging as on a device; large messages,
-// whose data both library sides read with payload(); and once with the
-// host's default logging (standard error sent to /dev/null for the run),
-// against the per-record floor only. The 64-byte case without descriptors
-// or idle handlers records its single round trips for the latency chart.
+// whose data both library sides copy out once; the 64-byte case once more
+// with the wait for a payload record unbounded (what the default bound of
+// 1 s costs); and once with the host's default logging (standard error sent
+// to /dev/null for the run), against the per-record floor only. The 64-byte
+// case without descriptors or idle handlers records its single round trips
+// for the latency chart.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -75,6 +77,12 @@ void LargeMessage_vs_Floor(benchmark::State& state) {
     runAgainstFloors(state, use);
 }
 
+void LibraryUnboundedWait_vs_Floor(benchmark::State& state) {
+    LibraryUse use;
+    use.unboundedPayloadWait = true;
+    runAgainstFloors(state, use);
+}
+
 void LibraryHostLogging_vs_Floor(benchmark::State& state) {
     QuietStderr quiet;
     const RoundTripShape shape(state);
@@ -96,6 +104,7 @@ void LibraryHostLogging_vs_Floor(benchmark::State& state) {
 
 BENCHMARK(Library_vs_Floor)->Apply(addRoundTripCases);
 BENCHMARK(LargeMessage_vs_Floor)->Apply(addLargeCases);
+BENCHMARK(LibraryUnboundedWait_vs_Floor)->Apply(addPeerCases);
 BENCHMARK(LibraryHostLogging_vs_Floor)->Apply(addPeerCases);
 
 }  // namespace

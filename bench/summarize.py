@@ -71,6 +71,9 @@ def comparisons():
             targets = [("ratio<=", 1.10)] if idle == 256 else []
             lines.append((f"round trip 64 B, {idle} idle handlers, floors polling {idle} idle fds "
                           f"({mode})", (pair, "ours"), (pair, "reference"), targets))
+        pair = round_trip("LibraryUnboundedWait_vs_Floor", pinned)
+        lines.append((f"round trip 64 B, 0 fds, payload wait unbounded ({mode})", (pair, "ours"),
+                      (pair, "reference"), []))
         pair = round_trip("LibraryHostLogging_vs_Floor", pinned)
         lines.append((f"round trip 64 B, 0 fds, default host logging ({mode})", (pair, "ours"),
                       (pair, "reference"), []))

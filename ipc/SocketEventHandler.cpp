@@ -34,6 +34,10 @@ void SocketEventHandler::setRunnable(std::shared_ptr<utils::Runnable> runnable) 
     mRunnable = std::move(runnable);
 }
 
+void SocketEventHandler::setPayloadTimeout(std::chrono::milliseconds timeout) {
+    mSocket.setPayloadTimeout(timeout);
+}
+
 int SocketEventHandler::sendMessage(const Message& message) {
     const int result = mSocket.send(message);
     if (result != 0) {

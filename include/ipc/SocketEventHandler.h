@@ -33,6 +33,7 @@
 #include <ipc/utils/Runnable.h>
 #include <sysutils/FileDescriptor.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -61,6 +62,12 @@ class IPC_EXPORT SocketEventHandler : public EventHandler {
 
     // The socket the handler sends and receives on.
     const UnixDomainSocket& socket() const { return mSocket; }
+
+    // How long receiveMessage() waits for a payload record once its header
+    // has arrived (1 s unless set; 0 waits without limit): the socket's
+    // UnixDomainSocket::setPayloadTimeout(). Set it before registering the
+    // handler with a reactor, or from the thread that receives.
+    void setPayloadTimeout(std::chrono::milliseconds timeout);
 
     // UnixDomainSocket::send / recv, logging a failure.
     [[nodiscard]] int sendMessage(const Message& message);
