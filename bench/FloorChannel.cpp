@@ -1,6 +1,6 @@
 // The floors' channel: a raw socket pair and a forked server running
-// RawFloor's serveEcho (two calls per record pair) or BatchedFloor's
-// serveEchoBatched (one call per record pair).
+// RawFloor's serveEcho (a call per record, or one send call per record pair)
+// or BatchedFloor's serveEchoBatched (one call per record pair).
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,6 +33,10 @@ bool makeSocketPair(int pair[2]) {
     return false;
 }
 
+raw::SendCalls sendsOf(FloorCalls calls) {
+    return calls == FloorCalls::kPerRecord ? raw::SendCalls::kPerRecord : raw::SendCalls::kOne;
+}
+
 class FloorChannel : public RoundTripChannel {
   public:
     FloorChannel(int client, std::unique_ptr<ForkedPeer> server, const RoundTripShape& shape,
@@ -57,8 +61,8 @@ class FloorChannel : public RoundTripChannel {
             return raw::roundTripBatched(mClient, mHeader, mData.data(), mData.size(),
                                          mSent.fds().data(), mSent.fds().size(), mReply.data());
         }
-        return raw::roundTrip(mClient, mHeader, mData.data(), mData.size(), mSent.fds().data(),
-                              mSent.fds().size(), mReply.data());
+        return raw::roundTrip(mClient, sendsOf(mCalls), mHeader, mData.data(), mData.size(),
+                              mSent.fds().data(), mSent.fds().size(), mReply.data());
     }
 
     bool finish() override {
@@ -67,8 +71,8 @@ class FloorChannel : public RoundTripChannel {
         }
         uint8_t stop[raw::kHeaderSize];
         raw::packHeader({0, raw::kStopType, 0, 0, 0}, stop);
-        // The two-call server ends on the header alone, the batched one on
-        // the header with an empty data record.
+        // A server reading a record at a time ends on the header alone, the
+        // batched one on the header with an empty data record.
         const bool sent = mCalls == FloorCalls::kBatched
                                   ? raw::sendPair(mClient, stop, nullptr, 0, nullptr, 0)
                                   : raw::sendRecord(mClient, stop, sizeof(stop), nullptr, 0);
@@ -109,7 +113,8 @@ std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape, 
             return raw::serveEchoBatched(pair[1], idle.watched().data(), idle.watched().size(),
                                          payload, fds);
         }
-        return raw::serveEcho(pair[1], idle.watched().data(), idle.watched().size());
+        return raw::serveEcho(pair[1], idle.watched().data(), idle.watched().size(),
+                              sendsOf(calls));
     });
     close(pair[1]);
     if (!server->started()) {

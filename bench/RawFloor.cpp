@@ -7,12 +7,24 @@
 #include <cerrno>
 #include <cstring>
 
+#include "BatchedFloor.h"
+
 namespace velacam::bench::raw {
 
 namespace {
 
 // The largest control buffer a record can need.
 constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
+
+// Both records of a message, the header first.
+bool sendMessage(int socket, SendCalls sends, const uint8_t* header, const void* data,
+                 size_t dataSize, const int* fds, size_t fdCount) {
+    if (sends == SendCalls::kOne) {
+        return sendPair(socket, header, data, dataSize, fds, fdCount);
+    }
+    return sendRecord(socket, header, kHeaderSize, nullptr, 0) &&
+           sendRecord(socket, data, dataSize, fds, fdCount);
+}
 
 }  // namespace
 
@@ -108,10 +120,9 @@ int receiveRecord(int socket, void* data, size_t size, int* fds, size_t fdCount)
     return takeDescriptors(header, fds, fdCount);
 }
 
-bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,
-               const int* fds, size_t fdCount, uint8_t* replyData) {
-    if (!sendRecord(socket, header, kHeaderSize, nullptr, 0) ||
-        !sendRecord(socket, data, dataSize, fds, fdCount)) {
+bool roundTrip(int socket, SendCalls sends, const uint8_t* header, const uint8_t* data,
+               size_t dataSize, const int* fds, size_t fdCount, uint8_t* replyData) {
+    if (!sendMessage(socket, sends, header, data, dataSize, fds, fdCount)) {
         return false;
     }
     uint8_t replyHeader[kHeaderSize];
@@ -155,7 +166,7 @@ bool ServerWait::wait() {
     return (mWatched[mServed].revents & POLLIN) != 0;
 }
 
-int serveEcho(int socket, const int* idle, size_t idleCount) {
+int serveEcho(int socket, const int* idle, size_t idleCount, SendCalls sends) {
     uint8_t header[kHeaderSize];
     static uint8_t data[kMaxData];
     int fds[kMaxFds];
@@ -178,8 +189,8 @@ int serveEcho(int socket, const int* idle, size_t idleCount) {
         if (received < 0) {
             return 1;
         }
-        const bool sent = sendRecord(socket, header, kHeaderSize, nullptr, 0) &&
-                          sendRecord(socket, data, request.dataCount, fds, received);
+        const bool sent =
+                sendMessage(socket, sends, header, data, request.dataCount, fds, received);
         closeAll(fds, received);
         if (!sent) {
             return 1;

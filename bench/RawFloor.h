@@ -7,7 +7,11 @@
 // waits with one ppoll() per message, reads both records, sends both back
 // (the reply is the request echoed, descriptors included) and closes the
 // descriptors it received. Nothing here allocates or logs once the server
-// waits. BatchedFloor.h moves the same records with one call each way.
+// waits. BatchedFloor.h moves the same records with one call each way; with
+// SendCalls::kOne the records go out with BatchedFloor's one sendmmsg() and
+// are still read with a recvmsg() each, the header first: the fastest a
+// receiver can be that learns the data size and descriptor count from the
+// header, as the library's must.
 // Thread: one thread per socket end. Failure: false (or a negative value).
 #pragma once
 
@@ -26,6 +30,10 @@ inline constexpr size_t kMaxFds = 16;
 inline constexpr size_t kMaxData = 262144;
 // A header of this type asks the serving side to end.
 inline constexpr uint32_t kStopType = 0x53544f50;
+
+// How a side sends a message's two records: a sendmsg() each, or both with
+// one sendmmsg().
+enum class SendCalls { kPerRecord, kOne };
 
 struct Header {
     uint32_t id = 0;
@@ -54,16 +62,16 @@ int takeDescriptors(msghdr& header, int* fds, size_t room);
 void closeAll(const int* fds, int count);
 
 // Client side of one round trip: sends the request (header, then data with
-// `fds`), then receives the reply into `replyData` and closes the descriptors
-// that came back. True when all four records went through.
-bool roundTrip(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,
-               const int* fds, size_t fdCount, uint8_t* replyData);
+// `fds`) with `sends`, then receives the reply into `replyData` and closes
+// the descriptors that came back. True when all four records went through.
+bool roundTrip(int socket, SendCalls sends, const uint8_t* header, const uint8_t* data,
+               size_t dataSize, const int* fds, size_t fdCount, uint8_t* replyData);
 
 // Serving side: until a stop header arrives (a header record alone) or the peer goes away, waits
 // with ppoll() on `socket` and on the `idleCount` descriptors of `idle` (watched but never ready,
-// as idle handlers would be) and echoes each message back. Returns 0 on a stop header, 1 on any
-// failure.
-int serveEcho(int socket, const int* idle, size_t idleCount);
+// as idle handlers would be) and echoes each message back with `sends`. Returns 0 on a stop
+// header, 1 on any failure.
+int serveEcho(int socket, const int* idle, size_t idleCount, SendCalls sends);
 
 // The serving side's wait: one ppoll() on the served socket and on idle
 // descriptors that are watched but never ready (as idle handlers would be),

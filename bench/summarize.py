@@ -10,7 +10,9 @@ spread, to the summary JSON file.
 References: the per-record floor (two sendmsg and two recvmsg per message
 each way, bench/RawFloor.cpp) is "reference" of the round trips; the
 batched floor (one sendmmsg and one recvmmsg per message,
-bench/BatchedFloor.cpp) is "batched". For the queue it is a plain
+bench/BatchedFloor.cpp) is "batched". One row takes as its reference the
+floor that sends with one sendmmsg and reads a record at a time, the header
+first (bench/RawFloor.cpp, SendCalls::kOne). For the queue it is a plain
 mutex + condition variable + deque queue; for the peer, ZeroMQ ipc://.
 
 Medians are taken over the repetitions of each benchmark (the per-repetition
@@ -71,6 +73,9 @@ def comparisons():
             targets = [("ratio<=", 1.10)] if idle == 256 else []
             lines.append((f"round trip 64 B, {idle} idle handlers, floors polling {idle} idle fds "
                           f"({mode})", (pair, "ours"), (pair, "reference"), targets))
+        pair = round_trip("Library_vs_OneSendFloor", pinned)
+        lines.append((f"round trip 64 B, 0 fds, reference: one sendmmsg, a recvmsg per record "
+                      f"({mode})", (pair, "ours"), (pair, "reference"), []))
         pair = round_trip("LibraryUnboundedWait_vs_Floor", pinned)
         lines.append((f"round trip 64 B, 0 fds, payload wait unbounded ({mode})", (pair, "ours"),
                       (pair, "reference"), []))
