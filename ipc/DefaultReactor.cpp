@@ -133,6 +133,7 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
     WatchedHandlers watched;
     HandlerList readyHandlers;
     std::vector<PollEvent> result;
+    std::vector<pollfd> pollCopy;  // the poller's set as last waited on
     uint64_t seenGeneration = 0;
     bool fresh = false;  // watched and poller match mGeneration == seenGeneration
 
@@ -162,7 +163,7 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
         IPC_LOGD("[%s] The registered PollEvent count(%zu) timeout milliseconds(%lld)", __func__,
                  watched.size() + 1, static_cast<long long>(timeout.count()));
 
-        result = poller.poll(timeout);
+        poller.pollInto(timeout, pollCopy, result);
         const int pollError = errno;
         IPC_LOGD("[%s] The result PollEvent count(%zu) (3)", __func__, result.size());
         if (result.empty()) {

@@ -170,6 +170,36 @@ Message::PackedPayload Message::packedPayload() const {
     return packedPayloadLocked();
 }
 
+Message::Wire Message::wire() const {
+    utils::LockGuard lock(mMutex);
+    checkHeaderPresent();
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+        return Wire{mStorage.data(), PackedPayload{nullptr, 0, nullptr, 0}};
+    }
+    return Wire{mStorage.data(), packedPayloadLocked()};
+}
+
+Message::Counts Message::countsOf(const uint8_t* header) {
+    Counts counts{};
+    std::memcpy(&counts.data, header + kDataCountOffset, sizeof(counts.data));
+    std::memcpy(&counts.fds, header + kFdCountOffset, sizeof(counts.fds));
+    return counts;
+}
+
+uint16_t Message::clearAllButDataCount() {
+    utils::LockGuard lock(mMutex);
+    const uint32_t dataCount = readWord(kDataCountOffset);
+    writeWord(kIdOffset, 0);
+    writeWord(kTypeOffset, 0);
+    writeWord(kFlagsOffset, 0);
+    writeWord(kDataCountOffset, dataCount);
+    writeDescriptorCount(0);
+    uint16_t count;
+    std::memcpy(&count, mStorage.data() + kFdCountOffset, sizeof(count));
+    return count;
+}
+
 Message::Payload Message::payload() const {
     utils::LockGuard lock(mMutex);
     if (mStorage.size() == mHeaderSize) {

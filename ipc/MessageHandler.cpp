@@ -22,8 +22,7 @@ void MessageHandler::handleMessage(Message& message) {
         IPC_LOGD("[%s] close fd(%d)", "operator()", fd);
         ::close(fd);
     });
-    message.setHeader(message.dataCount(), 0);
-    if (message.fileDescriptorCount() != 0) {
+    if (message.clearAllButDataCount() != 0) {
         IPC_FATAL("cannot reset the file descriptor count to 0 of a message header");
     }
 }

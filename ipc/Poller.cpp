@@ -113,17 +113,24 @@ std::vector<Poller::PollEvent> Poller::registeredPollEvents() const {
 }
 
 std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
-    std::vector<pollfd> pollfds;
+    std::vector<pollfd> copy;
+    std::vector<PollEvent> result;
+    pollInto(timeout, copy, result);
+    return result;
+}
+
+void Poller::pollInto(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
+                      std::vector<PollEvent>& result) {
     {
         utils::LockGuard lock(mMutex);
-        pollfds = mPollfds;
+        pollfds.assign(mPollfds.begin(), mPollfds.end());
     }
-    std::vector<PollEvent> result;
+    result.clear();
     if (pollfds.empty()) {
         const int saved = errno;  // "nothing registered" is told by errno left as it was
         IPC_LOGW("no available registered file descriptor, do nothing");
         errno = saved;
-        return result;
+        return;
     }
 
     int ready;
@@ -145,7 +152,7 @@ std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
         for (const pollfd& entry : pollfds) {
             result.emplace_back(entry.fd, entry.revents);
         }
-        return result;
+        return;
     }
     const int error = ready == 0 ? ETIME : errno;
     if (ready == 0) {
@@ -155,7 +162,6 @@ std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
         IPC_LOGE("ppoll() failed(%s) errno(%d)", std::strerror(error), error);
     }
     errno = error;  // the caller tells time-out from failure by it
-    return result;
 }
 
 void Poller::clear() {

@@ -142,8 +142,7 @@ int UnixDomainSocket::send(const Message& message) {
         IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
         return kNotBound;
     }
-    const auto [header, headerSize] = message.header();
-    const Message::PackedPayload payload = message.packedPayload();
+    const auto [header, payload] = message.wire();
     // What the kernel would refuse of the payload record is refused here,
     // before the header goes, so that a refused message leaves the wire as it
     // was.
@@ -159,7 +158,7 @@ int UnixDomainSocket::send(const Message& message) {
         return refusal;
     }
 
-    OutgoingRecord records[] = {{header, headerSize, nullptr, 0},
+    OutgoingRecord records[] = {{header, Message::kHeaderSize, nullptr, 0},
                                 {payload.data, payload.dataBytes, payload.fds, payload.fdCount}};
     mmsghdr both[2] = {};
     for (size_t i = 0; i < 2; ++i) {
@@ -231,7 +230,8 @@ int UnixDomainSocket::recv(Message* message) {
         return result;
     }
     Message::Storage storage;
-    result = receivePayload(storage, header, message->dataCount(), message->fileDescriptorCount());
+    const Message::Counts counts = Message::countsOf(header);
+    result = receivePayload(storage, header, counts.data, counts.fds);
     if (result < 0) {
         IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
         return result;

@@ -169,6 +169,24 @@ class IPC_EXPORT Message {
     // What payload() gives, without the copy; logs "no payload exists" the
     // same way for a header-only message.
     PackedPayload packedPayload() const IPC_EXCLUDES(mMutex);
+    // What a send puts on the wire, taken under one lock: the header (its
+    // kHeaderSize bytes) and packedPayload().
+    struct Wire {
+        const uint8_t* header;
+        PackedPayload payload;
+    };
+    Wire wire() const IPC_EXCLUDES(mMutex);
+    // The counts a header announces, read from its bytes (a header being
+    // received, not yet a message's).
+    struct Counts {
+        uint32_t data;
+        uint16_t fds;
+    };
+    static Counts countsOf(const uint8_t* header);
+    // setHeader(dataCount(), 0) in one step: id, type, flags and the
+    // descriptor count become 0. Returns the descriptor count now in the
+    // header (0).
+    uint16_t clearAllButDataCount() IPC_EXCLUDES(mMutex);
     // The descriptors payload() would unpack, with the same lines logged,
     // without copying the data (the default handler's disposal).
     std::vector<int> payloadDescriptors() const IPC_EXCLUDES(mMutex);
