@@ -41,8 +41,10 @@ void Message::releaseStorage(void* block, size_t bytes) { storage_blocks::give(b
 
 Message::Message(std::shared_ptr<MessageHandler> handler)
     : mHeaderSize(kHeaderSize),
-      mStorage(kHeaderSize, 0),
-      mHandler(handler ? std::move(handler) : std::make_shared<MessageHandler>()) {}
+      mHandler(handler ? std::move(handler) : std::make_shared<MessageHandler>()) {
+    mStorage.reserve(kReservedStorage);
+    mStorage.assign(kHeaderSize, 0);
+}
 
 Message::Message(Message&& other) noexcept : mHeaderSize(kHeaderSize) {
     utils::LockGuard lock(other.mMutex);
@@ -189,12 +191,9 @@ Message::Counts Message::countsOf(const uint8_t* header) {
 
 uint16_t Message::clearAllButDataCount() {
     utils::LockGuard lock(mMutex);
-    const uint32_t dataCount = readWord(kDataCountOffset);
-    writeWord(kIdOffset, 0);
-    writeWord(kTypeOffset, 0);
-    writeWord(kFlagsOffset, 0);
-    writeWord(kDataCountOffset, dataCount);
-    writeDescriptorCount(0);
+    checkHeaderPresent();
+    std::memset(mStorage.data() + kIdOffset, 0, kDataCountOffset - kIdOffset);
+    std::memset(mStorage.data() + kFdCountOffset, 0, sizeof(uint16_t));
     uint16_t count;
     std::memcpy(&count, mStorage.data() + kFdCountOffset, sizeof(count));
     return count;
@@ -227,6 +226,10 @@ void Message::adoptStorage(Storage&& storage) {
     }
     utils::LockGuard lock(mMutex);
     mStorage.swap(storage);
+}
+
+Message::Storage* Message::headerOnlyStorage() {
+    return mStorage.size() == mHeaderSize ? &mStorage : nullptr;
 }
 
 void Message::setHeader(uint32_t dataCount, uint16_t fileDescriptorCount) {

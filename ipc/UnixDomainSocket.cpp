@@ -229,14 +229,24 @@ int UnixDomainSocket::recv(Message* message) {
         IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
         return result;
     }
-    Message::Storage storage;
     const Message::Counts counts = Message::countsOf(header);
-    result = receivePayload(storage, header, counts.data, counts.fds);
+    // The header survives the storage's growth (`header` may not).
+    uint8_t headerBytes[Message::kHeaderSize];
+    std::memcpy(headerBytes, header, sizeof(headerBytes));
+    // A message without a payload takes the new one in place; one with a
+    // payload keeps it until the new one has come whole.
+    Message::Storage* const inPlace = message->headerOnlyStorage();
+    Message::Storage separate;
+    Message::Storage& storage = inPlace != nullptr ? *inPlace : separate;
+    result = receivePayload(storage, headerBytes, counts.data, counts.fds);
     if (result < 0) {
+        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
         IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
         return result;
     }
-    message->adoptStorage(std::move(storage));
+    if (inPlace == nullptr) {
+        message->adoptStorage(std::move(separate));
+    }
     return 0;
 }
 

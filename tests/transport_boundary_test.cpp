@@ -204,6 +204,28 @@ TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
     EXPECT_EQ(result.get(), -ENODATA);  // the announced descriptor never came
 }
 
+// A fresh message takes its payload in place: a refused one must leave it
+// with the new header alone, as a used message keeps its old payload.
+TEST_F(TransportBoundaryTest, RefusedPayload_LeavesTheNewHeaderAndTheOldPayload) {
+    for (const bool used : {false, true}) {
+        SCOPED_TRACE(used ? "used message" : "fresh message");
+        Message message;
+        if (used) {
+            Message::Payload old;
+            old.data = {'o', 'l', 'd'};
+            message.setPayload(old);
+        }
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), 9, 3, 1));
+        ASSERT_EQ(writeRecord(peer.get(), "new", 3, {}, false), 3);  // its descriptor missing
+        EXPECT_EQ(receiver.recv(&message), -ENODATA);
+        EXPECT_EQ(message.id(), 9u);
+        EXPECT_EQ(message.dataCount(), 3u);
+        const std::vector<uint8_t> expected =
+                used ? std::vector<uint8_t>{'o', 'l', 'd'} : std::vector<uint8_t>{};
+        EXPECT_EQ(message.payload().data, expected);
+    }
+}
+
 // qemu-user neither drops surplus descriptors nor sets MSG_CTRUNC: kernelOnly.
 TEST_F(TransportBoundaryTest, RecordsBreakingTheFormat_AreServedOrRefusedWithoutLeaksOrOverruns) {
     const RecordCase cases[] = {

@@ -193,6 +193,14 @@ class IPC_EXPORT Message {
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
     void adoptStorage(Storage&& storage) IPC_EXCLUDES(mMutex);
+    // The storage itself when it holds the header alone (a fresh message),
+    // else null: a receive then lands the payload in place, in the room the
+    // constructor reserved. Unchecked, without the lock: the transport's
+    // recv() has the message to itself.
+    Storage* headerOnlyStorage() IPC_NO_THREAD_SAFETY_ANALYSIS;
+    // What a new message's storage holds before it needs to grow: the header
+    // and a small payload.
+    static constexpr size_t kReservedStorage = 256;
 
     PackedPayload packedPayloadLocked() const IPC_REQUIRES(mMutex);
     uint32_t readWord(size_t offset) const IPC_REQUIRES(mMutex);
