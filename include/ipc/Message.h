@@ -20,7 +20,8 @@
 // messages' mutexes, which fail only on misuse (a lock the caller holds).
 //
 // The transport (UnixDomainSocket) is a friend: it sends the payload straight
-// from the storage and receives into a storage it then hands over whole, so
+// from the storage and receives into it (a message that already has a
+// payload gets a storage handed over whole once the new one has come), so
 // that no payload byte is copied but by the kernel. The default
 // MessageHandler is one too: it reads the descriptors without copying the
 // data. Those operations are private; nothing else sees them.
