@@ -91,11 +91,11 @@ class IPC_EXPORT Poller {
     void clear() IPC_EXCLUDES(mMutex);
 
   private:
-    // The reactor polls once per cycle: poll() with the copy of the set and
-    // the result in vectors it keeps from cycle to cycle, so that a steady
-    // loop allocates nothing. `result` is cleared first.
+    // The reactor polls once per cycle: poll() with the copy of the set
+    // (`pollfds`) and the result in vectors it keeps from cycle to cycle, so
+    // that a steady loop allocates nothing. `result` is cleared first.
     friend class DefaultReactor;
-    void pollInto(std::chrono::milliseconds timeout, std::vector<pollfd>& copy,
+    void pollInto(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
                   std::vector<PollEvent>& result) IPC_EXCLUDES(mMutex);
 
     // dump() for the poller's own code: the analysis checks that the caller
