@@ -3,7 +3,8 @@
 velacam_bench run (Library_vs_OneSendFloor, pinned).
 
 Wall-clock figures on a shared virtual machine move by several per cent from
-run to run; instruction counts do not. Each side is counted on its own:
+run to run; instruction counts move by a few per cent at most (the
+server's, with how often its loop goes round). Each side is counted on its own:
 
   client  the inclusive instructions of the channel's round-trip function
           over its calls (the library: LibraryChannel::roundTrip; the floors:
