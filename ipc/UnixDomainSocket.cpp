@@ -15,6 +15,7 @@
 #include "ControlBuffer.h"
 #include "OutgoingRecord.h"
 #include "ReceivedControl.h"
+#include "SpillRegion.h"
 #include "TransportLogSite.h"
 
 namespace Kestrel::ipc {
@@ -34,6 +35,9 @@ constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 constexpr int kNotBound = -ENOENT;              // -2
 constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
+// What a recvmmsg cut short by a signal, with no receive time-out set, leaves
+// in the socket for the next call (the kernel's ERESTARTSYS).
+constexpr int kRestartedBySignal = 512;
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
 // AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
 constexpr size_t kRecordOverhead = 32;
@@ -223,31 +227,196 @@ int UnixDomainSocket::recv(Message* message) {
         IPC_LOGE("invalid message");
         return -EFAULT;
     }
-    const auto [header, headerSize] = message->header();
-    int result = receiveDataAndFileDescriptors(nullptr, 0, header, headerSize);
-    if (result < 0) {
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
-        return result;
-    }
-    const Message::Counts counts = Message::countsOf(header);
-    // The header survives the storage's growth (`header` may not).
-    uint8_t headerBytes[Message::kHeaderSize];
-    std::memcpy(headerBytes, header, sizeof(headerBytes));
     // A message without a payload takes the new one in place; one with a
     // payload keeps it until the new one has come whole.
     Message::Storage* const inPlace = message->headerOnlyStorage();
     Message::Storage separate;
     Message::Storage& storage = inPlace != nullptr ? *inPlace : separate;
-    result = receivePayload(storage, headerBytes, counts.data, counts.fds);
+    // Unbound, the record-by-record path gives -2 as the header's receive does.
+    SpillRegion* const spill =
+            mLargePayloadsLately == 0 && isBound() ? SpillRegion::forThisThread() : nullptr;
+    const int result = spill != nullptr ? receiveBoth(message, storage, *spill)
+                                        : receiveOneByOne(message, storage);
     if (result < 0) {
-        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-        IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
         return result;
     }
     if (inPlace == nullptr) {
         message->adoptStorage(std::move(separate));
     }
     return 0;
+}
+
+int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storage) {
+    const auto [header, headerSize] = message->header();
+    const int result = receiveDataAndFileDescriptors(nullptr, 0, header, headerSize);
+    if (result < 0) {
+        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        return result;
+    }
+    // The header survives the storage's growth (`header` may not).
+    uint8_t headerBytes[Message::kHeaderSize];
+    std::memcpy(headerBytes, header, sizeof(headerBytes));
+    return receivePayloadOf(storage, headerBytes);
+}
+
+int UnixDomainSocket::receivePayloadOf(Message::Storage& storage, const uint8_t* header) {
+    const Message::Counts counts = Message::countsOf(header);
+    noteReceivedPayload(counts);
+    const int result = receivePayload(storage, header, counts.data, counts.fds);
+    if (result < 0) {
+        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
+        IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    }
+    return result;
+}
+
+void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
+    const size_t bytes = size_t{counts.data} + sizeof(int) * counts.fds;
+    if (bytes > Message::kReservedStorage - Message::kHeaderSize) {
+        mLargePayloadsLately = kOneByOneAfterLarge;
+    } else if (mLargePayloadsLately > 0) {
+        --mLargePayloadsLately;
+    }
+}
+
+int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage,
+                                  SpillRegion& spill) {
+    const int socketFd = mSocketFd.get();
+    // The payload record goes behind the header in the storage, as much of it
+    // as fits there, the rest into the spill region: no record is ever cut.
+    const size_t sizeBefore = storage.size();
+    if (sizeBefore < Message::kReservedStorage) {
+        storage.resize(std::max(storage.capacity(), Message::kReservedStorage));
+    }
+    const size_t room = storage.size() - Message::kHeaderSize;
+    // Taken after the growth: the storage may be the message's own.
+    const auto [header, headerSize] = message->header();
+
+    // The header record's lines, as receiveDataAndFileDescriptors() logs them.
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    alignas(cmsghdr) unsigned char headerControl[CMSG_SPACE(0)] = {};
+    IPC_LOGD("[%s] hasAncillaryData(no) cmsg_space(%zu)", kReceiveRecord, sizeof(headerControl));
+    iovec headerVector{header, headerSize};
+    iovec payloadVectors[2] = {{storage.data() + Message::kHeaderSize, room},
+                               {spill.data(), SpillRegion::kSize}};
+    ControlBuffer payloadControl(kMaxRecordDescriptors);
+    mmsghdr records[2] = {};
+    records[0].msg_hdr.msg_iov = &headerVector;
+    records[0].msg_hdr.msg_iovlen = 1;
+    records[0].msg_hdr.msg_control = headerControl;
+    records[0].msg_hdr.msg_controllen = sizeof(headerControl);
+    records[1].msg_hdr.msg_iov = payloadVectors;
+    records[1].msg_hdr.msg_iovlen = 2;
+    records[1].msg_hdr.msg_control = payloadControl.data();
+    records[1].msg_hdr.msg_controllen = payloadControl.size();
+
+    int received;
+    do {
+        // Blocks for both records: the payload record's wait is bounded by
+        // the socket's receive time-out, and a blocking socket that ran out
+        // of it before any header came waits on, as for a header alone.
+        received = ::recvmmsg(socketFd, records, 2, 0, nullptr);
+    } while (received < 0 &&
+             (errno == EINTR ||
+              (errno == EAGAIN && mPayloadTimeout.count() != 0 && isBlocking(socketFd))));
+    if (received < 0) {
+        storage.resize(sizeBefore);
+        const int failure = receiveFailure();
+        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        return failure;
+    }
+    IPC_LOGW("no ancillary data, do not handle the cmsg part");
+    uint8_t headerBytes[Message::kHeaderSize];
+    std::memcpy(headerBytes, header, sizeof(headerBytes));
+    std::memcpy(storage.data(), headerBytes, sizeof(headerBytes));
+    if (received == 1) {
+        return receivePayloadAfterHeader(storage, headerBytes);
+    }
+    const Message::Counts counts = Message::countsOf(headerBytes);
+    noteReceivedPayload(counts);
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
+             counts.fds != 0 ? "yes" : "no",
+             static_cast<size_t>(CMSG_SPACE(
+                     sizeof(int) * std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
+    const int result = placePayload(storage, records[1].msg_hdr, records[1].msg_len, spill, counts);
+    if (result < 0) {
+        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
+        IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    }
+    return result;
+}
+
+int UnixDomainSocket::receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header) {
+    // recvmmsg took the header alone: the wait for the payload record ran
+    // out, a signal cut it short, or the socket does not block. A cut wait
+    // leaves its error in the socket for the next call (recvmmsg(2), BUGS);
+    // reading SO_ERROR takes it back out.
+    const int socketFd = mSocketFd.get();
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (::getsockopt(socketFd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        error = errno;
+    }
+    const bool cutBySignal = error == EINTR || error == kRestartedBySignal;
+    const bool ranOut = error == 0 && mPayloadTimeout.count() != 0 && isBlocking(socketFd);
+    if (!ranOut && (error == 0 || cutBySignal)) {
+        return receivePayloadOf(storage, header);  // waits on for what is left
+    }
+    noteReceivedPayload(Message::countsOf(header));
+    storage.resize(Message::kHeaderSize);  // in place: back to the header alone
+    int result;
+    if (ranOut) {
+        IPC_LOGE("the payload record did not follow its header within %lld ms",
+                 static_cast<long long>(mPayloadTimeout.count()));
+        errno = ETIMEDOUT;
+        result = kOutOfStep;
+    } else {
+        errno = error;
+        result = receiveFailure();
+    }
+    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    return result;
+}
+
+int UnixDomainSocket::placePayload(Message::Storage& storage, const msghdr& record,
+                                   size_t received, SpillRegion& spill,
+                                   const Message::Counts& counts) {
+    const size_t room = storage.size() - Message::kHeaderSize;
+    if (received < counts.data && counts.data > kMeasureAbove) {
+        IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced",
+                 static_cast<ssize_t>(received), counts.data);
+        closeAllReceived(record);
+        errno = EBADMSG;
+        return -EBADMSG;
+    }
+    const size_t kept = std::min<size_t>(received, counts.data);
+    try {
+        storage.resize(Message::kHeaderSize + counts.data + sizeof(int) * counts.fds);
+    } catch (const std::bad_alloc&) {
+        IPC_LOGE("no memory for a payload of %u bytes", counts.data);
+        closeAllReceived(record);
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
+    uint8_t* const data = storage.data() + Message::kHeaderSize;
+    if (received > room) {
+        if (kept > room) {
+            std::memcpy(data + room, spill.data(), kept - room);
+        }
+        spill.release(received - room);
+    }
+    // A shorter record (a peer gone between the two records reads as 0
+    // bytes) leaves the rest of the data as zeros; what a longer one brings
+    // past the announced size is dropped.
+    std::memset(data + kept, 0, counts.data - kept);
+    clearSlots(data + counts.data, counts.fds);
+    if (counts.fds == 0) {
+        closeAllReceived(record);  // none announced: none is taken
+        IPC_LOGW("no ancillary data, do not handle the cmsg part");
+        return 0;
+    }
+    return takeDescriptors(kReceiveRecord, record, data + counts.data, counts.fds);
 }
 
 int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* header,

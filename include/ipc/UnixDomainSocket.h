@@ -84,6 +84,8 @@
 
 namespace Kestrel::ipc {
 
+class SpillRegion;
+
 class IPC_EXPORT UnixDomainSocket {
   public:
     // Makes a connected AF_UNIX SOCK_SEQPACKET pair (blocking, without
@@ -178,16 +180,41 @@ class IPC_EXPORT UnixDomainSocket {
   private:
     static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
 
+    // recv(Message*) with one recvmmsg for both records (the payload record
+    // straight into `storage`, any part beyond its room into `spill`), or
+    // with a recvmsg for each, the second sized from the header.
+    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage,
+                                  SpillRegion& spill);
+    [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
+    // After recvmmsg brought the header alone: the payload record on its own,
+    // or the reason it did not come.
+    [[nodiscard]] int receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header);
+    // The payload record that recvmmsg brought (`received` bytes of it), put
+    // in its place in `storage` behind the header, with its descriptors.
+    [[nodiscard]] int placePayload(Message::Storage& storage, const ::msghdr& record,
+                                   size_t received, SpillRegion& spill,
+                                   const Message::Counts& counts);
+    // The payload record of the `header` already in `storage`, with its own
+    // recvmsg; logs the failure of the whole receive.
+    [[nodiscard]] int receivePayloadOf(Message::Storage& storage, const uint8_t* header);
     // The second half of recv(Message*): the payload record into `storage`,
     // which gets the `header` bytes in front.
     [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,
                                      uint32_t dataCount, uint16_t fdCount);
+    // Counts the received payloads that outgrow a new message's room: after
+    // one, the next few messages are read a record at a time, each into
+    // storage sized from its header.
+    void noteReceivedPayload(const Message::Counts& counts);
+    static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
+    // Messages still to be read a record at a time (kOneByOneAfterLarge after
+    // a large payload). Sits where the alignment of the next member left room.
+    uint8_t mLargePayloadsLately = 0;
     std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
 };
 
