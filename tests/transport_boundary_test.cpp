@@ -7,10 +7,13 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -273,6 +276,93 @@ TEST_F(TransportBoundaryTest, CredentialsInsteadOfDescriptors_AreRefusedAndNever
     }
     EXPECT_TRUE(isOpen(0));
     EXPECT_EQ(capture.count("unexpected control message level(1) type(2)"), 2u);
+}
+
+// The first records of a socket are taken two at a time into room prepared
+// before the header is read; a record longer than that room must still arrive
+// whole, and what the peer sends past the announced size must not shift the
+// next message.
+TEST_F(TransportBoundaryTest, PayloadRecordsOfAnyLength_ArriveWholeAndInStep) {
+    struct Sent {
+        uint32_t announced;
+        size_t sent;
+    };
+    // Small, then past a new message's room, then one far longer than
+    // announced, then small again for long enough to take two at a time.
+    std::vector<Sent> sequence = {{0, 0}, {64, 64}, {232, 232}, {233, 233}, {100000, 100000}};
+    sequence.push_back({10, 120000});
+    for (int i = 0; i < 10; ++i) {
+        sequence.push_back({48, 48});
+    }
+    sequence.push_back({90000, 90000});
+    sequence.push_back({5, 70000});
+    uint32_t id = 0;
+    for (const Sent& s : sequence) {
+        SCOPED_TRACE("message " + std::to_string(++id));
+        std::vector<uint8_t> bytes(s.sent);
+        for (size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<uint8_t>(i * 7 + id);
+        }
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), id, s.announced, 0));
+        ASSERT_EQ(writeRecord(peer.get(), bytes.data(), bytes.size(), {}),
+                  static_cast<ssize_t>(bytes.size()));
+        Message message;
+        ASSERT_EQ(receiver.recv(&message), 0);
+        EXPECT_EQ(message.id(), id);
+        bytes.resize(s.announced);
+        EXPECT_EQ(message.payload().data, bytes);
+    }
+}
+
+// Descriptors a record brings beyond what its header announced are closed,
+// also when the header announced none.
+TEST_F(TransportBoundaryTest, UnannouncedDescriptors_AreClosedWhateverTheRecordsLength) {
+    for (const size_t length : {size_t{3}, size_t{50000}}) {
+        const std::vector<uint8_t> bytes(length, 'u');
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, static_cast<uint32_t>(length), 0));
+        ASSERT_EQ(writeRecord(peer.get(), bytes.data(), length, copies(3)),
+                  static_cast<ssize_t>(length));
+        Message message;
+        EXPECT_EQ(receiver.recv(&message), 0);
+        EXPECT_EQ(message.fileDescriptorCount(), 0u);
+        EXPECT_EQ(message.payload().data, bytes);
+    }
+}  // the fixture's leak check: nothing of the six stayed open
+
+void ignoreSignal(int) {}
+
+// A signal that cuts the wait for the payload record short must neither lose
+// the record nor leave an error behind for the next receive.
+TEST_F(TransportBoundaryTest, SignalDuringThePayloadWait_LosesNeitherThisMessageNorTheNext) {
+    struct sigaction action {};
+    action.sa_handler = ignoreSignal;  // no SA_RESTART: the wait is cut short
+    struct sigaction previous {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    for (const auto timeout : {std::chrono::milliseconds(5000), std::chrono::milliseconds(0)}) {
+        SCOPED_TRACE("payload time-out " + std::to_string(timeout.count()) + " ms");
+        receiver.setPayloadTimeout(timeout);
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), 7, 3, 0));
+        std::promise<pthread_t> waiter;
+        auto result = startBlocked([&] {
+            waiter.set_value(pthread_self());
+            Message message;
+            const int received = receiver.recv(&message);
+            return received == 0 && message.id() == 7 && message.payload().data.size() == 3
+                           ? 0
+                           : received - 1000;
+        });
+        ASSERT_EQ(pthread_kill(waiter.get_future().get(), SIGUSR1), 0);
+        ASSERT_EQ(writeRecord(peer.get(), "abc", 3, {}), 3);
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_EQ(result.get(), 0);
+
+        ASSERT_TRUE(writeHeaderRecord(peer.get(), 8, 2, 0));
+        ASSERT_EQ(writeRecord(peer.get(), "de", 2, {}), 2);
+        Message next;
+        EXPECT_EQ(receiver.recv(&next), 0);
+        EXPECT_EQ(next.id(), 8u);
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
 }
 
 }  // namespace
