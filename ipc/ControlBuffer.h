@@ -1,5 +1,7 @@
 // ControlBuffer: room on the stack for the control data of one record, an
-// SCM_RIGHTS message of up to kMaxRecordDescriptors descriptors, zero-filled.
+// SCM_RIGHTS message of up to kMaxRecordDescriptors descriptors, zero-filled
+// unless it is only for the kernel to fill (a receive reads no control byte
+// past the length the kernel returns).
 // The kernel passes no more in one record, so no record needs more room and
 // no peer's count can make it larger.
 //
@@ -19,10 +21,14 @@ constexpr size_t kMaxRecordDescriptors = 253;
 
 class ControlBuffer {
   public:
+    enum class Fill { kZeroed, kLeftToTheKernel };
+
     // Room for `fdCount` descriptors, or for kMaxRecordDescriptors when more.
-    explicit ControlBuffer(size_t fdCount)
+    explicit ControlBuffer(size_t fdCount, Fill fill = Fill::kZeroed)
         : mSize(CMSG_SPACE(sizeof(int) * std::min(fdCount, kMaxRecordDescriptors))) {
-        std::memset(mData, 0, mSize);
+        if (fill == Fill::kZeroed) {
+            std::memset(mData, 0, mSize);
+        }
     }
     ControlBuffer(const ControlBuffer&) = delete;
     ControlBuffer& operator=(const ControlBuffer&) = delete;

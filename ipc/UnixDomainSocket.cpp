@@ -33,8 +33,8 @@ using received_control::takeDescriptors;
 namespace {
 constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
-constexpr int kNotBound = -ENOENT;              // -2
-constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
+constexpr int kNotBound = -ENOENT;         // -2
+constexpr int kOutOfStep = -ECONNABORTED;  // -103: a header went without its payload
 // What a recvmmsg cut short by a signal, with no receive time-out set, leaves
 // in the socket for the next call (the kernel's ERESTARTSYS).
 constexpr int kRestartedBySignal = 512;
@@ -235,7 +235,7 @@ int UnixDomainSocket::recv(Message* message) {
     // Unbound, the record-by-record path gives -2 as the header's receive does.
     SpillRegion* const spill =
             mLargePayloadsLately == 0 && isBound() ? SpillRegion::forThisThread() : nullptr;
-    const int result = spill != nullptr ? receiveBoth(message, storage, *spill)
+    const int result = spill != nullptr ? receiveBoth(message, storage, inPlace != nullptr, *spill)
                                         : receiveOneByOne(message, storage);
     if (result < 0) {
         return result;
@@ -279,7 +279,7 @@ void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
     }
 }
 
-int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage,
+int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
                                   SpillRegion& spill) {
     const int socketFd = mSocketFd.get();
     // The payload record goes behind the header in the storage, as much of it
@@ -289,17 +289,18 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage,
         storage.resize(std::max(storage.capacity(), Message::kReservedStorage));
     }
     const size_t room = storage.size() - Message::kHeaderSize;
-    // Taken after the growth: the storage may be the message's own.
-    const auto [header, headerSize] = message->header();
+    // Taken after the growth: the storage may be the message's own, which
+    // this call has to itself.
+    uint8_t* const header = inPlace ? storage.data() : message->header().first;
 
     // The header record's lines, as receiveDataAndFileDescriptors() logs them.
     IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
     alignas(cmsghdr) unsigned char headerControl[CMSG_SPACE(0)] = {};
     IPC_LOGD("[%s] hasAncillaryData(no) cmsg_space(%zu)", kReceiveRecord, sizeof(headerControl));
-    iovec headerVector{header, headerSize};
+    iovec headerVector{header, Message::kHeaderSize};
     iovec payloadVectors[2] = {{storage.data() + Message::kHeaderSize, room},
                                {spill.data(), SpillRegion::kSize}};
-    ControlBuffer payloadControl(kMaxRecordDescriptors);
+    ControlBuffer payloadControl(kMaxRecordDescriptors, ControlBuffer::Fill::kLeftToTheKernel);
     mmsghdr records[2] = {};
     records[0].msg_hdr.msg_iov = &headerVector;
     records[0].msg_hdr.msg_iovlen = 1;
@@ -316,9 +317,8 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage,
         // the socket's receive time-out, and a blocking socket that ran out
         // of it before any header came waits on, as for a header alone.
         received = ::recvmmsg(socketFd, records, 2, 0, nullptr);
-    } while (received < 0 &&
-             (errno == EINTR ||
-              (errno == EAGAIN && mPayloadTimeout.count() != 0 && isBlocking(socketFd))));
+    } while (received < 0 && (errno == EINTR || (errno == EAGAIN && mPayloadTimeout.count() != 0 &&
+                                                 isBlocking(socketFd))));
     if (received < 0) {
         storage.resize(sizeBefore);
         const int failure = receiveFailure();
@@ -337,8 +337,8 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage,
     IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
     IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
              counts.fds != 0 ? "yes" : "no",
-             static_cast<size_t>(CMSG_SPACE(
-                     sizeof(int) * std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
+             static_cast<size_t>(CMSG_SPACE(sizeof(int) *
+                                            std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
     const int result = placePayload(storage, records[1].msg_hdr, records[1].msg_len, spill, counts);
     if (result < 0) {
         storage.resize(Message::kHeaderSize);  // in place: back to the header alone
@@ -379,9 +379,8 @@ int UnixDomainSocket::receivePayloadAfterHeader(Message::Storage& storage, const
     return result;
 }
 
-int UnixDomainSocket::placePayload(Message::Storage& storage, const msghdr& record,
-                                   size_t received, SpillRegion& spill,
-                                   const Message::Counts& counts) {
+int UnixDomainSocket::placePayload(Message::Storage& storage, const msghdr& record, size_t received,
+                                   SpillRegion& spill, const Message::Counts& counts) {
     const size_t room = storage.size() - Message::kHeaderSize;
     if (received < counts.data && counts.data > kMeasureAbove) {
         IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced",

@@ -13,8 +13,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstring>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <memory>

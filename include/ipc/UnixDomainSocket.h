@@ -181,9 +181,10 @@ class IPC_EXPORT UnixDomainSocket {
     static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
 
     // recv(Message*) with one recvmmsg for both records (the payload record
-    // straight into `storage`, any part beyond its room into `spill`), or
-    // with a recvmsg for each, the second sized from the header.
-    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage,
+    // straight into `storage`, any part beyond its room into `spill`;
+    // `inPlace` when `storage` is the message's own), or with a recvmsg for
+    // each, the second sized from the header.
+    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
                                   SpillRegion& spill);
     [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
     // After recvmmsg brought the header alone: the payload record on its own,
