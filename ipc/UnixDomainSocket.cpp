@@ -33,11 +33,8 @@ using received_control::takeDescriptors;
 namespace {
 constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
-constexpr int kNotBound = -ENOENT;         // -2
-constexpr int kOutOfStep = -ECONNABORTED;  // -103: a header went without its payload
-// What a recvmmsg cut short by a signal, with no receive time-out set, leaves
-// in the socket for the next call (the kernel's ERESTARTSYS).
-constexpr int kRestartedBySignal = 512;
+constexpr int kNotBound = -ENOENT;              // -2
+constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
 // AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
 constexpr size_t kRecordOverhead = 32;
@@ -232,9 +229,14 @@ int UnixDomainSocket::recv(Message* message) {
     Message::Storage* const inPlace = message->headerOnlyStorage();
     Message::Storage separate;
     Message::Storage& storage = inPlace != nullptr ? *inPlace : separate;
+    // Both records in one call only while the payload wait is bounded: a
+    // recvmmsg cut short with no time-out set leaves the kernel's ERESTARTSYS
+    // (512) in the socket, which a send on another thread would be handed.
     // Unbound, the record-by-record path gives -2 as the header's receive does.
     SpillRegion* const spill =
-            mLargePayloadsLately == 0 && isBound() ? SpillRegion::forThisThread() : nullptr;
+            mLargePayloadsLately == 0 && mPayloadTimeout.count() != 0 && isBound()
+                    ? SpillRegion::forThisThread()
+                    : nullptr;
     const int result = spill != nullptr ? receiveBoth(message, storage, inPlace != nullptr, *spill)
                                         : receiveOneByOne(message, storage);
     if (result < 0) {
@@ -348,35 +350,26 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
 }
 
 int UnixDomainSocket::receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header) {
-    // recvmmsg took the header alone: the wait for the payload record ran
-    // out, a signal cut it short, or the socket does not block. A cut wait
-    // leaves its error in the socket for the next call (recvmmsg(2), BUGS);
-    // reading SO_ERROR takes it back out.
-    const int socketFd = mSocketFd.get();
+    // recvmmsg took the header alone: the wait for the payload record ran out
+    // or a signal cut it short. A cut wait leaves EINTR in the socket for its
+    // next call (recvmmsg(2), BUGS), where a poll would see POLLERR; reading
+    // SO_ERROR takes it out. A send on another thread may have taken it
+    // first, so a wait that ran out cannot be told from a cut one: both wait
+    // on for the record, up to the payload time-out once more.
     int error = 0;
     socklen_t length = sizeof(error);
-    if (::getsockopt(socketFd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+    if (::getsockopt(mSocketFd.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
         error = errno;
     }
-    const bool cutBySignal = error == EINTR || error == kRestartedBySignal;
-    const bool ranOut = error == 0 && mPayloadTimeout.count() != 0 && isBlocking(socketFd);
-    if (!ranOut && (error == 0 || cutBySignal)) {
-        return receivePayloadOf(storage, header);  // waits on for what is left
+    if (error == 0 || error == EINTR) {
+        return receivePayloadOf(storage, header);
     }
     noteReceivedPayload(Message::countsOf(header));
     storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-    int result;
-    if (ranOut) {
-        IPC_LOGE("the payload record did not follow its header within %lld ms",
-                 static_cast<long long>(mPayloadTimeout.count()));
-        errno = ETIMEDOUT;
-        result = kOutOfStep;
-    } else {
-        errno = error;
-        result = receiveFailure();
-    }
+    errno = error;
+    const int failure = receiveFailure();
     IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
-    return result;
+    return failure;
 }
 
 int UnixDomainSocket::placePayload(Message::Storage& storage, const msghdr& record, size_t received,

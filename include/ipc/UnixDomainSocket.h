@@ -188,7 +188,7 @@ class IPC_EXPORT UnixDomainSocket {
                                   SpillRegion& spill);
     [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
     // After recvmmsg brought the header alone: the payload record on its own,
-    // or the reason it did not come.
+    // or the socket's error that cut the wait short.
     [[nodiscard]] int receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header);
     // The payload record that recvmmsg brought (`received` bytes of it), put
     // in its place in `storage` behind the header, with its descriptors.
