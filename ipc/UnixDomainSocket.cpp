@@ -15,6 +15,7 @@
 #include "ControlBuffer.h"
 #include "OutgoingRecord.h"
 #include "ReceivedControl.h"
+#include "RecordPair.h"
 #include "SpillRegion.h"
 #include "TransportLogSite.h"
 
@@ -258,17 +259,72 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
     // The header survives the storage's growth (`header` may not).
     uint8_t headerBytes[Message::kHeaderSize];
     std::memcpy(headerBytes, header, sizeof(headerBytes));
-    return receivePayloadOf(storage, headerBytes);
+    const Message::Counts counts = Message::countsOf(headerBytes);
+    noteReceivedPayload(counts);
+    return receivePayloadAlone(storage, headerBytes, counts);
 }
 
-int UnixDomainSocket::receivePayloadOf(Message::Storage& storage, const uint8_t* header) {
-    const Message::Counts counts = Message::countsOf(header);
-    noteReceivedPayload(counts);
-    const int result = receivePayload(storage, header, counts.data, counts.fds);
-    if (result < 0) {
-        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-        IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
+                                  SpillRegion& spill) {
+    const int socketFd = mSocketFd.get();
+    // The payload record goes behind the header, into the room the storage
+    // has (a new message's reserved bytes), and what does not fit there
+    // into the spill region.
+    const size_t sizeBefore = storage.size();
+    storage.resize(std::max(storage.capacity(), Message::kReservedStorage));
+    // Taken after the growth: the storage may be the message's own, which
+    // this call has to itself.
+    uint8_t* const header = inPlace ? storage.data() : message->header().first;
+    // The header record's lines, as receiveDataAndFileDescriptors() logs them.
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    IPC_LOGD("[%s] hasAncillaryData(no) cmsg_space(%zu)", kReceiveRecord,
+             static_cast<size_t>(CMSG_SPACE(0)));
+    RecordPair records(header, storage.data() + Message::kHeaderSize,
+                       storage.size() - Message::kHeaderSize, spill);
+    int received;
+    do {
+        received = records.receive(socketFd);
+        // A blocking socket that ran out of its receive time-out before any
+        // header came waits on, as for a header alone.
+    } while (received < 0 && errno == EAGAIN && isBlocking(socketFd));
+    if (received < 0) {
+        storage.resize(sizeBefore);
+        const int failure = receiveFailure();
+        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        return failure;
     }
+    IPC_LOGW("no ancillary data, do not handle the cmsg part");
+    uint8_t headerBytes[Message::kHeaderSize];
+    std::memcpy(headerBytes, header, sizeof(headerBytes));
+    std::memcpy(storage.data(), headerBytes, sizeof(headerBytes));
+    const Message::Counts counts = Message::countsOf(headerBytes);
+    noteReceivedPayload(counts);
+    if (received == 1) {
+        // The header alone: the wait for the payload record ran out or a
+        // signal cut it short (which leaves EINTR in the socket for its next
+        // call, recvmmsg(2), BUGS: that call takes it and goes on). Either
+        // way the record gets a call of its own, and up to the payload
+        // time-out once more.
+        return receivePayloadAlone(storage, headerBytes, counts);
+    }
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
+             counts.fds != 0 ? "yes" : "no",
+             static_cast<size_t>(CMSG_SPACE(sizeof(int) *
+                                            std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
+    const int result = placePayload(storage, records, counts);
+    return result < 0 ? payloadFailed(storage, result) : 0;
+}
+
+int UnixDomainSocket::receivePayloadAlone(Message::Storage& storage, const uint8_t* header,
+                                          const Message::Counts& counts) {
+    const int result = receivePayload(storage, header, counts.data, counts.fds);
+    return result < 0 ? payloadFailed(storage, result) : 0;
+}
+
+int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
+    storage.resize(Message::kHeaderSize);  // in place: back to the header alone
+    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
     return result;
 }
 
@@ -281,134 +337,38 @@ void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
     }
 }
 
-int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
-                                  SpillRegion& spill) {
-    const int socketFd = mSocketFd.get();
-    // The payload record goes behind the header in the storage, as much of it
-    // as fits there, the rest into the spill region: no record is ever cut.
-    const size_t sizeBefore = storage.size();
-    if (sizeBefore < Message::kReservedStorage) {
-        storage.resize(std::max(storage.capacity(), Message::kReservedStorage));
-    }
-    const size_t room = storage.size() - Message::kHeaderSize;
-    // Taken after the growth: the storage may be the message's own, which
-    // this call has to itself.
-    uint8_t* const header = inPlace ? storage.data() : message->header().first;
-
-    // The header record's lines, as receiveDataAndFileDescriptors() logs them.
-    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
-    alignas(cmsghdr) unsigned char headerControl[CMSG_SPACE(0)] = {};
-    IPC_LOGD("[%s] hasAncillaryData(no) cmsg_space(%zu)", kReceiveRecord, sizeof(headerControl));
-    iovec headerVector{header, Message::kHeaderSize};
-    iovec payloadVectors[2] = {{storage.data() + Message::kHeaderSize, room},
-                               {spill.data(), SpillRegion::kSize}};
-    ControlBuffer payloadControl(kMaxRecordDescriptors, ControlBuffer::Fill::kLeftToTheKernel);
-    mmsghdr records[2] = {};
-    records[0].msg_hdr.msg_iov = &headerVector;
-    records[0].msg_hdr.msg_iovlen = 1;
-    records[0].msg_hdr.msg_control = headerControl;
-    records[0].msg_hdr.msg_controllen = sizeof(headerControl);
-    records[1].msg_hdr.msg_iov = payloadVectors;
-    records[1].msg_hdr.msg_iovlen = 2;
-    records[1].msg_hdr.msg_control = payloadControl.data();
-    records[1].msg_hdr.msg_controllen = payloadControl.size();
-
-    int received;
-    do {
-        // Blocks for both records: the payload record's wait is bounded by
-        // the socket's receive time-out, and a blocking socket that ran out
-        // of it before any header came waits on, as for a header alone.
-        received = ::recvmmsg(socketFd, records, 2, 0, nullptr);
-    } while (received < 0 && (errno == EINTR || (errno == EAGAIN && mPayloadTimeout.count() != 0 &&
-                                                 isBlocking(socketFd))));
-    if (received < 0) {
-        storage.resize(sizeBefore);
-        const int failure = receiveFailure();
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
-        return failure;
-    }
-    IPC_LOGW("no ancillary data, do not handle the cmsg part");
-    uint8_t headerBytes[Message::kHeaderSize];
-    std::memcpy(headerBytes, header, sizeof(headerBytes));
-    std::memcpy(storage.data(), headerBytes, sizeof(headerBytes));
-    if (received == 1) {
-        return receivePayloadAfterHeader(storage, headerBytes);
-    }
-    const Message::Counts counts = Message::countsOf(headerBytes);
-    noteReceivedPayload(counts);
-    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
-    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
-             counts.fds != 0 ? "yes" : "no",
-             static_cast<size_t>(CMSG_SPACE(sizeof(int) *
-                                            std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
-    const int result = placePayload(storage, records[1].msg_hdr, records[1].msg_len, spill, counts);
-    if (result < 0) {
-        storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-        IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
-    }
-    return result;
-}
-
-int UnixDomainSocket::receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header) {
-    // recvmmsg took the header alone: the wait for the payload record ran out
-    // or a signal cut it short. A cut wait leaves EINTR in the socket for its
-    // next call (recvmmsg(2), BUGS), where a poll would see POLLERR; reading
-    // SO_ERROR takes it out. A send on another thread may have taken it
-    // first, so a wait that ran out cannot be told from a cut one: both wait
-    // on for the record, up to the payload time-out once more.
-    int error = 0;
-    socklen_t length = sizeof(error);
-    if (::getsockopt(mSocketFd.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
-        error = errno;
-    }
-    if (error == 0 || error == EINTR) {
-        return receivePayloadOf(storage, header);
-    }
-    noteReceivedPayload(Message::countsOf(header));
-    storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-    errno = error;
-    const int failure = receiveFailure();
-    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
-    return failure;
-}
-
-int UnixDomainSocket::placePayload(Message::Storage& storage, const msghdr& record, size_t received,
-                                   SpillRegion& spill, const Message::Counts& counts) {
-    const size_t room = storage.size() - Message::kHeaderSize;
+int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& records,
+                                   const Message::Counts& counts) {
+    const size_t received = records.payloadLength();
     if (received < counts.data && counts.data > kMeasureAbove) {
         IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced",
                  static_cast<ssize_t>(received), counts.data);
-        closeAllReceived(record);
+        closeAllReceived(records.payloadRecord());
         errno = EBADMSG;
         return -EBADMSG;
     }
-    const size_t kept = std::min<size_t>(received, counts.data);
     try {
         storage.resize(Message::kHeaderSize + counts.data + sizeof(int) * counts.fds);
     } catch (const std::bad_alloc&) {
         IPC_LOGE("no memory for a payload of %u bytes", counts.data);
-        closeAllReceived(record);
+        closeAllReceived(records.payloadRecord());
         errno = ENOMEM;
         return -ENOMEM;
     }
     uint8_t* const data = storage.data() + Message::kHeaderSize;
-    if (received > room) {
-        if (kept > room) {
-            std::memcpy(data + room, spill.data(), kept - room);
-        }
-        spill.release(received - room);
-    }
+    const size_t kept = std::min<size_t>(received, counts.data);
+    records.gatherInto(data, kept);
     // A shorter record (a peer gone between the two records reads as 0
     // bytes) leaves the rest of the data as zeros; what a longer one brings
     // past the announced size is dropped.
     std::memset(data + kept, 0, counts.data - kept);
     clearSlots(data + counts.data, counts.fds);
     if (counts.fds == 0) {
-        closeAllReceived(record);  // none announced: none is taken
+        closeAllReceived(records.payloadRecord());  // none announced: none is taken
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
         return 0;
     }
-    return takeDescriptors(kReceiveRecord, record, data + counts.data, counts.fds);
+    return takeDescriptors(kReceiveRecord, records.payloadRecord(), data + counts.data, counts.fds);
 }
 
 int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* header,

@@ -7,14 +7,15 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -329,29 +330,49 @@ TEST_F(TransportBoundaryTest, UnannouncedDescriptors_AreClosedWhateverTheRecords
     }
 }  // the fixture's leak check: nothing of the six stayed open
 
-void ignoreSignal(int) {}
+std::atomic<int> gSignalsHandled{0};
+
+// True once thread `tid` sleeps in a receive call (recvmsg or recvmmsg). Under
+// qemu-user /proc shows the host's calls, so any sleep has to do there.
+bool receiving(pid_t tid) {
+    if (underEmulation()) {
+        return waitUntilAsleep(tid, std::chrono::milliseconds(1));
+    }
+    long number = -1;  // "running" reads as no number
+    std::ifstream("/proc/self/task/" + std::to_string(tid) + "/syscall") >> number;
+    return number == SYS_recvmmsg || number == SYS_recvmsg;
+}
 
 // A signal that cuts the wait for the payload record short must neither lose
-// the record nor leave an error behind for the next receive.
+// the record nor leave an error behind for this receive or the next.
 TEST_F(TransportBoundaryTest, SignalDuringThePayloadWait_LosesNeitherThisMessageNorTheNext) {
     struct sigaction action {};
-    action.sa_handler = ignoreSignal;  // no SA_RESTART: the wait is cut short
+    action.sa_handler = [](int) { gSignalsHandled.fetch_add(1); };  // no SA_RESTART
     struct sigaction previous {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
     for (const auto timeout : {std::chrono::milliseconds(5000), std::chrono::milliseconds(0)}) {
         SCOPED_TRACE("payload time-out " + std::to_string(timeout.count()) + " ms");
         receiver.setPayloadTimeout(timeout);
         ASSERT_TRUE(writeHeaderRecord(peer.get(), 7, 3, 0));
-        std::promise<pthread_t> waiter;
-        auto result = startBlocked([&] {
-            waiter.set_value(pthread_self());
+        std::promise<pid_t> waiter;
+        auto result = std::async(std::launch::async, [&] {
+            waiter.set_value(static_cast<pid_t>(syscall(SYS_gettid)));
             Message message;
             const int received = receiver.recv(&message);
             return received == 0 && message.id() == 7 && message.payload().data.size() == 3
                            ? 0
                            : received - 1000;
         });
-        ASSERT_EQ(pthread_kill(waiter.get_future().get(), SIGUSR1), 0);
+        const pid_t tid = waiter.get_future().get();
+        ASSERT_TRUE(waitUntil([&] { return receiving(tid); }));
+        const int handled = gSignalsHandled.load();
+        ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid, SIGUSR1), 0);
+        // Handled, and then either waiting for the record again or done.
+        ASSERT_TRUE(waitUntil([&] {
+            return gSignalsHandled.load() > handled &&
+                   (receiving(tid) ||
+                    result.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
+        }));
         ASSERT_EQ(writeRecord(peer.get(), "abc", 3, {}), 3);
         ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
         EXPECT_EQ(result.get(), 0);

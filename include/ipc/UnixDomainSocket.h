@@ -84,6 +84,7 @@
 
 namespace Kestrel::ipc {
 
+class RecordPair;
 class SpillRegion;
 
 class IPC_EXPORT UnixDomainSocket {
@@ -187,17 +188,16 @@ class IPC_EXPORT UnixDomainSocket {
     [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
                                   SpillRegion& spill);
     [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
-    // After recvmmsg brought the header alone: the payload record on its own,
-    // or the socket's error that cut the wait short.
-    [[nodiscard]] int receivePayloadAfterHeader(Message::Storage& storage, const uint8_t* header);
-    // The payload record that recvmmsg brought (`received` bytes of it), put
-    // in its place in `storage` behind the header, with its descriptors.
-    [[nodiscard]] int placePayload(Message::Storage& storage, const ::msghdr& record,
-                                   size_t received, SpillRegion& spill,
+    // The payload record that recvmmsg brought, put in its place in `storage`
+    // behind the header, with its descriptors.
+    [[nodiscard]] int placePayload(Message::Storage& storage, RecordPair& records,
                                    const Message::Counts& counts);
-    // The payload record of the `header` already in `storage`, with its own
-    // recvmsg; logs the failure of the whole receive.
-    [[nodiscard]] int receivePayloadOf(Message::Storage& storage, const uint8_t* header);
+    // The payload record of the `header` with a recvmsg of its own.
+    [[nodiscard]] int receivePayloadAlone(Message::Storage& storage, const uint8_t* header,
+                                          const Message::Counts& counts);
+    // A payload that failed with `result`: a message receiving in place is
+    // cut back to its new header, and the receive's failure is logged.
+    static int payloadFailed(Message::Storage& storage, int result);
     // The second half of recv(Message*): the payload record into `storage`,
     // which gets the `header` bytes in front.
     [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,

@@ -1,0 +1,55 @@
+// RecordPair: both records of a message taken with one recvmmsg(2): the
+// header record into its 24 bytes, the payload record into the room its
+// receiver prepared and, past that room, into the thread's SpillRegion, so
+// that no payload record is ever cut short, however long its sender made it.
+//
+// The control data of the payload record has room for every descriptor one
+// record can bring; the header record's has none (the kernel closes any that
+// came with it).
+//
+// Library-internal (UnixDomainSocket). Thread: the receiving thread; the
+// object lives on its stack for one receive. Failure: receive() gives -1
+// with errno set, as recvmmsg does.
+#pragma once
+
+#include <ipc/Message.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "ControlBuffer.h"
+#include "SpillRegion.h"
+
+namespace Kestrel::ipc {
+
+class RecordPair {
+  public:
+    RecordPair(uint8_t* header, uint8_t* room, size_t roomBytes, SpillRegion& spill);
+    RecordPair(const RecordPair&) = delete;
+    RecordPair& operator=(const RecordPair&) = delete;
+
+    // One recvmmsg for both records, waiting for each as the socket waits
+    // (its receive time-out bounds each wait). The records taken, 1 or 2: 1
+    // when the wait for the payload record ran out or was cut short.
+    int receive(int socketFd);
+
+    const msghdr& payloadRecord() const { return mRecords[1].msg_hdr; }
+    size_t payloadLength() const { return mRecords[1].msg_len; }
+
+    // Moves the first `kept` bytes of the payload record to `data` (the room,
+    // possibly moved since), taking what spilled past the room from the
+    // spill region, whose pages it then gives back.
+    void gatherInto(uint8_t* data, size_t kept);
+
+  private:
+    size_t mRoomBytes;
+    SpillRegion& mSpill;
+    iovec mHeaderVector;
+    iovec mPayloadVectors[2];
+    alignas(cmsghdr) unsigned char mHeaderControl[CMSG_SPACE(0)];
+    ControlBuffer mPayloadControl;
+    mmsghdr mRecords[2];
+};
+
+}  // namespace Kestrel::ipc
