@@ -11,6 +11,19 @@
 // message's storage; recv(Message*) reads record 1 into the message's header
 // and record 2 straight into the storage the message then takes over.
 //
+// recv(Message*) takes both records with one recvmmsg(2) while the payload
+// wait is bounded and the socket's recent payloads fit a new message's room
+// (232 bytes, descriptors included). The payload record goes into that room
+// and, past it, into address space the receiving thread reserves once:
+// 2 GiB, longer than any record the kernel moves, so no record is ever cut
+// short, however large its sender made its buffers. What spilled is copied
+// into the message, and the reservation keeps at most 64 KiB of memory after
+// use. After a larger payload the next 8 messages are read a record at a
+// time, the second into storage sized from the header, as every message is
+// where the reservation cannot be made (an address-space limit, a 32-bit
+// process). So each thread that receives messages shows 2 GiB more virtual
+// size (VmSize), not resident.
+//
 // Ownership: the object owns its socket descriptor (closed on destruction).
 // Descriptors sent stay owned by the sender; descriptors received are new
 // numbers owned by the caller, or closed here when the record is refused.
@@ -38,13 +51,15 @@
 //
 // Sizes the peer decides are not trusted with memory. recv(Message*) takes
 // what the payload record really holds into account before it allocates:
-// above 1 MiB announced, it measures the record first (MSG_PEEK|MSG_TRUNC).
+// its length is known once both records came in one call; read a record at
+// a time, above 1 MiB announced, the record is measured first
+// (MSG_PEEK|MSG_TRUNC).
 //   - A record shorter than announced: up to 1 MiB announced, the missing
 //     data reads as zeros and the result is 0 (a peer gone
 //     between the two records reads as an empty record); above, the record
 //     is consumed, its descriptors closed, and the result is -74 EBADMSG.
 //   - A record longer than announced is cut to the announced size; the rest
-//     is discarded by the kernel.
+//     is dropped.
 //   - Descriptors: at most 253 can arrive in one record, so that is all the
 //     control buffer holds; a header announcing more gets the ones that
 //     came and -1 in the other slots (4 bytes each in the message).
@@ -53,13 +68,16 @@
 // In each failure the message keeps the new header and its old payload.
 //
 // A peer that stalls between its two records: the receive of the payload
-// waits at most the payload time-out (1 s unless set), then returns -103
-// ECONNABORTED: the header is consumed, the connection is out of step and
-// must be closed. A peer that closes meanwhile ends the wait at once. The
-// bound is the socket's receive time-out (SO_RCVTIMEO, set by bind() and
-// setPayloadTimeout()), so that the blocking recvmsg carries it at no extra
-// call; every other receive here waits on past it, but whoever reads the
-// descriptor directly sees it.
+// waits at most the payload time-out (1 s unless set; twice that when both
+// records were asked for in one call, whose wait for the payload record is
+// followed by one of its own), then returns -103 ECONNABORTED: the header is
+// consumed, the connection is out of step and must be closed. A peer that
+// closes meanwhile ends the wait at once. The bound is the socket's receive
+// time-out (SO_RCVTIMEO, set by bind() and setPayloadTimeout()), so that the
+// blocking receive carries it at no extra call; every other receive here
+// waits on past it, but whoever reads the descriptor directly sees it. A
+// signal that cuts the wait for a payload record short loses nothing: the
+// wait goes on.
 //
 // Compatibility: kept as existing peers and log readers rely on it. End of
 // stream is not detected, a payload record shorter than announced (up to
@@ -109,8 +127,9 @@ class IPC_EXPORT UnixDomainSocket {
     // How long a message's payload record may keep its receiver waiting once
     // the header has arrived; also how long a send whose payload record could
     // not follow its header at once (a non-blocking socket with a full
-    // buffer) retries it. 0 waits without limit. Set before the socket is in
-    // use, or from the thread that receives on it.
+    // buffer) retries it. 0 waits without limit, and recv(Message*) then
+    // reads a message a record at a time. Set before the socket is in use, or
+    // from the thread that receives on it.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
 
     // Sends `message` as its two records; `message` keeps its descriptors.
