@@ -267,11 +267,16 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
 int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
                                   SpillRegion& spill) {
     const int socketFd = mSocketFd.get();
-    // The payload record goes behind the header, into the room the storage
-    // has (a new message's reserved bytes), and what does not fit there
-    // into the spill region.
+    // The payload record goes behind the header, into room for one as large
+    // as the last (at least a new message's reserved bytes), and what does
+    // not fit there into the spill region.
     const size_t sizeBefore = storage.size();
-    storage.resize(std::max(storage.capacity(), Message::kReservedStorage));
+    try {
+        storage.resize(std::max({storage.capacity(), Message::kReservedStorage,
+                                 Message::kHeaderSize + mLastPayloadBytes}));
+    } catch (const std::bad_alloc&) {
+        return receiveOneByOne(message, storage);
+    }
     // Taken after the growth: the storage may be the message's own, which
     // this call has to itself.
     uint8_t* const header = inPlace ? storage.data() : message->header().first;
@@ -330,9 +335,12 @@ int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
 
 void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
     const size_t bytes = size_t{counts.data} + sizeof(int) * counts.fds;
-    if (bytes > Message::kReservedStorage - Message::kHeaderSize) {
+    if (bytes >= kOneCallLargest) {
         mLargePayloadsLately = kOneByOneAfterLarge;
-    } else if (mLargePayloadsLately > 0) {
+        return;
+    }
+    mLastPayloadBytes = static_cast<uint16_t>(bytes);
+    if (mLargePayloadsLately > 0) {
         --mLargePayloadsLately;
     }
 }
@@ -354,6 +362,11 @@ int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& record
         closeAllReceived(records.payloadRecord());
         errno = ENOMEM;
         return -ENOMEM;
+    }
+    // Room sized for a larger payload than came is given back, so that a
+    // queued message holds little more than it carries.
+    if (storage.capacity() > std::max(Message::kReservedStorage, 2 * storage.size())) {
+        storage.shrink_to_fit();
     }
     uint8_t* const data = storage.data() + Message::kHeaderSize;
     const size_t kept = std::min<size_t>(received, counts.data);

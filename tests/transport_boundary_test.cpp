@@ -295,6 +295,8 @@ TEST_F(TransportBoundaryTest, PayloadRecordsOfAnyLength_ArriveWholeAndInStep) {
     for (int i = 0; i < 10; ++i) {
         sequence.push_back({48, 48});
     }
+    // Mid-sized ones get room the size of the last.
+    sequence.insert(sequence.end(), {{3000, 3000}, {3000, 3000}, {100, 100}, {5000, 5000}});
     sequence.push_back({90000, 90000});
     sequence.push_back({5, 70000});
     uint32_t id = 0;

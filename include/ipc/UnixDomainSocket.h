@@ -221,10 +221,12 @@ class IPC_EXPORT UnixDomainSocket {
     // which gets the `header` bytes in front.
     [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,
                                      uint32_t dataCount, uint16_t fdCount);
-    // Counts the received payloads that outgrow a new message's room: after
-    // one, the next few messages are read a record at a time, each into
-    // storage sized from its header.
+    // Remembers how large the payloads on this socket run: the room for the
+    // next one in a single call is the last one's size. After a payload of
+    // kOneCallLargest bytes or more, the next kOneByOneAfterLarge messages are
+    // read a record at a time, each into storage sized from its header.
     void noteReceivedPayload(const Message::Counts& counts);
+    static constexpr size_t kOneCallLargest = 0xffff;
     static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
@@ -232,9 +234,11 @@ class IPC_EXPORT UnixDomainSocket {
     void applyPayloadTimeout();
 
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
-    // Messages still to be read a record at a time (kOneByOneAfterLarge after
-    // a large payload). Sits where the alignment of the next member left room.
+    // Both sit where the alignment of the next member left room: messages
+    // still to be read a record at a time, and the last payload's bytes
+    // (data and descriptors) when it was below kOneCallLargest.
     uint8_t mLargePayloadsLately = 0;
+    uint16_t mLastPayloadBytes = 0;
     std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
 };
 
