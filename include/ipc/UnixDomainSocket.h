@@ -12,17 +12,18 @@
 // and record 2 straight into the storage the message then takes over.
 //
 // recv(Message*) takes both records with one recvmmsg(2) while the payload
-// wait is bounded and the socket's recent payloads fit a new message's room
-// (232 bytes, descriptors included). The payload record goes into that room
-// and, past it, into address space the receiving thread reserves once:
-// 2 GiB, longer than any record the kernel moves, so no record is ever cut
-// short, however large its sender made its buffers. What spilled is copied
-// into the message, and the reservation keeps at most 64 KiB of memory after
-// use. After a larger payload the next 8 messages are read a record at a
-// time, the second into storage sized from the header, as every message is
-// where the reservation cannot be made (an address-space limit, a 32-bit
-// process). So each thread that receives messages shows 2 GiB more virtual
-// size (VmSize), not resident.
+// wait is bounded and the socket's payloads stay below 64 KiB. The payload
+// record goes into room the size of the socket's last payload (at least a
+// new message's 232 bytes) and, past it, into address space the receiving
+// thread reserves once: 2 GiB, longer than any record the kernel moves, so
+// no record is ever cut short, however large its sender made its buffers.
+// What spilled is copied into the message, room left unused is given back,
+// and the reservation keeps at most 64 KiB of memory after use. After a
+// payload of 64 KiB or more the next 8 messages are read a record at a time,
+// the second into storage sized from the header, as every message is where
+// the reservation cannot be made (an address-space limit, a 32-bit process).
+// So each thread that receives messages shows 2 GiB more virtual size
+// (VmSize), not resident.
 //
 // Ownership: the object owns its socket descriptor (closed on destruction).
 // Descriptors sent stay owned by the sender; descriptors received are new
