@@ -34,7 +34,7 @@ void SpillRegion::release(size_t bytes) {
     if (bytes <= kKeptResident) {
         return;
     }
-    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
     const size_t end = (bytes + page - 1) / page * page;
     // kKeptResident is a multiple of every page size in use up to 64 KiB.
     (void)::madvise(mBase + kKeptResident, end - kKeptResident, MADV_DONTNEED);
