@@ -37,9 +37,10 @@ class RecordPair {
     const msghdr& payloadRecord() const { return mRecords[1].msg_hdr; }
     size_t payloadLength() const { return mRecords[1].msg_len; }
 
-    // Moves the first `kept` bytes of the payload record to `data` (the room,
-    // possibly moved since), taking what spilled past the room from the
-    // spill region, whose pages it then gives back.
+    // Completes the first `kept` bytes of the payload record at `data`, where
+    // the room now starts (growing the storage may have moved it): the part
+    // past the room comes from the spill region, whose pages are then given
+    // back.
     void gatherInto(uint8_t* data, size_t kept);
 
   private:
