@@ -23,9 +23,14 @@ class ControlBuffer {
   public:
     enum class Fill { kZeroed, kLeftToTheKernel };
 
-    // Room for `fdCount` descriptors, or for kMaxRecordDescriptors when more.
-    explicit ControlBuffer(size_t fdCount, Fill fill = Fill::kZeroed)
-        : mSize(CMSG_SPACE(sizeof(int) * std::min(fdCount, kMaxRecordDescriptors))) {
+    // The bytes of control data for `fdCount` descriptors, or for
+    // kMaxRecordDescriptors when more.
+    static size_t spaceFor(size_t fdCount) {
+        return CMSG_SPACE(sizeof(int) * std::min(fdCount, kMaxRecordDescriptors));
+    }
+
+    // Room for spaceFor(fdCount) bytes.
+    explicit ControlBuffer(size_t fdCount, Fill fill = Fill::kZeroed) : mSize(spaceFor(fdCount)) {
         if (fill == Fill::kZeroed) {
             std::memset(mData, 0, mSize);
         }

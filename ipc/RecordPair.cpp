@@ -6,11 +6,10 @@
 
 namespace Kestrel::ipc {
 
-RecordPair::RecordPair(uint8_t* header, uint8_t* room, size_t roomBytes, SpillRegion& spill)
-    : mRoomBytes(roomBytes),
-      mSpill(spill),
+RecordPair::RecordPair(uint8_t* header, uint8_t* room, size_t roomSize, SpillRegion& spill)
+    : mSpill(spill),
       mHeaderVector{header, Message::kHeaderSize},
-      mPayloadVectors{{room, roomBytes}, {spill.data(), SpillRegion::kSize}},
+      mPayloadVectors{{room, roomSize}, {spill.data(), SpillRegion::kSize}},
       mHeaderControl{},
       mPayloadControl(kMaxRecordDescriptors, ControlBuffer::Fill::kLeftToTheKernel),
       mRecords{} {
@@ -36,14 +35,15 @@ int RecordPair::receive(int socketFd) {
 }
 
 void RecordPair::gatherInto(uint8_t* data, size_t kept) {
+    const size_t room = roomBytes();
     const size_t length = payloadLength();
-    if (length <= mRoomBytes) {
+    if (length <= room) {
         return;
     }
-    if (kept > mRoomBytes) {
-        std::memcpy(data + mRoomBytes, mSpill.data(), kept - mRoomBytes);
+    if (kept > room) {
+        std::memcpy(data + room, mSpill.data(), kept - room);
     }
-    mSpill.release(length - mRoomBytes);
+    mSpill.release(length - room);
 }
 
 }  // namespace Kestrel::ipc

@@ -25,7 +25,7 @@ namespace Kestrel::ipc {
 
 class RecordPair {
   public:
-    RecordPair(uint8_t* header, uint8_t* room, size_t roomBytes, SpillRegion& spill);
+    RecordPair(uint8_t* header, uint8_t* room, size_t roomSize, SpillRegion& spill);
     RecordPair(const RecordPair&) = delete;
     RecordPair& operator=(const RecordPair&) = delete;
 
@@ -44,7 +44,8 @@ class RecordPair {
     void gatherInto(uint8_t* data, size_t kept);
 
   private:
-    size_t mRoomBytes;
+    size_t roomBytes() const { return mPayloadVectors[0].iov_len; }
+
     SpillRegion& mSpill;
     iovec mHeaderVector;
     iovec mPayloadVectors[2];

@@ -50,6 +50,14 @@ constexpr size_t kMeasureAbove = size_t{1} << 20;
 constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
 constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
 
+// The two lines that open the receive of a record expecting `fdCount`
+// descriptors, whichever call takes it.
+void logReceiveBefore(int socketFd, size_t fdCount) {
+    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
+             fdCount != 0 ? "yes" : "no", ControlBuffer::spaceFor(fdCount));
+}
+
 // The result of a failed recvmsg (errno), logged unless it would only block.
 int receiveFailure() {
     const int error = errno;
@@ -280,10 +288,7 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     // Taken after the growth: the storage may be the message's own, which
     // this call has to itself.
     uint8_t* const header = inPlace ? storage.data() : message->header().first;
-    // The header record's lines, as receiveDataAndFileDescriptors() logs them.
-    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
-    IPC_LOGD("[%s] hasAncillaryData(no) cmsg_space(%zu)", kReceiveRecord,
-             static_cast<size_t>(CMSG_SPACE(0)));
+    logReceiveBefore(socketFd, 0);  // the header record's
     RecordPair records(header, storage.data() + Message::kHeaderSize,
                        storage.size() - Message::kHeaderSize, spill);
     int received;
@@ -299,24 +304,23 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
         return failure;
     }
     IPC_LOGW("no ancillary data, do not handle the cmsg part");
-    uint8_t headerBytes[Message::kHeaderSize];
-    std::memcpy(headerBytes, header, sizeof(headerBytes));
-    std::memcpy(storage.data(), headerBytes, sizeof(headerBytes));
-    const Message::Counts counts = Message::countsOf(headerBytes);
+    if (!inPlace) {
+        std::memcpy(storage.data(), header, Message::kHeaderSize);
+    }
+    const Message::Counts counts = Message::countsOf(header);
     noteReceivedPayload(counts);
     if (received == 1) {
         // The header alone: the wait for the payload record ran out or a
         // signal cut it short (which leaves EINTR in the socket for its next
         // call, recvmmsg(2), BUGS: that call takes it and goes on). Either
         // way the record gets a call of its own, and up to the payload
-        // time-out once more.
+        // time-out once more. The header is kept apart: storage sized from it
+        // may move.
+        uint8_t headerBytes[Message::kHeaderSize];
+        std::memcpy(headerBytes, header, sizeof(headerBytes));
         return receivePayloadAlone(storage, headerBytes, counts);
     }
-    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
-    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
-             counts.fds != 0 ? "yes" : "no",
-             static_cast<size_t>(CMSG_SPACE(sizeof(int) *
-                                            std::min<size_t>(counts.fds, kMaxRecordDescriptors))));
+    logReceiveBefore(socketFd, counts.fds);
     const int result = placePayload(storage, records, counts);
     return result < 0 ? payloadFailed(storage, result) : 0;
 }
@@ -387,10 +391,8 @@ int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& record
 int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* header,
                                      uint32_t dataCount, uint16_t fdCount) {
     const int socketFd = mSocketFd.get();
-    IPC_LOGD("[%s] socketFd(%d)", kReceiveRecord, socketFd);
+    logReceiveBefore(socketFd, fdCount);
     ControlBuffer control(fdCount);
-    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", kReceiveRecord,
-             fdCount != 0 ? "yes" : "no", control.size());
     const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     iovec vector{nullptr, 0};
     msghdr record = control.recordHeader(&vector);
@@ -498,10 +500,8 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
     if (socketFd < 0) {
         return kNotBound;
     }
-    IPC_LOGD("[%s] socketFd(%d)", __func__, socketFd);
+    logReceiveBefore(socketFd, fdCount);
     ControlBuffer control(fdCount);
-    IPC_LOGD("[%s] hasAncillaryData(%s) cmsg_space(%zu)", __func__, fdCount != 0 ? "yes" : "no",
-             control.size());
     iovec vector{data, dataSize};
     msghdr header = control.recordHeader(&vector);
     ssize_t received;

@@ -98,6 +98,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "ipc/Export.h"
 
@@ -227,7 +228,7 @@ class IPC_EXPORT UnixDomainSocket {
     // kOneCallLargest bytes or more, the next kOneByOneAfterLarge messages are
     // read a record at a time, each into storage sized from its header.
     void noteReceivedPayload(const Message::Counts& counts);
-    static constexpr size_t kOneCallLargest = 0xffff;
+    static constexpr size_t kOneCallLargest = std::numeric_limits<uint16_t>::max();
     static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
