@@ -1,7 +1,12 @@
 #include "BatchedFloor.h"
 
+#include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -12,6 +17,21 @@ namespace velacam::bench::raw {
 namespace {
 
 constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
+// The most descriptors one record carries (the kernel's SCM_MAX_FD).
+constexpr size_t kMostRecordFds = 253;
+constexpr size_t kGuardedControlSpace = CMSG_SPACE(sizeof(int) * kMostRecordFds);
+// The reservation behind the room: no record is longer.
+constexpr size_t kSpillBytes = size_t{1} << 31;
+
+// The process's 2 GiB reservation, or null when it cannot be had.
+void* spillRegion() {
+    static void* const region = [] {
+        void* mapped = mmap(nullptr, kSpillBytes, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        return mapped == MAP_FAILED ? nullptr : mapped;
+    }();
+    return region;
+}
 
 // The two records of one message as an mmsghdr array: header record first,
 // data record second, each with its own control buffer.
@@ -30,6 +50,27 @@ class RecordPair {
             header.msg_control = mControl[i];
             header.msg_controllen = spaces[i];
         }
+    }
+
+    // Offers the data record what a receiver that has not read the header
+    // yet must: the room behind a new message's header, or more for a larger
+    // message (`data` holds at least kGuardedRoom bytes), the reservation behind it, and control room
+    // for a record's most descriptors. False without the reservation.
+    bool guard(Guards guards) {
+        if (guards == Guards::kNone) {
+            return true;
+        }
+        void* spill = spillRegion();
+        if (spill == nullptr) {
+            return false;
+        }
+        mVectors[1].iov_len = std::max(mVectors[1].iov_len, kGuardedRoom);
+        mVectors[2] = {spill, kSpillBytes};
+        mMessages[1].msg_hdr.msg_iovlen = 2;
+        for (mmsghdr& message : mMessages) {
+            message.msg_hdr.msg_controllen = kGuardedControlSpace;
+        }
+        return true;
     }
 
     // Fills the control messages for sending: none in the header record,
@@ -86,11 +127,35 @@ class RecordPair {
 
   private:
     mmsghdr mMessages[2];
-    iovec mVectors[2];
-    alignas(cmsghdr) uint8_t mControl[2][kControlSpace];
+    iovec mVectors[3];
+    alignas(cmsghdr) uint8_t mControl[2][kGuardedControlSpace];
+};
+
+// An eventfd polled last beside the served socket and never signalled, as
+// the reactor's exit descriptor; -1 unguarded.
+class ExitDescriptor {
+  public:
+    explicit ExitDescriptor(Guards guards)
+        : mFd(guards == Guards::kNone ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~ExitDescriptor() {
+        if (mFd >= 0) {
+            close(mFd);
+        }
+    }
+    ExitDescriptor(const ExitDescriptor&) = delete;
+    ExitDescriptor& operator=(const ExitDescriptor&) = delete;
+    int get() const { return mFd; }
+
+  private:
+    int mFd;
 };
 
 }  // namespace
+
+bool setReceiveBound(int socket) {
+    const timeval bound{1, 0};
+    return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound)) == 0;
+}
 
 bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSize, const int* fds,
               size_t fdCount) {
@@ -100,13 +165,13 @@ bool sendPair(int socket, const uint8_t* header, const void* data, size_t dataSi
 }
 
 bool roundTripBatched(int socket, const uint8_t* header, const uint8_t* data, size_t dataSize,
-                      const int* fds, size_t fdCount, uint8_t* replyData) {
+                      const int* fds, size_t fdCount, uint8_t* replyData, Guards guards) {
     if (!sendPair(socket, header, data, dataSize, fds, fdCount)) {
         return false;
     }
     uint8_t replyHeader[kHeaderSize];
     RecordPair reply(replyHeader, replyData, dataSize, fdCount);
-    if (!reply.receive(socket)) {
+    if (!reply.guard(guards) || !reply.receive(socket)) {
         return false;
     }
     int replyFds[kMaxFds];
@@ -116,20 +181,24 @@ bool roundTripBatched(int socket, const uint8_t* header, const uint8_t* data, si
 }
 
 int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize,
-                     size_t fdCount) {
+                     size_t fdCount, Guards guards) {
     if (dataSize > kMaxData || fdCount > kMaxFds) {
+        return 1;
+    }
+    const ExitDescriptor exit(guards);
+    if (guards != Guards::kNone && exit.get() < 0) {
         return 1;
     }
     uint8_t header[kHeaderSize];
     static uint8_t data[kMaxData];
     int fds[kMaxFds];
-    ServerWait waiter(socket, idle, idleCount);
+    ServerWait waiter(socket, idle, idleCount, exit.get());
     while (true) {
         if (!waiter.wait()) {
             return 1;
         }
         RecordPair request(header, data, dataSize, fdCount);
-        if (!request.receive(socket)) {
+        if (!request.guard(guards) || !request.receive(socket)) {
             return 1;
         }
         const int received = request.takeDescriptors(fds, kMaxFds);

@@ -1,9 +1,11 @@
 // The floors' channel: a raw socket pair and a forked server running
 // RawFloor's serveEcho (a call per record, or one send call per record pair)
-// or BatchedFloor's serveEchoBatched (one call per record pair).
+// or BatchedFloor's serveEchoBatched (one call per record pair, guarded or
+// not).
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -16,16 +18,29 @@
 namespace velacam::bench {
 namespace {
 
-bool makeSocketPair(int pair[2]) {
+bool isBatched(FloorCalls calls) {
+    return calls == FloorCalls::kBatched || calls == FloorCalls::kBatchedGuarded;
+}
+
+raw::Guards guardsOf(FloorCalls calls) {
+    return calls == FloorCalls::kBatchedGuarded ? raw::Guards::kLibraryDefaults
+                                                : raw::Guards::kNone;
+}
+
+bool makeSocketPair(int pair[2], FloorCalls calls) {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
         return false;
     }
     const int size = static_cast<int>(kSocketBufferSize);
+    bool bounded = true;
     for (int i = 0; i < 2; ++i) {
         setsockopt(pair[i], SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
         setsockopt(pair[i], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+        if (calls == FloorCalls::kBatchedGuarded) {
+            bounded = raw::setReceiveBound(pair[i]) && bounded;
+        }
     }
-    if (socketHolds(pair[0], kLargestRecord) && socketHolds(pair[1], kLargestRecord)) {
+    if (bounded && socketHolds(pair[0], kLargestRecord) && socketHolds(pair[1], kLargestRecord)) {
         return true;
     }
     close(pair[0]);
@@ -46,7 +61,7 @@ class FloorChannel : public RoundTripChannel {
           mCalls(calls),
           mSent(shape.fds),
           mData(shape.payload, 0x5a),
-          mReply(shape.payload) {
+          mReply(std::max(shape.payload, raw::kGuardedRoom)) {
         raw::packHeader(
                 {7, 1, 0, static_cast<uint32_t>(shape.payload), static_cast<uint16_t>(shape.fds)},
                 mHeader);
@@ -57,9 +72,10 @@ class FloorChannel : public RoundTripChannel {
     }
 
     bool roundTrip() override {
-        if (mCalls == FloorCalls::kBatched) {
+        if (isBatched(mCalls)) {
             return raw::roundTripBatched(mClient, mHeader, mData.data(), mData.size(),
-                                         mSent.fds().data(), mSent.fds().size(), mReply.data());
+                                         mSent.fds().data(), mSent.fds().size(), mReply.data(),
+                                         guardsOf(mCalls));
         }
         return raw::roundTrip(mClient, sendsOf(mCalls), mHeader, mData.data(), mData.size(),
                               mSent.fds().data(), mSent.fds().size(), mReply.data());
@@ -73,7 +89,7 @@ class FloorChannel : public RoundTripChannel {
         raw::packHeader({0, raw::kStopType, 0, 0, 0}, stop);
         // A server reading a record at a time ends on the header alone, the
         // batched one on the header with an empty data record.
-        const bool sent = mCalls == FloorCalls::kBatched
+        const bool sent = isBatched(mCalls)
                                   ? raw::sendPair(mClient, stop, nullptr, 0, nullptr, 0)
                                   : raw::sendRecord(mClient, stop, sizeof(stop), nullptr, 0);
         const bool joined = mServer->join();
@@ -97,7 +113,7 @@ class FloorChannel : public RoundTripChannel {
 
 std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape, FloorCalls calls) {
     int pair[2];
-    if (!makeSocketPair(pair)) {
+    if (!makeSocketPair(pair, calls)) {
         return nullptr;
     }
     const size_t idleCount = shape.idle;
@@ -109,9 +125,9 @@ std::unique_ptr<RoundTripChannel> makeFloorChannel(const RoundTripShape& shape, 
         if (!idle.ok()) {
             return 1;
         }
-        if (calls == FloorCalls::kBatched) {
+        if (isBatched(calls)) {
             return raw::serveEchoBatched(pair[1], idle.watched().data(), idle.watched().size(),
-                                         payload, fds);
+                                         payload, fds, guardsOf(calls));
         }
         return raw::serveEcho(pair[1], idle.watched().data(), idle.watched().size(),
                               sendsOf(calls));

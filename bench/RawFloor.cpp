@@ -142,8 +142,8 @@ bool roundTrip(int socket, SendCalls sends, const uint8_t* header, const uint8_t
     return static_cast<size_t>(received) == fdCount;
 }
 
-ServerWait::ServerWait(int socket, const int* idle, size_t idleCount) {
-    mWatched.reserve(idleCount + 1);
+ServerWait::ServerWait(int socket, const int* idle, size_t idleCount, int last) {
+    mWatched.reserve(idleCount + 2);
     for (size_t i = 0; i < idleCount; ++i) {
         mWatched.push_back({idle[i], POLLIN, 0});
     }
@@ -154,6 +154,9 @@ ServerWait::ServerWait(int socket, const int* idle, size_t idleCount) {
         if (mWatched[i].fd == socket) {
             mServed = i;
         }
+    }
+    if (last >= 0) {
+        mWatched.push_back({last, POLLIN, 0});
     }
 }
 

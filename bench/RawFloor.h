@@ -77,10 +77,11 @@ int serveEcho(int socket, const int* idle, size_t idleCount, SendCalls sends);
 // descriptors that are watched but never ready (as idle handlers would be),
 // in ascending descriptor order as the reactor polls its handlers (the kernel
 // stops queueing waiters once it meets a ready descriptor, so the order
-// changes what a wait costs).
+// changes what a wait costs). A `last` descriptor (not -1) is polled after
+// all the others, as the reactor polls its exit descriptor.
 class ServerWait {
   public:
-    ServerWait(int socket, const int* idle, size_t idleCount);
+    ServerWait(int socket, const int* idle, size_t idleCount, int last = -1);
     // True once the served socket is readable; false on any other outcome.
     bool wait();
 

@@ -36,9 +36,10 @@ class RoundTripChannel {
 // How a raw floor moves the two records of a message: one sendmsg() and one
 // recvmsg() per record (RawFloor); one sendmmsg() per message and one
 // recvmsg() per record, the header read first (RawFloor with
-// SendCalls::kOne); or one sendmmsg() and one recvmmsg() per message
-// (BatchedFloor).
-enum class FloorCalls { kPerRecord, kOneSend, kBatched };
+// SendCalls::kOne); one sendmmsg() and one recvmmsg() per message
+// (BatchedFloor); or the same with the library's default guards on the
+// receive path (BatchedFloor with Guards::kLibraryDefaults).
+enum class FloorCalls { kPerRecord, kOneSend, kBatched, kBatchedGuarded };
 
 // A raw system-call floor: server polls the socket and the shape's idle
 // descriptors. Null when the socket buffers cannot take the largest record.

@@ -38,6 +38,16 @@ void addPeerCases(benchmark::internal::Benchmark* benchmark) {
     benchmark->UseRealTime();
 }
 
+void addTargetCases(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgNames({"payload", "fds", "idle", "pinned"});
+    for (int pinned : {0, 1}) {
+        for (int fds : {0, 1}) {
+            benchmark->Args({64, fds, 0, pinned});
+        }
+    }
+    benchmark->UseRealTime();
+}
+
 bool socketHolds(int socket, size_t bytes) {
     // A datagram's socket buffer (skb) overhead, generously.
     constexpr size_t kRecordOverhead = 4096;

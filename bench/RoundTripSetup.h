@@ -51,6 +51,9 @@ void addLargeCases(benchmark::internal::Benchmark* benchmark);
 // Registers the one case a peer is compared on: 64 B, no descriptors, no idle
 // handlers; free and pinned.
 void addPeerCases(benchmark::internal::Benchmark* benchmark);
+// Registers the cases the targets name: 64 B with 0 and 1 descriptor, no
+// idle handlers; free and pinned.
+void addTargetCases(benchmark::internal::Benchmark* benchmark);
 
 // `count` descriptors open on /dev/null, closed on destruction.
 class SentDescriptors {

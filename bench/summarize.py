@@ -12,7 +12,9 @@ each way, bench/RawFloor.cpp) is "reference" of the round trips; the
 batched floor (one sendmmsg and one recvmmsg per message,
 bench/BatchedFloor.cpp) is "batched". One row takes as its reference the
 floor that sends with one sendmmsg and reads a record at a time, the header
-first (bench/RawFloor.cpp, SendCalls::kOne). For the queue it is a plain
+first (bench/RawFloor.cpp, SendCalls::kOne), and two the batched floor
+with the guards the library's receive path keeps by default
+(bench/BatchedFloor.cpp, Guards::kLibraryDefaults). For the queue it is a plain
 mutex + condition variable + deque queue; for the peer, ZeroMQ ipc://.
 
 Medians are taken over the repetitions of each benchmark (the per-repetition
@@ -76,6 +78,10 @@ def comparisons():
         pair = round_trip("Library_vs_OneSendFloor", pinned)
         lines.append((f"round trip 64 B, 0 fds, reference: one sendmmsg, a recvmsg per record "
                       f"({mode})", (pair, "ours"), (pair, "reference"), []))
+        for fds in (0, 1):
+            pair = round_trip("Library_vs_GuardedFloor", pinned, fds=fds)
+            lines.append((f"round trip 64 B, {fds} fds, reference: the batched floor with the "
+                          f"library's guards ({mode})", (pair, "ours"), (pair, "reference"), []))
         pair = round_trip("LibraryUnboundedWait_vs_Floor", pinned)
         lines.append((f"round trip 64 B, 0 fds, payload wait unbounded ({mode})", (pair, "ours"),
                       (pair, "reference"), []))
