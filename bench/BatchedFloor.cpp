@@ -53,9 +53,10 @@ class RecordPair {
     }
 
     // Offers the data record what a receiver that has not read the header
-    // yet must: the room behind a new message's header, or more for a larger
-    // message (`data` holds at least kGuardedRoom bytes), the reservation behind it, and control room
-    // for a record's most descriptors. False without the reservation.
+    // yet must: the room behind a new message's header, or more for a
+    // larger message (`data` holds at least kGuardedRoom bytes), the
+    // reservation behind it, and control room for a record's most
+    // descriptors. False without the reservation.
     bool guard(Guards guards) {
         if (guards == Guards::kNone) {
             return true;
@@ -180,8 +181,8 @@ bool roundTripBatched(int socket, const uint8_t* header, const uint8_t* data, si
     return static_cast<size_t>(received) == fdCount && reply.dataReceived() == dataSize;
 }
 
-int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize,
-                     size_t fdCount, Guards guards) {
+int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize, size_t fdCount,
+                     Guards guards) {
     if (dataSize > kMaxData || fdCount > kMaxFds) {
         return 1;
     }

@@ -55,7 +55,7 @@ bool roundTripBatched(int socket, const uint8_t* header, const uint8_t* data, si
 // waits on `socket` and the idle descriptors, echoes every message, ends on a
 // stop header (sent as a pair with an empty data record). Returns 0 on a stop
 // header, 1 on any failure.
-int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize,
-                     size_t fdCount, Guards guards = Guards::kNone);
+int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataSize, size_t fdCount,
+                     Guards guards = Guards::kNone);
 
 }  // namespace velacam::bench::raw
