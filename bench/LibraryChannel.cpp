@@ -144,14 +144,14 @@ class LibraryChannel : public RoundTripChannel {
         : mServer(std::move(server)),
           mDisposer(std::make_shared<MessageHandler>()),
           mSent(shape.fds),
+          mSentCount(static_cast<uint16_t>(shape.fds)),
           mRequest(mDisposer),
           mUse(use) {
         mClient.bind(std::move(end));
         if (use.unboundedPayloadWait) {
             mClient.setPayloadTimeout(std::chrono::milliseconds(0));
         }
-        mRequest.setHeader(7, 1, 0, static_cast<uint32_t>(shape.payload),
-                           static_cast<uint16_t>(shape.fds));
+        mRequest.setHeader(7, 1, 0, static_cast<uint32_t>(shape.payload), mSentCount);
         Message::Payload payload;
         payload.data.assign(shape.payload, 0x5a);
         payload.fds = mSent.fds();
@@ -189,8 +189,7 @@ class LibraryChannel : public RoundTripChannel {
             return false;
         }
         Message reply(mDisposer);
-        if (mClient.recv(&reply) != 0 ||
-            reply.fileDescriptorCount() != mRequest.fileDescriptorCount()) {
+        if (mClient.recv(&reply) != 0 || reply.fileDescriptorCount() != mSentCount) {
             return false;
         }
         if (mUse.readsPayload) {
@@ -203,6 +202,7 @@ class LibraryChannel : public RoundTripChannel {
     std::unique_ptr<ForkedPeer> mServer;
     std::shared_ptr<MessageHandler> mDisposer;
     SentDescriptors mSent;
+    uint16_t mSentCount;  // what every reply must bring back, as the floors compare
     UnixDomainSocket mClient;
     Message mRequest;
     LibraryUse mUse;

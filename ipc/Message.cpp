@@ -189,16 +189,6 @@ Message::Counts Message::countsOf(const uint8_t* header) {
     return counts;
 }
 
-uint16_t Message::clearAllButDataCount() {
-    utils::LockGuard lock(mMutex);
-    checkHeaderPresent();
-    std::memset(mStorage.data() + kIdOffset, 0, kDataCountOffset - kIdOffset);
-    std::memset(mStorage.data() + kFdCountOffset, 0, sizeof(uint16_t));
-    uint16_t count;
-    std::memcpy(&count, mStorage.data() + kFdCountOffset, sizeof(count));
-    return count;
-}
-
 Message::Payload Message::payload() const {
     utils::LockGuard lock(mMutex);
     if (mStorage.size() == mHeaderSize) {
@@ -210,14 +200,28 @@ Message::Payload Message::payload() const {
                    static_cast<uint16_t>(packed.fdCount));
 }
 
-std::vector<int> Message::payloadDescriptors() const {
-    const PackedPayload packed = packedPayload();
-    // The lines payload() writes, without the data's copy: Payload's
-    // constructor given no data.
-    if (packed.dataBytes != 0) {
-        IPC_LOGD("[%s] data_offset(%zu)", "Payload", packed.dataBytes);
+Message::Disposal Message::takeForDisposal() {
+    Disposal disposal;
+    utils::LockGuard lock(mMutex);
+    checkHeaderPresent();
+    if (mStorage.size() == mHeaderSize) {
+        IPC_LOGW("no payload exists");
+    } else {
+        const PackedPayload packed = packedPayloadLocked();
+        // The lines payload() writes, without the data's copy: Payload's
+        // constructor given no data.
+        if (packed.dataBytes != 0) {
+            IPC_LOGD("[%s] data_offset(%zu)", "Payload", packed.dataBytes);
+        }
+        if (packed.fdCount != 0) {
+            disposal.fds = Payload(packed.fds, 0, static_cast<uint16_t>(packed.fdCount)).fds;
+        }
     }
-    return Payload(packed.fds, 0, static_cast<uint16_t>(packed.fdCount)).fds;
+    std::memset(mStorage.data() + kIdOffset, 0, kDataCountOffset - kIdOffset);
+    std::memset(mStorage.data() + kFdCountOffset, 0, sizeof(uint16_t));
+    std::memcpy(&disposal.fdCountAfter, mStorage.data() + kFdCountOffset,
+                sizeof(disposal.fdCountAfter));
+    return disposal;
 }
 
 void Message::adoptStorage(Storage&& storage) {

@@ -16,13 +16,16 @@ constexpr utils::LogSite kLogSite{"MessageHandler", "ipc/MessageHandler", utils:
 MessageHandler::~MessageHandler() = default;
 
 void MessageHandler::handleMessage(Message& message) {
-    const std::vector<int> fds = message.payloadDescriptors();
-    std::for_each(fds.begin(), fds.end(), [](int fd) {
+    // The header is cleared before the descriptors are closed, so that the
+    // message's lock is taken once and no close() runs under it; the lines
+    // come out in the same order.
+    const Message::Disposal disposal = message.takeForDisposal();
+    std::for_each(disposal.fds.begin(), disposal.fds.end(), [](int fd) {
         // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
         IPC_LOGD("[%s] close fd(%d)", "operator()", fd);
         ::close(fd);
     });
-    if (message.clearAllButDataCount() != 0) {
+    if (disposal.fdCountAfter != 0) {
         IPC_FATAL("cannot reset the file descriptor count to 0 of a message header");
     }
 }

@@ -1,10 +1,13 @@
 // Lines from Message (core module) and CountingSemaphore (sync module). CTest
 // runs this suite with the debug property set, and the gate without.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CountingSemaphore.h>
 #include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
 #include <ipc/utils/Log.h>
 #include <ulog/ULogger.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <regex>
@@ -136,6 +139,37 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].text, std::string(1023, 'x'));
     EXPECT_EQ(capture.lines()[0].length, 2000);
+}
+
+TEST_F(LogSinks, DefaultHandlerLogsThePayloadItReadsThenEachClose) {
+    ULogger::sDetailsLevel = 5;
+    const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    Message message;
+    Message::Payload payload;
+    payload.data = {1, 2};
+    payload.fds = {a, b};
+    message.setPayload(payload);
+    capture.clear();
+    MessageHandler().handleMessage(message);
+    std::vector<std::string> texts;
+    for (const LogLine& line : capture.lines()) {
+        texts.push_back(line.text);
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{
+                             "[payload] num_data(2) num_fds(2)",
+                             "[Payload] data_offset(2)",
+                             "[Payload] fds_offset(8)",
+                             "[operator()] close fd(" + std::to_string(a) + ")",
+                             "[operator()] close fd(" + std::to_string(b) + ")",
+                     }));
+    EXPECT_EQ(::fcntl(a, F_GETFD), -1);
+    EXPECT_EQ(::fcntl(b, F_GETFD), -1);
+
+    capture.clear();  // nothing carried: the warning, and nothing closed
+    MessageHandler().handleMessage(*std::make_unique<Message>());
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].text, "no payload exists");
 }
 
 // Shows on standard error the fatal path's order: record, flush, assertion.

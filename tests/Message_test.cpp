@@ -124,11 +124,13 @@ TEST(DefaultHandler, ClosesExactlyTheCarriedDescriptorsAndZeroesTheCount) {
     const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int bystander = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const auto message = makeMessage(3, {1, 2}, {a, b});
+    const auto message = makeMessage(3, {1, 2}, {a, b}, nullptr, 9);
+    message->setHeader(3, 9, Message::kFlagReply, 2, 2);
     message->messageHandler()->handleMessage(*message);
     EXPECT_TRUE(isOpen(bystander));  // the leak check shows the carried ones closed
-    EXPECT_EQ(std::make_tuple(message->id(), message->dataCount(), message->fileDescriptorCount()),
-              std::make_tuple(0u, 2u, uint16_t{0}));
+    EXPECT_EQ(std::make_tuple(message->id(), message->type(), message->flags(),
+                              message->dataCount(), message->fileDescriptorCount()),
+              std::make_tuple(0u, 0u, 0u, 2u, uint16_t{0}));
     ::close(bystander);
 }
 

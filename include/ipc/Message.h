@@ -184,13 +184,16 @@ class IPC_EXPORT Message {
         uint16_t fds;
     };
     static Counts countsOf(const uint8_t* header);
-    // setHeader(dataCount(), 0) in one step: id, type, flags and the
-    // descriptor count become 0. Returns the descriptor count now in the
-    // header (0).
-    uint16_t clearAllButDataCount() IPC_EXCLUDES(mMutex);
-    // The descriptors payload() would unpack, with the same lines logged,
-    // without copying the data (the default handler's disposal).
-    std::vector<int> payloadDescriptors() const IPC_EXCLUDES(mMutex);
+    // The default handler's disposal, taken in one hold of the lock: the
+    // descriptors payload() would unpack, with the same lines logged and
+    // without copying the data; then the header as setHeader(dataCount(), 0)
+    // leaves it (id, type, flags and the descriptor count 0), and the
+    // descriptor count read back from it (0).
+    struct Disposal {
+        std::vector<int> fds;
+        uint16_t fdCountAfter;
+    };
+    Disposal takeForDisposal() IPC_EXCLUDES(mMutex);
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
     void adoptStorage(Storage&& storage) IPC_EXCLUDES(mMutex);
