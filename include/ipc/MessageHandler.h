@@ -24,8 +24,11 @@ class IPC_EXPORT MessageHandler {
     MessageHandler() = default;
     virtual ~MessageHandler();
 
-    // Closes the message's descriptors in payload order, then rewrites the header
-    // with setHeader(dataCount(), 0): id, type and flags become 0 as well.
+    // Takes the message's descriptors and rewrites its header as
+    // setHeader(dataCount(), 0) does (id, type and flags become 0 as well) in
+    // one hold of the message's lock, then closes the descriptors in payload
+    // order with no lock held. The lines logged are those of payload() and
+    // one per close, in that order.
     virtual void handleMessage(Message& message);
 
     // The same on `*message`; the message is destroyed on return. This is the
