@@ -4,7 +4,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
+#include <sysutils/FileDescriptor.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -132,25 +132,6 @@ class RecordPair {
     alignas(cmsghdr) uint8_t mControl[2][kGuardedControlSpace];
 };
 
-// An eventfd polled last beside the served socket and never signalled, as
-// the reactor's exit descriptor; -1 unguarded.
-class ExitDescriptor {
-  public:
-    explicit ExitDescriptor(Guards guards)
-        : mFd(guards == Guards::kNone ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~ExitDescriptor() {
-        if (mFd >= 0) {
-            close(mFd);
-        }
-    }
-    ExitDescriptor(const ExitDescriptor&) = delete;
-    ExitDescriptor& operator=(const ExitDescriptor&) = delete;
-    int get() const { return mFd; }
-
-  private:
-    int mFd;
-};
-
 }  // namespace
 
 bool setReceiveBound(int socket) {
@@ -186,7 +167,10 @@ int serveEchoBatched(int socket, const int* idle, size_t idleCount, size_t dataS
     if (dataSize > kMaxData || fdCount > kMaxFds) {
         return 1;
     }
-    const ExitDescriptor exit(guards);
+    // Guarded: an eventfd polled last beside the served socket and never
+    // signalled, as the reactor's exit descriptor.
+    const Kestrel::utils::sys::FileDescriptor exit(
+            guards == Guards::kNone ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), 0);
     if (guards != Guards::kNone && exit.get() < 0) {
         return 1;
     }

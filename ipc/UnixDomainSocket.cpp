@@ -264,12 +264,9 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
         IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
         return result;
     }
-    // The header survives the storage's growth (`header` may not).
-    uint8_t headerBytes[Message::kHeaderSize];
-    std::memcpy(headerBytes, header, sizeof(headerBytes));
-    const Message::Counts counts = Message::countsOf(headerBytes);
+    const Message::Counts counts = Message::countsOf(header);
     noteReceivedPayload(counts);
-    return receivePayloadAlone(storage, headerBytes, counts);
+    return receivePayloadAlone(storage, header, counts);
 }
 
 int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
@@ -314,11 +311,8 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
         // signal cut it short (which leaves EINTR in the socket for its next
         // call, recvmmsg(2), BUGS: that call takes it and goes on). Either
         // way the record gets a call of its own, and up to the payload
-        // time-out once more. The header is kept apart: storage sized from it
-        // may move.
-        uint8_t headerBytes[Message::kHeaderSize];
-        std::memcpy(headerBytes, header, sizeof(headerBytes));
-        return receivePayloadAlone(storage, headerBytes, counts);
+        // time-out once more.
+        return receivePayloadAlone(storage, header, counts);
     }
     logReceiveBefore(socketFd, counts.fds);
     const int result = placePayload(storage, records, counts);
@@ -327,7 +321,11 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
 
 int UnixDomainSocket::receivePayloadAlone(Message::Storage& storage, const uint8_t* header,
                                           const Message::Counts& counts) {
-    const int result = receivePayload(storage, header, counts.data, counts.fds);
+    // The header is kept apart: it may lie in `storage`, which the payload's
+    // size may move.
+    uint8_t headerBytes[Message::kHeaderSize];
+    std::memcpy(headerBytes, header, sizeof(headerBytes));
+    const int result = receivePayload(storage, headerBytes, counts.data, counts.fds);
     return result < 0 ? payloadFailed(storage, result) : 0;
 }
 

@@ -213,7 +213,8 @@ class IPC_EXPORT UnixDomainSocket {
     // behind the header, with its descriptors.
     [[nodiscard]] int placePayload(Message::Storage& storage, RecordPair& records,
                                    const Message::Counts& counts);
-    // The payload record of the `header` with a recvmsg of its own.
+    // The payload record of the `header` (which may lie in `storage`) with a
+    // recvmsg of its own.
     [[nodiscard]] int receivePayloadAlone(Message::Storage& storage, const uint8_t* header,
                                           const Message::Counts& counts);
     // A payload that failed with `result`: a message receiving in place is
