@@ -3,7 +3,7 @@
 #include <ipc/Message.h>
 #include <ipc/utils/Log.h>
 
-#include "DroppedMessage.h"
+#include "internal/DroppedMessage.h"
 
 namespace Kestrel::ipc {
 

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "StorageBlocks.h"
+#include "internal/StorageBlocks.h"
 
 namespace Kestrel::ipc {
 

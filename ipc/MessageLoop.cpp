@@ -5,7 +5,7 @@
 
 #include <cinttypes>
 
-#include "DroppedMessage.h"
+#include "internal/DroppedMessage.h"
 
 namespace Kestrel::ipc {
 

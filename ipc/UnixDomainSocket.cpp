@@ -11,13 +11,13 @@
 #include <new>
 #include <utility>
 
-#include "BoundedReceive.h"
-#include "ControlBuffer.h"
-#include "OutgoingRecord.h"
-#include "ReceivedControl.h"
-#include "RecordPair.h"
-#include "SpillRegion.h"
-#include "TransportLogSite.h"
+#include "internal/BoundedReceive.h"
+#include "internal/ControlBuffer.h"
+#include "internal/OutgoingRecord.h"
+#include "internal/ReceivedControl.h"
+#include "internal/RecordPair.h"
+#include "internal/SpillRegion.h"
+#include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
 

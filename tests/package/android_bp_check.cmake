@@ -1,7 +1,9 @@
 # The platform build (Android.bp) must compile exactly the library sources that
-# CMake compiles: every ipc/*.cpp and ipc/utils/*.cpp, nothing else.
+# CMake compiles: every ipc/*.cpp, ipc/internal/*.cpp and ipc/utils/*.cpp,
+# nothing else.
 # Argument: -DSOURCE_DIR=<repository root>
-file(GLOB cmake_sources RELATIVE ${SOURCE_DIR} ${SOURCE_DIR}/ipc/*.cpp ${SOURCE_DIR}/ipc/utils/*.cpp)
+file(GLOB cmake_sources RELATIVE ${SOURCE_DIR} ${SOURCE_DIR}/ipc/*.cpp ${SOURCE_DIR}/ipc/internal/*.cpp
+     ${SOURCE_DIR}/ipc/utils/*.cpp)
 list(SORT cmake_sources)
 file(READ ${SOURCE_DIR}/Android.bp bp)
 string(REGEX MATCHALL "\"ipc/[A-Za-z0-9_/]+\\.cpp\"" bp_sources "${bp}")
