@@ -199,6 +199,12 @@ class IPC_EXPORT UnixDomainSocket {
     // A new Poller holding this socket's descriptor with `events`.
     Poller getPoller(short events) const;
 
+    // The most data bytes one message carries inline; frames travel as
+    // descriptors. A record of this size still needs no kernel allocation
+    // larger than four pages, so it goes through on a device whose memory is
+    // fragmented.
+    static constexpr size_t kMaxInlineData = size_t{64} * 1024;
+
   private:
     static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
 
