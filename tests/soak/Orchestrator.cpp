@@ -164,8 +164,10 @@ class Orchestrator {
                 slot.finishAt = now + between(3000, 8000);
                 slot.stopAt = now + between(200, 1000);
                 break;
-            case Role::kFullDescriptors:
-            case Role::kDeaf: slot.finishAt = now + between(2000, 6000); break;
+            case Role::kFullDescriptors: slot.finishAt = now + between(2000, 6000); break;
+            // Longer than the reply bound: a server whose reply to it blocks
+            // for as long as it does not read starves the others past it.
+            case Role::kDeaf: slot.finishAt = now + between(15000, 25000); break;
             default: slot.finishAt = now + milliseconds(10000); break;
         }
     }

@@ -56,11 +56,18 @@ uint8_t check(const Message& request, const Message::Payload& payload) {
 
 }  // namespace
 
+// Requests of one client waiting for the loop, above which the server stops
+// reading that client until the loop has caught up: a client that floods
+// fills its own socket, not the queue the others' requests wait in.
+constexpr uint32_t kQueuedPerClient = 16;
+
 struct SoakServer::Connection {
     uint32_t slot;
     int fd;
     std::shared_ptr<SocketEventHandler> handler;
     std::atomic<bool> closed{false};
+    std::atomic<uint32_t> queued{0};
+    std::atomic<bool> paused{false};
 };
 
 // Serves the requests of one connection on the loop thread, then closes what
@@ -73,6 +80,7 @@ class SoakServer::RequestHandler : public MessageHandler {
     void handleMessage(std::unique_ptr<Message> request) override {
         if (auto connection = mConnection.lock()) {
             mServer.serve(connection, *request);
+            mServer.dequeued(connection);
         } else {
             mServer.count([](ServerCounters& c) { ++c.droppedAfterClose; });
         }
@@ -167,7 +175,19 @@ void SoakServer::receive(const std::shared_ptr<Connection>& connection) {
         close(connection);
         return;
     }
+    if (++connection->queued >= kQueuedPerClient) {
+        connection->paused = true;
+        (void)mReactor.removeEventHandlerByFd(connection->fd);
+    }
     mLoop->messageQueue().enqueueMessage(std::move(request), std::chrono::milliseconds(0));
+}
+
+// On the loop thread: one of the connection's requests has been served.
+void SoakServer::dequeued(const std::shared_ptr<Connection>& connection) {
+    if (--connection->queued <= kQueuedPerClient / 2 && connection->paused.exchange(false) &&
+        !connection->closed) {
+        (void)mReactor.registerEventHandler(connection->handler);
+    }
 }
 
 // On the loop thread.

@@ -1,6 +1,7 @@
 // The serving process of the soak: a DefaultReactor on its own thread
 // receives the clients' requests, a MessageLoop on another thread checks each
 // one (its body and the text of every descriptor it carries) and replies. A
+// client with many requests waiting is not read until the loop caught up. A
 // client whose receive or reply fails, or that hangs up, is disconnected at
 // once; the others go on being served.
 //
@@ -62,6 +63,7 @@ class SoakServer {
 
     void receive(const std::shared_ptr<Connection>& connection);
     void serve(const std::shared_ptr<Connection>& connection, Kestrel::ipc::Message& request);
+    void dequeued(const std::shared_ptr<Connection>& connection);
     void close(const std::shared_ptr<Connection>& connection);
     void hangUp(int fd);
     template <typename Change>
