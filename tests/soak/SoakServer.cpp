@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <future>
 
@@ -164,6 +165,11 @@ void SoakServer::receive(const std::shared_ptr<Connection>& connection) {
     }
     auto request = std::make_unique<Message>(std::make_shared<RequestHandler>(*this, connection));
     const int result = connection->handler->receiveMessage(request.get());
+    if (result == -EAGAIN || result == -EINTR) {
+        // Nothing was taken: the reactor calls again while data waits.
+        count([result](ServerCounters& c) { ++c.receiveErrors[errorSlot(result)]; });
+        return;
+    }
     if (result != 0) {
         count([result](ServerCounters& c) { ++c.receiveErrors[errorSlot(result)]; });
         close(connection);

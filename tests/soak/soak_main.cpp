@@ -4,6 +4,7 @@
 #include <ipc/utils/Process.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 
 #include "ClientPlan.h"
@@ -28,6 +29,9 @@ int main(int argc, char** argv) {
     if (!command.soak) {
         return command.exitStatus;
     }
+    // Faults planted by a preloaded interposer (scripts/syscall-faults) are
+    // meant for the server: the clients, which judge it, start without it.
+    ::unsetenv("LD_PRELOAD");
     SoakOptions options = *command.soak;
     if (!options.seedGiven) {
         options.seed = static_cast<uint64_t>(

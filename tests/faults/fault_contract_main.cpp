@@ -1,0 +1,105 @@
+// velacam_fault_contract: runs the transport and reactor scenarios, each in
+// a child process of its own, and says for each whether the library kept its
+// contract under the faults the preloaded interposer planted: the child's
+// verdict, or a fatal end whose line the library documents, or a crash, or a
+// hang (no end within 60 s).
+//
+//   velacam_fault_contract [MESSAGES]     (default 300)
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "Scenarios.h"
+
+namespace {
+
+// The fatal lines the library documents for failures of the calls planted.
+constexpr const char* kDocumentedFatal[] = {
+        "create event notification failed", "handle exit event failed",
+        "request Reactor to exit failed"};
+
+std::string tailOf(const char* path) {
+    std::string text;
+    if (std::FILE* file = std::fopen(path, "r")) {
+        char line[512];
+        while (std::fgets(line, sizeof(line), file) != nullptr) {
+            text = line;  // keeps the last line
+        }
+        std::fclose(file);
+    }
+    return text;
+}
+
+bool documented(const char* path) {
+    std::string all;
+    if (std::FILE* file = std::fopen(path, "r")) {
+        char chunk[4096];
+        size_t got;
+        while ((got = std::fread(chunk, 1, sizeof(chunk), file)) > 0) {
+            all.append(chunk, got);
+        }
+        std::fclose(file);
+    }
+    for (const char* line : kDocumentedFatal) {
+        if (all.find(line) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Runs `scenario` in a child; prints its outcome; true when the contract held.
+bool runChild(const char* name, int (*scenario)(uint32_t), uint32_t messages) {
+    char errors[] = "/tmp/velacam_fault_contract_XXXXXX";
+    const int errorFd = ::mkstemp(errors);
+    std::fflush(stdout);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(errorFd, 2);
+        std::exit(scenario(messages));  // exit(): the interposer writes its report at exit
+    }
+    ::close(errorFd);
+    int status = 0;
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (::waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > limit) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            std::printf("%s: OUTCOME hang (no end within 60 s)\n", name);
+            ::unlink(errors);
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    bool held = false;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        std::printf("%s: OUTCOME kept\n", name);
+        held = true;
+    } else if (WIFEXITED(status)) {
+        std::printf("%s: OUTCOME violation (exit %d)\n", name, WEXITSTATUS(status));
+    } else if (WTERMSIG(status) == SIGABRT && documented(errors)) {
+        std::printf("%s: OUTCOME fatal, documented: %s", name, tailOf(errors).c_str());
+        held = true;
+    } else {
+        std::printf("%s: OUTCOME crash (signal %d): %s", name, WTERMSIG(status),
+                    tailOf(errors).c_str());
+    }
+    ::unlink(errors);
+    return held;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const uint32_t messages = argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 300;
+    bool held = runChild("transport", velacam::faults::transportScenario, messages);
+    held = runChild("reactor", velacam::faults::reactorScenario, messages) && held;
+    return held ? 0 : 1;
+}
