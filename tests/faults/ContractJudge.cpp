@@ -1,5 +1,6 @@
 #include "ContractJudge.h"
 
+#include <dlfcn.h>
 #include <ipc/MessageHandler.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -56,10 +57,20 @@ bool ContractJudge::breaksConnection(int result) {
 
 void ContractJudge::expect(uint32_t index) { mExpected.push_back(index); }
 
-void ContractJudge::sent(uint32_t index, int result) {
+uint64_t faultsPlanted() {
+    using Count = uint64_t (*)();
+    static const auto count = reinterpret_cast<Count>(dlsym(RTLD_DEFAULT, "velacam_faults_planted"));
+    return count != nullptr ? count() : 0;
+}
+
+void ContractJudge::sent(uint32_t index, int result, bool planted) {
     ++mSendResults[result];
     if (result == 0) {
         return;
+    }
+    if (!planted) {
+        violation("the send of message " + std::to_string(index) + " failed with " +
+                  std::to_string(result) + " and no fault was planted in it");
     }
     const auto found = std::find(mExpected.begin(), mExpected.end(), index);
     if (found != mExpected.end()) {
@@ -72,9 +83,14 @@ void ContractJudge::sent(uint32_t index, int result) {
     }
 }
 
-void ContractJudge::received(int result, Message* message) {
+void ContractJudge::received(int result, Message* message, bool planted) {
     ++mReceiveResults[result];
     if (result != 0) {
+        if (!planted) {
+            violation("a receive failed with " + std::to_string(result) +
+                      " and no fault was planted in it: an earlier one left the connection "
+                      "out of step");
+        }
         mFailureSinceLast = true;
         return;
     }

@@ -1,7 +1,10 @@
 // Judges what a stream of messages between two socket ends did under planted
 // faults: every message received whole is one that was sent, intact and in
 // order; a message goes missing only after a failure was reported for it;
-// a message whose send failed never arrives. Counts every result by code.
+// a message whose send failed never arrives; and no call fails unless a
+// fault was planted in it (a failure an earlier fault explains means that
+// fault left the connection out of step without saying so). Counts every
+// result by code.
 #pragma once
 
 #include <ipc/Message.h>
@@ -15,6 +18,9 @@
 
 namespace velacam::faults {
 
+// Faults the preloaded interposer planted so far that took effect (0 without it).
+uint64_t faultsPlanted();
+
 // The message of index `index`: its id, data and descriptors follow from it.
 std::unique_ptr<Kestrel::ipc::Message> messageFor(uint32_t index);
 
@@ -23,9 +29,10 @@ class ContractJudge {
     // Message `index` is about to be sent (so that a receive on another
     // thread may see it before its send returned), and its send gave `result`.
     void expect(uint32_t index);
-    void sent(uint32_t index, int result);
-    // A receive gave `result` and, on 0, `message` (whose descriptors it closes).
-    void received(int result, Kestrel::ipc::Message* message);
+    void sent(uint32_t index, int result, bool planted);
+    // A receive gave `result` and, on 0, `message` (whose descriptors it
+    // closes); `planted` says whether a fault took effect during it.
+    void received(int result, Kestrel::ipc::Message* message, bool planted);
     // Nothing came within the wait although messages are owed.
     void nothingArrived();
     // The connection was replaced by a new one: nothing more is owed.

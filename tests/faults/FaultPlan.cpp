@@ -28,7 +28,8 @@ struct Settings {
 
 Settings gSettings;
 std::atomic<uint64_t> gDecisions{0};
-std::atomic<uint64_t> gPlantedTotal{0};
+std::atomic<uint64_t> gPlantedTotal{0};  // decisions to plant, for the limit
+std::atomic<uint64_t> gTookEffect{0};    // faults planted that took effect
 std::atomic<uint64_t> gPlanted[kCallCount][kKindCount];
 
 const char* const kCallNames[kCallCount] = {"sendmmsg", "sendmsg", "recvmmsg", "recvmsg", "ppoll",
@@ -174,6 +175,15 @@ bool plant(Call call, const void* caller, Kind& kind) {
 
 void planted(Call call, Kind kind) {
     gPlanted[static_cast<size_t>(call)][static_cast<size_t>(kind)].fetch_add(1);
+    gTookEffect.fetch_add(1);
 }
+
+}  // namespace velacam::faults
+
+extern "C" __attribute__((visibility("default"))) uint64_t velacam_faults_planted() {
+    return velacam::faults::gTookEffect.load();
+}
+
+namespace velacam::faults {
 
 }  // namespace velacam::faults

@@ -11,6 +11,10 @@
 //   VELACAM_FAULT_REPORT  a file to which the planted faults are appended at exit,
 //                         one "call kind count" line each
 //
+// velacam_faults_planted() (C linkage) tells a program under the interposer
+// how many faults took effect so far, so that it can tell a failure that a
+// planted fault explains from one that an earlier fault left behind.
+//
 // Only calls made from the library itself (libvelacam_ipc_core) are eligible,
 // and each call takes only the faults the kernel can give it (see
 // faultApplies). Thread: decisions are lock-free; any thread may ask.

@@ -93,8 +93,9 @@ int transportScenario(uint32_t messages) {
             const uint32_t burst = index % 5 == 0 ? 3 : 1;
             for (uint32_t b = 0; b < burst && index <= messages; ++b, ++index) {
                 judge.expect(index);
+                const uint64_t planted = faultsPlanted();
                 const int result = sendAndRelease(ends.sender, index);
-                judge.sent(index, result);
+                judge.sent(index, result, faultsPlanted() != planted);
                 if (ContractJudge::breaksConnection(result)) {
                     ends.renew();
                     judge.renewed();
@@ -106,8 +107,9 @@ int transportScenario(uint32_t messages) {
                     break;
                 }
                 Message received;
+                const uint64_t planted = faultsPlanted();
                 const int result = ends.receiver.recv(&received);
-                judge.received(result, &received);
+                judge.received(result, &received, faultsPlanted() != planted);
                 if (ContractJudge::breaksConnection(result)) {
                     ends.renew();
                     judge.renewed();
@@ -132,9 +134,12 @@ int reactorScenario(uint32_t messages) {
         DefaultReactor reactor;
         handler->setRunnable(std::make_shared<FunctionRunnable>([&] {
             Message received;
+            const uint64_t planted = faultsPlanted();
             const int result = handler->receiveMessage(&received);
             std::lock_guard<std::mutex> lock(mutex);
-            judge.received(result, &received);
+            // The sender may plant faults meanwhile: a miss here, never a
+            // false alarm.
+            judge.received(result, &received, faultsPlanted() != planted);
             if (ContractJudge::breaksConnection(result)) {
                 broken = true;
                 (void)reactor.removeEventHandlerByFd(handler->fd());
@@ -150,9 +155,10 @@ int reactorScenario(uint32_t messages) {
                 std::lock_guard<std::mutex> lock(mutex);
                 judge.expect(index);
             }
+            const uint64_t planted = faultsPlanted();
             const int result = sendAndRelease(sender, index);
             std::unique_lock<std::mutex> lock(mutex);
-            judge.sent(index, result);
+            judge.sent(index, result, faultsPlanted() != planted);
             if (ContractJudge::breaksConnection(result) || broken) {
                 break;
             }
