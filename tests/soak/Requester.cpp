@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+constexpr std::chrono::microseconds kSpacing{1000};
 // Status a request completed by a failed send gets (never on the wire).
 constexpr uint8_t kLocalSendError = 0xEE;
 // How long a lenient requester (one that is stopped, or sends 253
@@ -35,6 +36,9 @@ constexpr uint8_t kLocalSendError = 0xEE;
 constexpr std::chrono::seconds kLostReply{60};
 
 struct Style {
+    // At most one request per `spacing`: a camera's pace, not a benchmark's,
+    // so that a long soak leaves the machine's cores to what runs beside it.
+    std::chrono::microseconds spacing;
     uint32_t window;
     uint32_t maxFds;  // descriptors per request: seq % (maxFds + 1), or maxFds when fixed
     bool fixedFds;
@@ -44,10 +48,10 @@ struct Style {
 
 Style styleOf(Role role) {
     switch (role) {
-        case Role::kFullDescriptors: return {1, kMaxDescriptors, true, true, false};
-        case Role::kDeaf: return {UINT32_MAX, 0, true, false, false};
-        case Role::kWellBehaved: return {kWindow, 3, false, true, true};
-        default: return {kWindow, 3, false, true, false};
+        case Role::kFullDescriptors: return {kSpacing, 1, kMaxDescriptors, true, true, false};
+        case Role::kDeaf: return {kSpacing / 4, UINT32_MAX, 0, true, false, false};
+        case Role::kWellBehaved: return {kSpacing, kWindow, 3, false, true, true};
+        default: return {kSpacing, kWindow, 3, false, true, false};
     }
 }
 
@@ -101,11 +105,16 @@ class Requester {
             if (stopping && (mInFlight.empty() || !mStyle.readsReplies)) {
                 break;
             }
-            if (!stopping && mInFlight.size() < mStyle.window) {
+            const auto now = Clock::now();
+            if (!stopping && mInFlight.size() < mStyle.window && now >= mNextSendAt) {
+                mNextSendAt = now + mStyle.spacing;
                 connected = sendNext();
                 continue;
             }
-            connected = awaitReply();
+            connected = awaitReply(stopping || mInFlight.size() >= mStyle.window
+                                           ? std::chrono::milliseconds(20)
+                                           : std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                     mNextSendAt - now));
         }
         mLatencies.into(mReport);
         sendReport(mPlan, mReport);
@@ -165,9 +174,9 @@ class Requester {
 
     // Waits a little for a reply and hands it to the registry. False once the
     // connection is gone.
-    bool awaitReply() {
+    bool awaitReply(std::chrono::milliseconds wait) {
         pollfd entry{mPlan.socketFd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, 20);
+        const int ready = ::poll(&entry, 1, static_cast<int>(wait.count()));
         if (ready > 0 && (entry.revents & POLLIN) != 0 && mStyle.readsReplies) {
             auto reply = std::make_unique<Message>();
             const int result = mSocket.recv(reply.get());
@@ -244,6 +253,7 @@ class Requester {
     std::deque<InFlight> mInFlight;
     Latencies mLatencies;
     uint32_t mNextSeq = 1;
+    Clock::time_point mNextSendAt;
     bool mCompleted = false;
 };
 

@@ -7,6 +7,7 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -95,7 +96,14 @@ class SoakServer::RequestHandler : public MessageHandler {
 
 SoakServer::SoakServer() {
     SocketPair idle = UnixDomainSocket::createPairedSocket(4096, 4096, true);
-    mIdle = std::make_shared<SocketEventHandler>(std::move(idle.first), EventType::READ);
+    const int wakeFd = idle.first.get();
+    auto idleHandler = std::make_shared<SocketEventHandler>(std::move(idle.first), EventType::READ);
+    idleHandler->setRunnable(std::make_shared<FunctionRunnable>([wakeFd] {
+        char byte;
+        while (::recv(wakeFd, &byte, 1, MSG_DONTWAIT) > 0) {
+        }
+    }));
+    mIdle = idleHandler;
     mIdlePeer = std::move(idle.second);
     mReactor.setHangUpListener(
             [this](int fd, short, const std::shared_ptr<Kestrel::ipc::EventHandler>&) {
@@ -143,6 +151,13 @@ void SoakServer::addClient(uint32_t slot, FileDescriptor&& end) {
     }
     count([](ServerCounters& c) { ++c.connectionsOpened; });
     (void)mReactor.registerEventHandler(connection->handler);
+    wake();
+}
+
+// A registration takes part from the reactor's next wait: end the current one.
+void SoakServer::wake() {
+    const char byte = 1;
+    (void)::send(mIdlePeer.get(), &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 void SoakServer::closeClient(uint32_t slot) {
@@ -193,6 +208,7 @@ void SoakServer::dequeued(const std::shared_ptr<Connection>& connection) {
     if (--connection->queued <= kQueuedPerClient / 2 && connection->paused.exchange(false) &&
         !connection->closed) {
         (void)mReactor.registerEventHandler(connection->handler);
+        wake();
     }
 }
 

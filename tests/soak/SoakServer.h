@@ -66,6 +66,7 @@ class SoakServer {
     void dequeued(const std::shared_ptr<Connection>& connection);
     void close(const std::shared_ptr<Connection>& connection);
     void hangUp(int fd);
+    void wake();
     template <typename Change>
     void count(Change change) {
         std::lock_guard<std::mutex> lock(mCountersMutex);
@@ -77,7 +78,8 @@ class SoakServer {
     Kestrel::ipc::utils::Thread mReactorThread;
     Kestrel::ipc::utils::Thread mLoopThread;
     // Keeps the reactor polling while no client is connected (it would spin
-    // without a handler).
+    // without a handler), and wakes it when a registration changed: a byte
+    // written to mIdlePeer.
     std::shared_ptr<Kestrel::ipc::EventHandler> mIdle;
     Kestrel::utils::sys::FileDescriptor mIdlePeer;
 
