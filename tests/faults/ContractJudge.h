@@ -50,6 +50,7 @@ class ContractJudge {
     std::deque<uint32_t> mExpected;  // sent whole, not yet received
     std::set<uint32_t> mFailedSends;
     uint32_t mLastReceived = 0;
+    bool mSenderBroke = false;  // a send left the connection unusable: what follows is its doing
     bool mFailureSinceLast = false;  // a receive failed since the last one that succeeded
     std::map<int, uint64_t> mSendResults;
     std::map<int, uint64_t> mReceiveResults;
