@@ -59,7 +59,8 @@ void ContractJudge::expect(uint32_t index) { mExpected.push_back(index); }
 
 uint64_t faultsPlanted() {
     using Count = uint64_t (*)();
-    static const auto count = reinterpret_cast<Count>(dlsym(RTLD_DEFAULT, "velacam_faults_planted"));
+    static const auto count =
+            reinterpret_cast<Count>(dlsym(RTLD_DEFAULT, "velacam_faults_planted"));
     return count != nullptr ? count() : 0;
 }
 

@@ -46,7 +46,8 @@ uint32_t parseList(const char* text, const char* const* names, size_t count) {
     const char* start = text;
     while (*start != '\0') {
         const char* end = std::strchr(start, ',');
-        const size_t length = end != nullptr ? static_cast<size_t>(end - start) : std::strlen(start);
+        const size_t length =
+                end != nullptr ? static_cast<size_t>(end - start) : std::strlen(start);
         if (length < sizeof(item)) {
             std::memcpy(item, start, length);
             item[length] = '\0';
@@ -93,7 +94,8 @@ __attribute__((constructor)) void readSettings() {
     }
     s.calls = parseList(std::getenv("VELACAM_FAULT_CALLS"), kCallNames, kCallCount);
     s.kinds = parseList(std::getenv("VELACAM_FAULT_KINDS"), kKindNames, kKindCount);
-    if (const char* limit = std::getenv("VELACAM_FAULT_LIMIT"); limit != nullptr && *limit != '\0') {
+    if (const char* limit = std::getenv("VELACAM_FAULT_LIMIT");
+        limit != nullptr && *limit != '\0') {
         s.limit = std::strtoull(limit, nullptr, 10);
     }
     s.report = std::getenv("VELACAM_FAULT_REPORT");
@@ -138,11 +140,15 @@ bool faultApplies(Call call, Kind kind) {
             return kind != Kind::kEmfile;
         case Call::kRecvmsg:
             return kind != Kind::kEmfile && kind != Kind::kShort;
-        case Call::kPpoll: return kind == Kind::kEintr || kind == Kind::kEnomem;
+        case Call::kPpoll:
+            return kind == Kind::kEintr || kind == Kind::kEnomem;
         case Call::kRead:
-        case Call::kWrite: return kind == Kind::kEintr || kind == Kind::kEagain;
-        case Call::kEventfd: return kind == Kind::kEmfile || kind == Kind::kEnomem;
-        case Call::kClose: return kind == Kind::kEintr;
+        case Call::kWrite:
+            return kind == Kind::kEintr || kind == Kind::kEagain;
+        case Call::kEventfd:
+            return kind == Kind::kEmfile || kind == Kind::kEnomem;
+        case Call::kClose:
+            return kind == Kind::kEintr;
     }
     return false;
 }
@@ -150,8 +156,8 @@ bool faultApplies(Call call, Kind kind) {
 bool plant(Call call, const void* caller, Kind& kind) {
     const Settings& s = gSettings;
     const auto address = reinterpret_cast<uintptr_t>(caller);
-    if (!s.ready || (s.calls & (1u << static_cast<unsigned>(call))) == 0 ||
-        address < s.textStart || address >= s.textEnd) {
+    if (!s.ready || (s.calls & (1u << static_cast<unsigned>(call))) == 0 || address < s.textStart ||
+        address >= s.textEnd) {
         return false;
     }
     Kind applicable[kKindCount];
@@ -184,6 +190,4 @@ extern "C" __attribute__((visibility("default"))) uint64_t velacam_faults_plante
     return velacam::faults::gTookEffect.load();
 }
 
-namespace velacam::faults {
-
-}  // namespace velacam::faults
+namespace velacam::faults {}  // namespace velacam::faults

@@ -25,7 +25,17 @@
 
 namespace velacam::faults {
 
-enum class Call : uint8_t { kSendmmsg, kSendmsg, kRecvmmsg, kRecvmsg, kPpoll, kRead, kWrite, kEventfd, kClose };
+enum class Call : uint8_t {
+    kSendmmsg,
+    kSendmsg,
+    kRecvmmsg,
+    kRecvmsg,
+    kPpoll,
+    kRead,
+    kWrite,
+    kEventfd,
+    kClose
+};
 constexpr size_t kCallCount = 9;
 enum class Kind : uint8_t { kEintr, kEagain, kEnomem, kEmfile, kEconnreset, kShort, kCtrunc };
 constexpr size_t kKindCount = 7;

@@ -30,12 +30,18 @@ Function next(const char* name) {
 
 int errnoOf(Kind kind) {
     switch (kind) {
-        case Kind::kEintr: return EINTR;
-        case Kind::kEagain: return EAGAIN;
-        case Kind::kEnomem: return ENOMEM;
-        case Kind::kEmfile: return EMFILE;
-        case Kind::kEconnreset: return ECONNRESET;
-        default: return 0;
+        case Kind::kEintr:
+            return EINTR;
+        case Kind::kEagain:
+            return EAGAIN;
+        case Kind::kEnomem:
+            return ENOMEM;
+        case Kind::kEmfile:
+            return EMFILE;
+        case Kind::kEconnreset:
+            return ECONNRESET;
+        default:
+            return 0;
     }
 }
 
@@ -95,8 +101,7 @@ ssize_t sendmsg(int fd, const msghdr* header, int flags) {
 }
 
 int recvmmsg(int fd, mmsghdr* vector, unsigned int count, int flags, timespec* timeout) {
-    static const auto real =
-            next<int (*)(int, mmsghdr*, unsigned int, int, timespec*)>("recvmmsg");
+    static const auto real = next<int (*)(int, mmsghdr*, unsigned int, int, timespec*)>("recvmmsg");
     Kind kind;
     if (velacam::faults::plant(Call::kRecvmmsg, __builtin_return_address(0), kind)) {
         if (kind == Kind::kShort && count > 1) {

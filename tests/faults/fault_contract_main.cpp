@@ -21,9 +21,9 @@
 namespace {
 
 // The fatal lines the library documents for failures of the calls planted.
-constexpr const char* kDocumentedFatal[] = {
-        "create event notification failed", "handle exit event failed",
-        "request Reactor to exit failed"};
+constexpr const char* kDocumentedFatal[] = {"create event notification failed",
+                                            "handle exit event failed",
+                                            "request Reactor to exit failed"};
 
 std::string tailOf(const char* path) {
     std::string text;
@@ -98,7 +98,8 @@ bool runChild(const char* name, int (*scenario)(uint32_t), uint32_t messages) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const uint32_t messages = argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 300;
+    const uint32_t messages =
+            argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 300;
     bool held = runChild("transport", velacam::faults::transportScenario, messages);
     held = runChild("reactor", velacam::faults::reactorScenario, messages) && held;
     return held ? 0 : 1;

@@ -43,10 +43,10 @@ bool owedEverything(Role role) {
 struct Slot {
     Role role = Role::kWellBehaved;
     pid_t pid = -1;
-    Clock::time_point finishAt;   // SIGUSR1 then
-    Clock::time_point killAt;     // SIGKILL then (time_point::max() for never)
-    Clock::time_point stopAt;     // the next SIGSTOP (max() for never)
-    Clock::time_point resumeAt;   // SIGCONT of a stopped client
+    Clock::time_point finishAt;  // SIGUSR1 then
+    Clock::time_point killAt;    // SIGKILL then (time_point::max() for never)
+    Clock::time_point stopAt;    // the next SIGSTOP (max() for never)
+    Clock::time_point resumeAt;  // SIGCONT of a stopped client
     bool stopped = false;
     bool finishing = false;
     bool killedOnPurpose = false;
@@ -121,7 +121,8 @@ class Orchestrator {
     }
 
     milliseconds between(int64_t low, int64_t high) {
-        return milliseconds(low + static_cast<int64_t>(mRandom() % static_cast<uint64_t>(high - low)));
+        return milliseconds(low +
+                            static_cast<int64_t>(mRandom() % static_cast<uint64_t>(high - low)));
     }
 
     void start(uint32_t index, Role role, Clock::time_point end) {
@@ -155,7 +156,9 @@ class Orchestrator {
         slot.stopAt = never;
         slot.killAt = never;
         switch (role) {
-            case Role::kWellBehaved: slot.finishAt = end; break;
+            case Role::kWellBehaved:
+                slot.finishAt = end;
+                break;
             case Role::kRequesterToKill:
                 slot.finishAt = never;
                 slot.killAt = now + between(300, 4000);
@@ -164,11 +167,17 @@ class Orchestrator {
                 slot.finishAt = now + between(3000, 8000);
                 slot.stopAt = now + between(200, 1000);
                 break;
-            case Role::kFullDescriptors: slot.finishAt = now + between(2000, 6000); break;
+            case Role::kFullDescriptors:
+                slot.finishAt = now + between(2000, 6000);
+                break;
             // Longer than the reply bound: a server whose reply to it blocks
             // for as long as it does not read starves the others past it.
-            case Role::kDeaf: slot.finishAt = now + between(15000, 25000); break;
-            default: slot.finishAt = now + milliseconds(10000); break;
+            case Role::kDeaf:
+                slot.finishAt = now + between(15000, 25000);
+                break;
+            default:
+                slot.finishAt = now + milliseconds(10000);
+                break;
         }
     }
 

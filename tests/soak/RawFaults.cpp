@@ -117,8 +117,8 @@ int stall(const ClientPlan& plan, std::mt19937_64& random, ClientReport& report)
         // Half the stalls end within the server's 1 s payload wait, half
         // beyond it.
         const bool beyond = random() % 2 == 0;
-        const auto pause = std::chrono::milliseconds(beyond ? 1500 + random() % 1500
-                                                            : 100 + random() % 600);
+        const auto pause =
+                std::chrono::milliseconds(beyond ? 1500 + random() % 1500 : 100 + random() % 600);
         const RequestBody body = bodyOf(plan, seq, 1);
         if (!sendHeader(plan.socketFd, seq, sizeof(body), 1)) {
             break;
@@ -153,10 +153,16 @@ int runRawFaults(const ClientPlan& plan) {
     ClientReport report = newReport(plan);
     int status = 0;
     switch (plan.role) {
-        case Role::kHalfSender: return halfSend(plan);
-        case Role::kStaller: status = stall(plan, random, report); break;
-        case Role::kLiar: status = lie(plan, random, report); break;
-        default: return 2;
+        case Role::kHalfSender:
+            return halfSend(plan);
+        case Role::kStaller:
+            status = stall(plan, random, report);
+            break;
+        case Role::kLiar:
+            status = lie(plan, random, report);
+            break;
+        default:
+            return 2;
     }
     sendReport(plan, report);
     return status;

@@ -48,10 +48,14 @@ struct Style {
 
 Style styleOf(Role role) {
     switch (role) {
-        case Role::kFullDescriptors: return {kSpacing, 1, kMaxDescriptors, true, true, false};
-        case Role::kDeaf: return {kSpacing / 4, UINT32_MAX, 0, true, false, false};
-        case Role::kWellBehaved: return {kSpacing, kWindow, 3, false, true, true};
-        default: return {kSpacing, kWindow, 3, false, true, false};
+        case Role::kFullDescriptors:
+            return {kSpacing, 1, kMaxDescriptors, true, true, false};
+        case Role::kDeaf:
+            return {kSpacing / 4, UINT32_MAX, 0, true, false, false};
+        case Role::kWellBehaved:
+            return {kSpacing, kWindow, 3, false, true, true};
+        default:
+            return {kSpacing, kWindow, 3, false, true, false};
     }
 }
 
@@ -131,10 +135,10 @@ class Requester {
     bool sendNext() {
         const uint32_t seq = mNextSeq++;
         const uint32_t fdCount = mStyle.fixedFds ? mStyle.maxFds : seq % (mStyle.maxFds + 1);
-        const std::vector<int> fds =
-                fdCount == 0 ? std::vector<int>{}
-                             : mPool.fill(seq % std::min(mStyle.window, kWindow), fdCount,
-                                          mPlan.slot, seq);
+        const std::vector<int> fds = fdCount == 0
+                                             ? std::vector<int>{}
+                                             : mPool.fill(seq % std::min(mStyle.window, kWindow),
+                                                          fdCount, mPlan.slot, seq);
         Message request;
         const RequestBody body{mPlan.slot, seq, static_cast<uint32_t>(fds.size()), kRequestMagic};
         request.setHeader(seq, kRequestType, 0, sizeof(body), static_cast<uint16_t>(fds.size()));

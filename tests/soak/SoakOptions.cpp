@@ -26,9 +26,12 @@ struct FaultName {
     Role role;
 };
 constexpr FaultName kFaultNames[] = {
-        {"kill", Role::kRequesterToKill}, {"stop", Role::kRequesterToStop},
-        {"half", Role::kHalfSender},      {"stall", Role::kStaller},
-        {"lie", Role::kLiar},             {"fds253", Role::kFullDescriptors},
+        {"kill", Role::kRequesterToKill},
+        {"stop", Role::kRequesterToStop},
+        {"half", Role::kHalfSender},
+        {"stall", Role::kStaller},
+        {"lie", Role::kLiar},
+        {"fds253", Role::kFullDescriptors},
         {"deaf", Role::kDeaf},
 };
 
@@ -141,11 +144,16 @@ CommandLine parseCommandLine(int argc, char** argv) {
 
 std::string clientArgument(const ClientPlan& plan, int field) {
     switch (field) {
-        case 0: return std::to_string(static_cast<unsigned>(plan.role));
-        case 1: return std::to_string(plan.slot);
-        case 2: return std::to_string(plan.seed);
-        case 3: return std::to_string(plan.socketFd);
-        default: return std::to_string(plan.reportFd);
+        case 0:
+            return std::to_string(static_cast<unsigned>(plan.role));
+        case 1:
+            return std::to_string(plan.slot);
+        case 2:
+            return std::to_string(plan.seed);
+        case 3:
+            return std::to_string(plan.socketFd);
+        default:
+            return std::to_string(plan.reportFd);
     }
 }
 

@@ -36,14 +36,14 @@ int descriptorTag(char* out, size_t room, uint32_t client, uint32_t seq, uint32_
 
 // What one client process is told to be.
 enum class Role : uint8_t {
-    kWellBehaved,     // requests with descriptors, replies checked, latency bounded
-    kRequesterToKill, // requests as a well-behaved one; killed (SIGKILL) at a random moment
-    kRequesterToStop, // requests as a well-behaved one; stopped for seconds, then resumed
-    kHalfSender,      // sends a header, then kills itself before the payload
-    kStaller,         // stalls between the two records of its messages
-    kLiar,            // headers that lie about the payload
-    kFullDescriptors, // messages carrying 253 descriptors, the most one record holds
-    kDeaf,            // sends requests and never reads a reply
+    kWellBehaved,      // requests with descriptors, replies checked, latency bounded
+    kRequesterToKill,  // requests as a well-behaved one; killed (SIGKILL) at a random moment
+    kRequesterToStop,  // requests as a well-behaved one; stopped for seconds, then resumed
+    kHalfSender,       // sends a header, then kills itself before the payload
+    kStaller,          // stalls between the two records of its messages
+    kLiar,             // headers that lie about the payload
+    kFullDescriptors,  // messages carrying 253 descriptors, the most one record holds
+    kDeaf,             // sends requests and never reads a reply
 };
 constexpr size_t kRoleCount = 8;
 const char* roleName(Role role);
@@ -90,9 +90,9 @@ struct ClientReport {
     uint32_t slot;
     Role role;
     uint8_t reserved[3];
-    uint64_t requests;         // requests sent whole
-    uint64_t replies;          // replies received and matched
-    uint64_t failedReplies;    // replies whose status was not kReplyOk
+    uint64_t requests;       // requests sent whole
+    uint64_t replies;        // replies received and matched
+    uint64_t failedReplies;  // replies whose status was not kReplyOk
     uint64_t sendErrors[kErrorKinds];
     uint64_t descriptorsSent;
     uint64_t stallsWithinBound;  // stalls between records shorter than the payload wait

@@ -28,13 +28,13 @@
 namespace velacam::soak {
 
 struct ServerCounters {
-    uint64_t requests = 0;           // requests taken off the loop
-    uint64_t replies = 0;            // replies sent whole
-    uint64_t refusedRequests = 0;    // replies with a status other than kReplyOk
+    uint64_t requests = 0;         // requests taken off the loop
+    uint64_t replies = 0;          // replies sent whole
+    uint64_t refusedRequests = 0;  // replies with a status other than kReplyOk
     uint64_t descriptorsReceived = 0;
     uint64_t receiveErrors[kErrorKinds] = {};
     uint64_t sendErrors[kErrorKinds] = {};
-    uint64_t notRequests = 0;        // messages of another type (a peer gone, or lying)
+    uint64_t notRequests = 0;  // messages of another type (a peer gone, or lying)
     uint64_t hangUps = 0;
     uint64_t connectionsOpened = 0;
     uint64_t connectionsClosed = 0;

@@ -53,8 +53,8 @@ void SoakTally::add(const ClientReport& report) {
     if (report.violations != 0) {
         violation("client " + std::to_string(report.slot) + " (" + roleName(report.role) +
                   "): " + std::to_string(report.violations) + " violation(s), the first: " +
-                  std::string(report.firstViolation, strnlen(report.firstViolation,
-                                                              sizeof(report.firstViolation))));
+                  std::string(report.firstViolation,
+                              strnlen(report.firstViolation, sizeof(report.firstViolation))));
     }
 }
 
@@ -69,7 +69,8 @@ void SoakTally::print(std::FILE* out) const {
                  "bounds: each well-behaved request ends once, in order, within %lld ms; server "
                  "descriptors back to their start exactly; RSS at most %.0f MiB above its start\n",
                  static_cast<long long>(kReplyBound.count()), mebibytes(kRssToleranceBytes));
-    std::fprintf(out, "\n%-48s %s\n", "well-behaved requests sent", std::to_string(good.requests).c_str());
+    std::fprintf(out, "\n%-48s %s\n", "well-behaved requests sent",
+                 std::to_string(good.requests).c_str());
     std::fprintf(out, "%-48s %llu\n", "  replies, in order, status ok",
                  static_cast<unsigned long long>(good.replies));
     std::fprintf(out, "%-48s %llu (%s)\n", "  documented errors (send refused, nothing sent)",
@@ -93,7 +94,8 @@ void SoakTally::print(std::FILE* out) const {
                  static_cast<unsigned long long>(stallsWithinBound),
                  static_cast<unsigned long long>(stallsBeyondBound));
     for (size_t i = 0; i < kLieCount; ++i) {
-        std::fprintf(out, "  %-46s %llu\n", (std::string("  lie: ") + lieName(static_cast<Lie>(i))).c_str(),
+        std::fprintf(out, "  %-46s %llu\n",
+                     (std::string("  lie: ") + lieName(static_cast<Lie>(i))).c_str(),
                      static_cast<unsigned long long>(lies[i]));
     }
     const RoleTally& full = roles[static_cast<size_t>(Role::kFullDescriptors)];
@@ -108,11 +110,14 @@ void SoakTally::print(std::FILE* out) const {
     std::fprintf(out, "  %-46s %llu (%llu refused as malformed or wrong)\n", "requests served",
                  static_cast<unsigned long long>(server.requests),
                  static_cast<unsigned long long>(server.refusedRequests));
-    std::fprintf(out, "  %-46s %llu\n", "replies sent", static_cast<unsigned long long>(server.replies));
+    std::fprintf(out, "  %-46s %llu\n", "replies sent",
+                 static_cast<unsigned long long>(server.replies));
     std::fprintf(out, "  %-46s %llu\n", "descriptors received (and closed)",
                  static_cast<unsigned long long>(server.descriptorsReceived));
-    std::fprintf(out, "  %-46s %s\n", "receive errors by kind", errorsText(server.receiveErrors).c_str());
-    std::fprintf(out, "  %-46s %s\n", "reply send errors by kind", errorsText(server.sendErrors).c_str());
+    std::fprintf(out, "  %-46s %s\n", "receive errors by kind",
+                 errorsText(server.receiveErrors).c_str());
+    std::fprintf(out, "  %-46s %s\n", "reply send errors by kind",
+                 errorsText(server.sendErrors).c_str());
     std::fprintf(out, "  %-46s %llu\n", "messages not requests (peer gone or lying)",
                  static_cast<unsigned long long>(server.notRequests));
     std::fprintf(out, "  %-46s %llu hang-ups; %llu opened, %llu closed\n", "connections",

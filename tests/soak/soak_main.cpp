@@ -4,8 +4,8 @@
 #include <ipc/utils/Process.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 
 #include "ClientPlan.h"
 #include "Orchestrator.h"
@@ -34,8 +34,8 @@ int main(int argc, char** argv) {
     ::unsetenv("LD_PRELOAD");
     SoakOptions options = *command.soak;
     if (!options.seedGiven) {
-        options.seed = static_cast<uint64_t>(
-                std::chrono::system_clock::now().time_since_epoch().count());
+        options.seed =
+                static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
     }
     std::printf("soak: seed %llu (replay with --seed %llu)\n",
                 static_cast<unsigned long long>(options.seed),
