@@ -63,7 +63,8 @@ struct Ends {
 int finish(const char* name, const ContractJudge& judge, size_t descriptorsBefore) {
     const size_t after = openDescriptorCount();
     const bool leakFree = after == descriptorsBefore;
-    std::printf("%s: %s; descriptors %zu before, %zu after%s\n", name, judge.summary().c_str(),
+    std::printf("%s: %s; faults planted %llu; descriptors %zu before, %zu after%s\n", name,
+                judge.summary().c_str(), static_cast<unsigned long long>(faultsPlanted()),
                 descriptorsBefore, after, leakFree ? "" : "; VIOLATION: descriptors leaked");
     std::fflush(stdout);
     return judge.kept() && leakFree ? 0 : 1;
