@@ -151,16 +151,6 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
 
 using CarelessCallerDeathTest = ::testing::Test;
 
-TEST_F(CarelessCallerDeathTest, MovingAStartedThreadEndsTheProcess) {
-    EXPECT_DEATH(
-            {
-                utils::Thread started(new FunctionRunnable([] {}), true);
-                started.start();
-                utils::Thread moved(std::move(started));
-            },
-            "cannot move a started thread");
-}
-
 TEST_F(CarelessCallerDeathTest, ThrowingTaskOrRunnableEndsTheProcessNamingTheException) {
     EXPECT_DEATH(
             {
