@@ -1,6 +1,7 @@
 // A careless caller: the library closes what it drops and never what it has
 // handed out, stays stoppable, keeps alive what still runs and ends the
 // process only saying why.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/CountingSemaphore.h>
@@ -178,6 +179,9 @@ TEST(CarelessCallerTest, HugePayloadTimeout_StillWaitsForALatePayload) {
     const ScopedLeakCheck leaks;
     Watchdog watchdog("late payload", 20s);
     SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    // Non-blocking: the wait for the payload is the library's own, up to its
+    // deadline.
+    ASSERT_EQ(fcntl(pair.first.get(), F_SETFL, O_NONBLOCK), 0);
     UnixDomainSocket receiver;
     receiver.bind(std::move(pair.first));
     receiver.setPayloadTimeout(std::chrono::milliseconds::max());
