@@ -153,7 +153,7 @@ TEST(CarelessCallerTest, MovedFromMessagesDroppedByAQueueLoopOrTable_DoNotEndThe
 }
 
 TEST(CarelessCallerTest, DroppingAMessage_ClosesItsDescriptorsWithoutCopyingItsPayload) {
-    constexpr long kPayloadKiB = 64 * 1024;
+    constexpr long kPayloadKiB = 16 * 1024;
     auto message = makeMessage(1, std::vector<uint8_t>(kPayloadKiB * 1024, 'd'),
                                {eventfd(0, EFD_CLOEXEC)});
     const int descriptor = message->payload().fds.at(0);
