@@ -98,14 +98,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 
 #include "ipc/Export.h"
 
 namespace Kestrel::ipc {
 
 class RecordPair;
-class SpillRegion;
 
 class IPC_EXPORT UnixDomainSocket {
   public:
@@ -209,15 +207,14 @@ class IPC_EXPORT UnixDomainSocket {
     static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
 
     // recv(Message*) with one recvmmsg for both records (the payload record
-    // straight into `storage`, any part beyond its room into `spill`;
-    // `inPlace` when `storage` is the message's own), or with a recvmsg for
-    // each, the second sized from the header.
-    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
-                                  SpillRegion& spill);
+    // straight into `storage`, any part beyond its room into the thread's
+    // receive buffer; `inPlace` when `storage` is the message's own), or with
+    // a recvmsg for each, the second sized from the header.
+    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace);
     [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
     // The payload record that recvmmsg brought, put in its place in `storage`
     // behind the header, with its descriptors.
-    [[nodiscard]] int placePayload(Message::Storage& storage, RecordPair& records,
+    [[nodiscard]] int placePayload(Message::Storage& storage, const RecordPair& records,
                                    const Message::Counts& counts);
     // The payload record of the `header` (which may lie in `storage`) with a
     // recvmsg of its own.
@@ -230,23 +227,24 @@ class IPC_EXPORT UnixDomainSocket {
     // which gets the `header` bytes in front.
     [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,
                                      uint32_t dataCount, uint16_t fdCount);
+    // Whether a payload record of `length` bytes (`truncated`: longer than
+    // kMaxInlineData) stands for a header announcing `counts`: 0, or the
+    // refusal (-90, -74), logged and left in errno.
+    [[nodiscard]] int refusePayload(const Message::Counts& counts, size_t length,
+                                    bool truncated) const;
+    // True once the peer has closed its end (or shut down its sending side).
+    bool peerHasClosed() const;
     // Remembers how large the payloads on this socket run: the room for the
-    // next one in a single call is the last one's size. After a payload of
-    // kOneCallLargest bytes or more, the next kOneByOneAfterLarge messages are
-    // read a record at a time, each into storage sized from its header.
+    // next one in a single call is the last one's size.
     void noteReceivedPayload(const Message::Counts& counts);
-    static constexpr size_t kOneCallLargest = std::numeric_limits<uint16_t>::max();
-    static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
-    // Both sit where the alignment of the next member left room: messages
-    // still to be read a record at a time, and the last payload's bytes
-    // (data and descriptors) when it was below kOneCallLargest.
-    uint8_t mLargePayloadsLately = 0;
+    // Sits where the alignment of the next member left room: the last
+    // payload's bytes (data and descriptors), at most 65535.
     uint16_t mLastPayloadBytes = 0;
     std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
 };

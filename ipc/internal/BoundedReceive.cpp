@@ -35,7 +35,7 @@ int waitUntilReady(int socketFd, short events, const Deadline& deadline) {
 ssize_t receiveOnce(int socketFd, msghdr* header, int flags) {
     ssize_t received;
     do {
-        received = ::recvmsg(socketFd, header, flags);
+        received = ::recvmsg(socketFd, header, flags | MSG_CMSG_CLOEXEC);
     } while (received < 0 && errno == EINTR);
     return received;
 }
