@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace Kestrel::ipc::receive_buffer {
@@ -26,26 +27,47 @@ void unmapAtThreadExit(void* base) {
     tBuffer = ThreadBuffer{nullptr, State::kNone};
 }
 
-// The key whose destructor unmaps a thread's buffer, or null when it could
-// not be created (every thread then reads a record at a time).
-const pthread_key_t* exitKey() {
-    static pthread_key_t key;
-    static const bool created = ::pthread_key_create(&key, unmapAtThreadExit) == 0;
-    return created ? &key : nullptr;
+// The key whose destructor unmaps a thread's buffer, created on the first
+// mapping. Trivially destructible, as the thread state is.
+struct ExitKey {
+    pthread_key_t key;
+    std::atomic<bool> usable;
+};
+ExitKey gExitKey{};
+
+// Deletes the key when the library is unloaded (or the process exits), so
+// that no thread ending later calls into code that is gone; a buffer mapped
+// by then stays mapped.
+struct ExitKeyDeleter {
+    ~ExitKeyDeleter() {
+        if (gExitKey.usable.exchange(false)) {
+            ::pthread_key_delete(gExitKey.key);
+        }
+    }
+};
+
+// Registers `buffer` for unmapping at this thread's exit: false when there
+// is no key (none could be created, or it is deleted).
+bool unmapAtExit(void* buffer) {
+    static const bool created = [] {
+        if (::pthread_key_create(&gExitKey.key, unmapAtThreadExit) != 0) {
+            return false;
+        }
+        gExitKey.usable.store(true);
+        static ExitKeyDeleter deleter;  // destroyed before anything made earlier
+        return true;
+    }();
+    return created && gExitKey.usable.load() && ::pthread_setspecific(gExitKey.key, buffer) == 0;
 }
 
 unsigned char* mapForThisThread() {
     tBuffer.state = State::kNone;
-    const pthread_key_t* const key = exitKey();
-    if (key == nullptr) {
-        return nullptr;
-    }
     void* const base =
             ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) {
         return nullptr;
     }
-    if (::pthread_setspecific(*key, base) != 0) {
+    if (!unmapAtExit(base)) {
         ::munmap(base, kBytes);
         return nullptr;
     }

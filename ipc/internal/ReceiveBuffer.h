@@ -14,7 +14,9 @@
 // ends, after the thread's thread_local destructors (a receive from one of
 // them still has it); a receive after that (from another library's
 // thread-exit destructor) is told there is none. The main thread's buffer
-// stays until the process ends, so static destructors still have it.
+// stays until the process ends, so static destructors still have it, and so
+// does every buffer once the library is unloaded (no thread may end by
+// calling into code that is gone).
 // Failure: forThisThread() gives null where the buffer cannot be had (no
 // memory or address space left); the thread is then told so on every later
 // receive too, and reads a record at a time.
