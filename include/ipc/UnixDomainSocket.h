@@ -20,10 +20,10 @@
 // and room left unused is given back. Each thread that receives keeps that
 // buffer, 64 KiB of address space and commit charge, resident only as far as
 // records spilled into it; it is mapped on the thread's first receive and
-// unmapped when the thread ends, after its thread_local destructors. Where it
-// cannot be had (no memory or address space left) and on a socket whose
-// payload wait is unbounded, a message is read a record at a time, the second
-// into storage sized from its header.
+// unmapped when the thread ends, after its thread_local destructors. A
+// thread that could not have it (no memory or address space left at its first
+// receive) and a socket whose payload wait is unbounded read a message a
+// record at a time, the second into storage sized from its header.
 //
 // Ownership: the object owns its socket descriptor (closed on destruction).
 // Descriptors sent stay owned by the sender; descriptors received are new
