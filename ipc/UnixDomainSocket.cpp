@@ -14,9 +14,9 @@
 #include "internal/BoundedReceive.h"
 #include "internal/ControlBuffer.h"
 #include "internal/OutgoingRecord.h"
+#include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
-#include "internal/SpillRegion.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
@@ -42,10 +42,6 @@ constexpr size_t kRecordOverhead = 32;
 // Every send buffer holds a record this large (the kernel's smallest send
 // buffer is 4608 bytes), so smaller payloads are sent without asking.
 constexpr size_t kRecordAlwaysFits = 4096;
-// A payload announced above this is measured (MSG_PEEK | MSG_TRUNC) before
-// memory is taken for it; below it one allocation of the announced size is
-// cheaper than the extra call.
-constexpr size_t kMeasureAbove = size_t{1} << 20;
 // The debug lines of a message's records name the single-record operations.
 constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
 constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
@@ -245,12 +241,9 @@ int UnixDomainSocket::recv(Message* message) {
     // recvmmsg cut short with no time-out set leaves the kernel's ERESTARTSYS
     // (512) in the socket, which a send on another thread would be handed.
     // Unbound, the record-by-record path gives -2 as the header's receive does.
-    SpillRegion* const spill =
-            mLargePayloadsLately == 0 && mPayloadTimeout.count() != 0 && isBound()
-                    ? SpillRegion::forThisThread()
-                    : nullptr;
-    const int result = spill != nullptr ? receiveBoth(message, storage, inPlace != nullptr, *spill)
-                                        : receiveOneByOne(message, storage);
+    const int result = mPayloadTimeout.count() != 0 && isBound()
+                               ? receiveBoth(message, storage, inPlace != nullptr)
+                               : receiveOneByOne(message, storage);
     if (result < 0) {
         return result;
     }
@@ -267,17 +260,15 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
         IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
         return result;
     }
-    const Message::Counts counts = Message::countsOf(header);
-    noteReceivedPayload(counts);
-    return receivePayloadAlone(storage, header, counts);
+    return receivePayloadAlone(storage, header, Message::countsOf(header));
 }
 
-int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
-                                  SpillRegion& spill) {
+int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace) {
     const int socketFd = mSocketFd.get();
     // The payload record goes behind the header, into room for one as large
     // as the last (at least a new message's reserved bytes), and what does
-    // not fit there into the spill region.
+    // not fit there into the thread's receive buffer: kMaxInlineData bytes in
+    // all.
     const size_t sizeBefore = storage.size();
     try {
         storage.resize(std::max({storage.capacity(), Message::kReservedStorage,
@@ -285,12 +276,17 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     } catch (const std::bad_alloc&) {
         return receiveOneByOne(message, storage);
     }
+    const size_t room = storage.size() - Message::kHeaderSize;
+    unsigned char* const buffer = room < kMaxInlineData ? receive_buffer::forThisThread() : nullptr;
+    if (room < kMaxInlineData && buffer == nullptr) {
+        storage.resize(sizeBefore);
+        return receiveOneByOne(message, storage);
+    }
     // Taken after the growth: the storage may be the message's own, which
     // this call has to itself.
     uint8_t* const header = inPlace ? storage.data() : message->header().first;
     logReceiveBefore(socketFd, 0);  // the header record's
-    RecordPair records(header, storage.data() + Message::kHeaderSize,
-                       storage.size() - Message::kHeaderSize, spill);
+    RecordPair records(header, storage.data() + Message::kHeaderSize, room, buffer);
     int received;
     do {
         received = records.receive(socketFd);
@@ -308,7 +304,6 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
         std::memcpy(storage.data(), header, Message::kHeaderSize);
     }
     const Message::Counts counts = Message::countsOf(header);
-    noteReceivedPayload(counts);
     if (received == 1) {
         // The header alone: the wait for the payload record ran out or a
         // signal cut it short (which leaves EINTR in the socket for its next
@@ -333,32 +328,55 @@ int UnixDomainSocket::receivePayloadAlone(Message::Storage& storage, const uint8
 }
 
 int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
-    storage.resize(Message::kHeaderSize);  // in place: back to the header alone
+    // In place: back to the header alone, and no room kept for what was refused.
+    storage.resize(Message::kHeaderSize);
+    if (storage.capacity() > Message::kReservedStorage) {
+        storage.shrink_to_fit();
+    }
     IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
     return result;
 }
 
 void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
     const size_t bytes = size_t{counts.data} + sizeof(int) * counts.fds;
-    if (bytes >= kOneCallLargest) {
-        mLargePayloadsLately = kOneByOneAfterLarge;
-        return;
-    }
-    mLastPayloadBytes = static_cast<uint16_t>(bytes);
-    if (mLargePayloadsLately > 0) {
-        --mLargePayloadsLately;
-    }
+    mLastPayloadBytes =
+            static_cast<uint16_t>(std::min<size_t>(bytes, std::numeric_limits<uint16_t>::max()));
 }
 
-int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& records,
+int UnixDomainSocket::refusePayload(const Message::Counts& counts, size_t length,
+                                    bool truncated) const {
+    int refusal = 0;
+    if (counts.data > kMaxInlineData) {
+        IPC_LOGE("the header announces %u data bytes, more than the %zu a message carries",
+                 counts.data, kMaxInlineData);
+        refusal = -EMSGSIZE;
+    } else if (truncated) {
+        IPC_LOGE("the payload record is longer than the %zu data bytes a message carries",
+                 kMaxInlineData);
+        refusal = -EMSGSIZE;
+    } else if (length < counts.data && !(length == 0 && peerHasClosed())) {
+        // An empty record at end of stream is the peer gone between the two
+        // records: its data reads as zeros, as it always has.
+        IPC_LOGE("the payload record of %zu bytes is shorter than the %u announced", length,
+                 counts.data);
+        refusal = -EBADMSG;
+    }
+    errno = -refusal;
+    return refusal;
+}
+
+bool UnixDomainSocket::peerHasClosed() const {
+    pollfd entry{mSocketFd.get(), POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) == 1 && (entry.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+int UnixDomainSocket::placePayload(Message::Storage& storage, const RecordPair& records,
                                    const Message::Counts& counts) {
     const size_t received = records.payloadLength();
-    if (received < counts.data && counts.data > kMeasureAbove) {
-        IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced",
-                 static_cast<ssize_t>(received), counts.data);
+    const int refusal = refusePayload(counts, received, records.truncated());
+    if (refusal != 0) {
         closeAllReceived(records.payloadRecord());
-        errno = EBADMSG;
-        return -EBADMSG;
+        return refusal;
     }
     try {
         storage.resize(Message::kHeaderSize + counts.data + sizeof(int) * counts.fds);
@@ -376,11 +394,11 @@ int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& record
     uint8_t* const data = storage.data() + Message::kHeaderSize;
     const size_t kept = std::min<size_t>(received, counts.data);
     records.gatherInto(data, kept);
-    // A shorter record (a peer gone between the two records reads as 0
-    // bytes) leaves the rest of the data as zeros; what a longer one brings
-    // past the announced size is dropped.
+    // What a longer record brings past the announced size is dropped; a peer
+    // gone between the two records leaves the data as zeros.
     std::memset(data + kept, 0, counts.data - kept);
     clearSlots(data + counts.data, counts.fds);
+    noteReceivedPayload(counts);
     if (counts.fds == 0) {
         closeAllReceived(records.payloadRecord());  // none announced: none is taken
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
@@ -397,6 +415,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     iovec vector{nullptr, 0};
     msghdr record = control.recordHeader(&vector);
+    const Message::Counts counts{dataCount, fdCount};
 
     // Takes the record with no room for data, closing whatever came with it.
     // A record that does not come leaves the connection out of step.
@@ -421,17 +440,9 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
         return receiveFailure();
     };
 
-    if (dataCount > kMeasureAbove) {
-        msghdr probe{};
-        const ssize_t length = receiveBy(socketFd, &probe, MSG_PEEK | MSG_TRUNC, deadline);
-        if (length < 0) {
-            return waitFailed();
-        }
-        if (static_cast<size_t>(length) < dataCount) {
-            IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced", length,
-                     dataCount);
-            return discard(EBADMSG);
-        }
+    // Refused before memory is taken for it.
+    if (dataCount > kMaxInlineData) {
+        return discard(-refusePayload(counts, 0, false));
     }
     try {
         storage.resize(Message::kHeaderSize + dataCount + sizeof(int) * fdCount);
@@ -444,14 +455,23 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     clearSlots(data + dataCount, fdCount);
 
     vector = iovec{data, dataCount};
-    const ssize_t received = receiveBy(socketFd, &record, 0, deadline);
+    // MSG_TRUNC: the result is the record's whole length, however much of it
+    // fitted.
+    const ssize_t received = receiveBy(socketFd, &record, MSG_TRUNC, deadline);
     if (received < 0) {
         return waitFailed();
     }
-    // A shorter record (a peer gone between the two records reads as 0
-    // bytes) leaves the rest of the data as zeros; a longer
-    // one is cut to the announced size by the kernel.
-    std::memset(data + received, 0, dataCount - static_cast<size_t>(received));
+    const auto length = static_cast<size_t>(received);
+    const int refusal = refusePayload(counts, length, length > kMaxInlineData);
+    if (refusal != 0) {
+        closeAllReceived(record);
+        return refusal;
+    }
+    // A longer record was cut to the announced size by the kernel; a peer
+    // gone between the two records leaves the data as zeros.
+    const size_t kept = std::min<size_t>(length, dataCount);
+    std::memset(data + kept, 0, dataCount - kept);
+    noteReceivedPayload(counts);
     if (fdCount == 0) {
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
         return 0;

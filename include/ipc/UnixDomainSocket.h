@@ -11,23 +11,27 @@
 // message's storage; recv(Message*) reads record 1 into the message's header
 // and record 2 straight into the storage the message then takes over.
 //
-// recv(Message*) takes both records with one recvmmsg(2) while the payload
-// wait is bounded and the socket's payloads stay below 64 KiB. The payload
-// record goes into room the size of the socket's last payload (at least a
-// new message's 232 bytes) and, past it, into address space the receiving
-// thread reserves once: 2 GiB, longer than any record the kernel moves, so
-// no record is ever cut short, however large its sender made its buffers.
-// What spilled is copied into the message, room left unused is given back,
-// and the reservation keeps at most 64 KiB of memory after use. After a
-// payload of 64 KiB or more the next 8 messages are read a record at a time,
-// the second into storage sized from the header, as every message is where
-// the reservation cannot be made (an address-space limit, a 32-bit process).
-// So each thread that receives messages shows 2 GiB more virtual size
-// (VmSize), not resident.
+// A message carries at most kMaxInlineData (64 KiB) data bytes inline;
+// frames travel as descriptors. recv(Message*) takes both records with one
+// recvmmsg(2) while the payload wait is bounded: the payload record goes into
+// room the size of the socket's last payload (at least a new message's 232
+// bytes) and, past it, into a buffer of the receiving thread, the two making
+// up exactly kMaxInlineData bytes. What spilled is copied into the message
+// and room left unused is given back. Each thread that receives keeps that
+// buffer, 64 KiB of address space and commit charge, resident only as far as
+// records spilled into it; it is mapped on the thread's first receive and
+// unmapped when the thread ends, after its thread_local destructors. A
+// thread that could not have it (no memory or address space left at its first
+// receive) and a socket whose payload wait is unbounded read a message a
+// record at a time, the second into storage sized from its header.
 //
 // Ownership: the object owns its socket descriptor (closed on destruction).
 // Descriptors sent stay owned by the sender; descriptors received are new
 // numbers owned by the caller, or closed here when the record is refused.
+// Every descriptor received has close-on-exec set by the receive itself
+// (MSG_CMSG_CLOEXEC), so that a fork and exec on another thread never hands
+// one to another program; the socket pair itself is made without it, as
+// children inherit its ends on purpose.
 //
 // Thread: no lock. Each direction has one user at a time: a message is two
 // records, and two concurrent senders (or receivers) would interleave them.
@@ -50,17 +54,24 @@
 // follows, or the result is -103 ECONNABORTED: the connection is out of step
 // (the peer would take the next header for a payload) and must be closed.
 //
-// Sizes the peer decides are not trusted with memory. recv(Message*) takes
-// what the payload record really holds into account before it allocates:
-// its length is known once both records came in one call; read a record at
-// a time, above 1 MiB announced, the record is measured first
-// (MSG_PEEK|MSG_TRUNC).
-//   - A record shorter than announced: up to 1 MiB announced, the missing
-//     data reads as zeros and the result is 0 (a peer gone
-//     between the two records reads as an empty record); above, the record
-//     is consumed, its descriptors closed, and the result is -74 EBADMSG.
-//   - A record longer than announced is cut to the announced size; the rest
-//     is dropped.
+// Sizes the peer decides are not trusted with memory. A message received
+// holds at most its header, kMaxInlineData data bytes and 4 bytes per
+// announced descriptor slot, and data bytes only as many as its record held
+// (end of stream aside, below). Read in one call, storage is sized once the
+// record's length is known; read a record at a time, storage of the
+// announced size is taken for the receive. A refused record keeps nothing:
+// its storage is given back, and at most the thread's 64 KiB buffer stays
+// resident.
+//   - A header announcing more than kMaxInlineData data bytes, or a payload
+//     record longer than that (the kernel has consumed it whole, so the
+//     stream stays in step): -90 EMSGSIZE, its descriptors closed, nothing
+//     allocated for it.
+//   - A record shorter than announced: -74 EBADMSG, its descriptors closed.
+//     Only the empty record of a peer gone between the two records (end of
+//     stream) stands: its data reads as zeros and the result is 0 (-61 when
+//     descriptors were announced).
+//   - A record longer than announced, up to kMaxInlineData, is cut to the
+//     announced size; the rest is dropped.
 //   - Descriptors: at most 253 can arrive in one record, so that is all the
 //     control buffer holds; a header announcing more gets the ones that
 //     came and -1 in the other slots (4 bytes each in the message).
@@ -81,8 +92,8 @@
 // wait goes on.
 //
 // Compatibility: kept as existing peers and log readers rely on it. End of
-// stream is not detected, a payload record shorter than announced (up to
-// 1 MiB) reads as zeros with result 0, and a record that brings only some of
+// stream is not detected (a peer gone between the two records leaves a payload
+// of zeros with result 0), and a record that brings only some of
 // its descriptors stands (result 0). recv(Message::Payload*) given null logs
 // "The data size is not aligned to sizeof(int)". The debug lines of a
 // message's two records name sendDataAndFileDescriptors and
@@ -98,14 +109,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 
 #include "ipc/Export.h"
 
 namespace Kestrel::ipc {
 
 class RecordPair;
-class SpillRegion;
 
 class IPC_EXPORT UnixDomainSocket {
   public:
@@ -155,7 +164,7 @@ class IPC_EXPORT UnixDomainSocket {
     // arrived; the header still announces every descriptor sent.
     // A peer that closes between the two records: the payload read sees end
     // of stream, which is -61 when descriptors were announced, and 0 with
-    // the new payload's data bytes all zero when none were (up to 1 MiB).
+    // the new payload's data bytes all zero when none were.
     // Blocks: until the peer sends or closes. The message must not be used
     // meanwhile.
     [[nodiscard]] int recv(Message* message);
@@ -203,22 +212,21 @@ class IPC_EXPORT UnixDomainSocket {
     // The most data bytes one message carries inline; frames travel as
     // descriptors. A record of this size still needs no kernel allocation
     // larger than four pages, so it goes through on a device whose memory is
-    // fragmented.
+    // fragmented. recv(Message*) refuses more (-90 EMSGSIZE).
     static constexpr size_t kMaxInlineData = size_t{64} * 1024;
 
   private:
     static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
 
     // recv(Message*) with one recvmmsg for both records (the payload record
-    // straight into `storage`, any part beyond its room into `spill`;
-    // `inPlace` when `storage` is the message's own), or with a recvmsg for
-    // each, the second sized from the header.
-    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
-                                  SpillRegion& spill);
+    // straight into `storage`, any part beyond its room into the thread's
+    // receive buffer; `inPlace` when `storage` is the message's own), or with
+    // a recvmsg for each, the second sized from the header.
+    [[nodiscard]] int receiveBoth(Message* message, Message::Storage& storage, bool inPlace);
     [[nodiscard]] int receiveOneByOne(Message* message, Message::Storage& storage);
     // The payload record that recvmmsg brought, put in its place in `storage`
     // behind the header, with its descriptors.
-    [[nodiscard]] int placePayload(Message::Storage& storage, RecordPair& records,
+    [[nodiscard]] int placePayload(Message::Storage& storage, const RecordPair& records,
                                    const Message::Counts& counts);
     // The payload record of the `header` (which may lie in `storage`) with a
     // recvmsg of its own.
@@ -231,23 +239,24 @@ class IPC_EXPORT UnixDomainSocket {
     // which gets the `header` bytes in front.
     [[nodiscard]] int receivePayload(Message::Storage& storage, const uint8_t* header,
                                      uint32_t dataCount, uint16_t fdCount);
+    // Whether a payload record of `length` bytes (`truncated`: longer than
+    // kMaxInlineData) stands for a header announcing `counts`: 0, or the
+    // refusal (-90, -74), logged and left in errno.
+    [[nodiscard]] int refusePayload(const Message::Counts& counts, size_t length,
+                                    bool truncated) const;
+    // True once the peer has closed its end (or shut down its sending side).
+    bool peerHasClosed() const;
     // Remembers how large the payloads on this socket run: the room for the
-    // next one in a single call is the last one's size. After a payload of
-    // kOneCallLargest bytes or more, the next kOneByOneAfterLarge messages are
-    // read a record at a time, each into storage sized from its header.
+    // next one in a single call is the last one's size.
     void noteReceivedPayload(const Message::Counts& counts);
-    static constexpr size_t kOneCallLargest = std::numeric_limits<uint16_t>::max();
-    static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 
     Kestrel::utils::sys::FileDescriptor mSocketFd;  // -1 until bound
-    // Both sit where the alignment of the next member left room: messages
-    // still to be read a record at a time, and the last payload's bytes
-    // (data and descriptors) when it was below kOneCallLargest.
-    uint8_t mLargePayloadsLately = 0;
+    // Sits where the alignment of the next member left room: the last
+    // payload's bytes (data and descriptors), at most 65535.
     uint16_t mLastPayloadBytes = 0;
     std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
 };
