@@ -38,6 +38,10 @@ void SocketEventHandler::setPayloadTimeout(std::chrono::milliseconds timeout) {
     mSocket.setPayloadTimeout(timeout);
 }
 
+void SocketEventHandler::setSendTimeout(std::chrono::milliseconds timeout) {
+    mSocket.setSendTimeout(timeout);
+}
+
 int SocketEventHandler::sendMessage(const Message& message) {
     const int result = mSocket.send(message);
     if (result != 0) {

@@ -143,7 +143,7 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
 
 // Large blocks are kept for the next message of their size; nothing shows through.
 TEST_F(UnixDomainSocketTest, LargePayload_InARecycledBlockCarriesNoByteOfTheLastMessage) {
-    constexpr uint32_t kLarge = 100000;
+    constexpr uint32_t kLarge = UnixDomainSocket::kMaxInlineData;
     {
         ASSERT_EQ(sender.send(*makeMessage(1, Bytes(kLarge, 0xaa), {})), 0);
         Message first;

@@ -68,6 +68,11 @@ class IPC_EXPORT SocketEventHandler : public EventHandler {
     // UnixDomainSocket::setPayloadTimeout(). Set it before registering the
     // handler with a reactor, or from the thread that receives.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
+    // How long sendMessage() waits for room in the socket's send buffer when
+    // the peer does not read (1 s unless set; 0 waits without limit): the
+    // socket's UnixDomainSocket::setSendTimeout(). Set it before the handler
+    // is in use, or from the thread that sends.
+    void setSendTimeout(std::chrono::milliseconds timeout);
 
     // UnixDomainSocket::send / recv, logging a failure.
     [[nodiscard]] int sendMessage(const Message& message);

@@ -104,7 +104,9 @@
 
 namespace Kestrel::ipc {
 
+class OutgoingRecord;
 class RecordPair;
+class RoomWait;
 class SpillRegion;
 
 class IPC_EXPORT UnixDomainSocket {
@@ -127,19 +129,31 @@ class IPC_EXPORT UnixDomainSocket {
     bool isBound() const;
 
     // How long a message's payload record may keep its receiver waiting once
-    // the header has arrived; also how long a send whose payload record could
-    // not follow its header at once (a non-blocking socket with a full
-    // buffer) retries it. 0 waits without limit, and recv(Message*) then
-    // reads a message a record at a time. Set before the socket is in use, or
-    // from the thread that receives on it.
+    // the header has arrived (1 s unless set). 0 waits without limit, and
+    // recv(Message*) then reads a message a record at a time. Set before the
+    // socket is in use, or from the thread that receives on it.
+    // Kept in milliseconds as 32 bits, like the send time-out: 0 to
+    // 4294967295 ms (about 49.7 days); a longer one is taken as that, a
+    // negative one as 0.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
 
-    // Sends `message` as its two records; `message` keeps its descriptors.
-    // A peer that has gone away gives -32 (EPIPE); no SIGPIPE is raised.
-    // Refusals and -103 ECONNABORTED: see the top of this file.
-    // Blocks: while the peer's receive buffer is full.
+    // How long a send may wait for room in the socket's send buffer (1 s
+    // unless set), counted from the first record that could not go at once;
+    // see the top of this file for what it returns past the bound. 0 waits
+    // without limit, as a blocking socket does. Same range as the payload
+    // time-out. Set before the socket is in use, or from the thread that
+    // sends on it.
+    void setSendTimeout(std::chrono::milliseconds timeout);
+
+    // Sends `message` as its two records, both or neither; `message` keeps
+    // its descriptors. A peer that has gone away gives -32 (EPIPE); no
+    // SIGPIPE is raised. Refusals, the bounded wait for room and -103
+    // ECONNABORTED: see the top of this file.
+    // Blocks: while the socket's send buffer is full, at most the send
+    // time-out (a socket its owner made non-blocking returns -11 at once).
     [[nodiscard]] int send(const Message& message);
-    // Sends one record: the payload's data with its descriptors attached.
+    // Sends one record: the payload's data with its descriptors attached,
+    // waiting for room as send(Message) does.
     [[nodiscard]] int send(const Message::Payload& payload);
 
     // Receives two records into `*message`: the header in place, then a
@@ -164,7 +178,10 @@ class IPC_EXPORT UnixDomainSocket {
 
     // Sends one record of `dataSize` bytes with an SCM_RIGHTS control message
     // carrying `fdCount` descriptors (none allowed). The kernel's own limit on
-    // descriptors per message (253) shows as -22 (EINVAL).
+    // descriptors per message (253) shows as -22 (EINVAL), a descriptor that
+    // is not open as -9 (EBADF). A full send buffer is waited on for at most
+    // the send time-out, then -11 (EAGAIN); the record is sent whole or not
+    // at all.
     [[nodiscard]] int sendDataAndFileDescriptors(const int* fds, size_t fdCount, const void* data,
                                                  size_t dataSize);
 
@@ -206,7 +223,15 @@ class IPC_EXPORT UnixDomainSocket {
     static constexpr size_t kMaxInlineData = size_t{64} * 1024;
 
   private:
-    static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
+    static constexpr uint32_t kDefaultTimeoutMs = 1000;
+    std::chrono::milliseconds payloadTimeout() const {
+        return std::chrono::milliseconds(mPayloadTimeoutMs);
+    }
+    std::chrono::milliseconds sendTimeout() const {
+        return std::chrono::milliseconds(mSendTimeoutMs);
+    }
+    // `timeout` as kept: negative is 0, beyond 32 bits the largest.
+    static uint32_t storedTimeout(std::chrono::milliseconds timeout);
 
     // recv(Message*) with one recvmmsg for both records (the payload record
     // straight into `storage`, any part beyond its room into `spill`;
@@ -237,8 +262,11 @@ class IPC_EXPORT UnixDomainSocket {
     void noteReceivedPayload(const Message::Counts& counts);
     static constexpr size_t kOneCallLargest = std::numeric_limits<uint16_t>::max();
     static constexpr uint8_t kOneByOneAfterLarge = 8;
-    // The payload record of a send whose header alone went out.
-    [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
+    // The message's checks before its first record goes: 0, or the refusal.
+    [[nodiscard]] int refusalOf(const Message::Wire& wire, OutgoingRecord& payload) const;
+    // The payload record of a send whose header alone went out, within what
+    // is left of the send's `wait`.
+    [[nodiscard]] int sendPayloadAfterHeader(::msghdr& payload, RoomWait& wait);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 
@@ -248,7 +276,11 @@ class IPC_EXPORT UnixDomainSocket {
     // (data and descriptors) when it was below kOneCallLargest.
     uint8_t mLargePayloadsLately = 0;
     uint16_t mLastPayloadBytes = 0;
-    std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
+    // Both time-outs in milliseconds, 0 for no limit: 32 bits each, so that
+    // the two take the 8 bytes (and alignment) one std::chrono::milliseconds
+    // took before, and the object keeps its size on 32- and 64-bit.
+    alignas(8) uint32_t mPayloadTimeoutMs = kDefaultTimeoutMs;
+    uint32_t mSendTimeoutMs = kDefaultTimeoutMs;
 };
 
 }  // namespace Kestrel::ipc
