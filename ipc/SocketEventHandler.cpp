@@ -7,6 +7,10 @@
 
 namespace Kestrel::ipc {
 
+// Prebuilt modules link against this layout.
+static_assert(sizeof(SocketEventHandler) == (sizeof(void*) == 8 ? 56 : 48) &&
+              alignof(SocketEventHandler) == 8);
+
 namespace {
 constexpr utils::LogSite kLogSite{"SocketEventHandler", "ipc/SocketEventHandler",
                                   utils::kLogModuleCore};

@@ -22,6 +22,9 @@
 
 namespace Kestrel::ipc {
 
+// Prebuilt modules link against this layout, on 32- and 64-bit alike.
+static_assert(sizeof(UnixDomainSocket) == 24 && alignof(UnixDomainSocket) == 8);
+
 using bounded_receive::Clock;
 using bounded_receive::Deadline;
 using bounded_receive::isBlocking;
@@ -80,6 +83,33 @@ size_t recordLimit(int socketFd) {
     return static_cast<size_t>(sendBuffer) - kRecordOverhead;
 }
 
+// What follows a send that put nothing on the wire and failed with `error`:
+// 0 to try again (a signal, or room or a hang-up came), else the result.
+// No room is waited for within the send's bound, unless the owner made the
+// socket non-blocking; past the bound the result is -11, as a non-blocking
+// socket gives at once.
+int afterNothingSent(int error, RoomWait& wait) {
+    if (error == EINTR) {
+        return 0;
+    }
+    if (error == EAGAIN && !wait.socketIsNonBlocking()) {
+        const int waited = wait.forRoom();
+        if (waited == 0) {
+            return 0;  // the next call tells which it was
+        }
+        if (waited == -ETIMEDOUT) {
+            IPC_LOGE("no room to send within %lld ms, nothing sent",
+                     static_cast<long long>(wait.timeout().count()));
+            return -EAGAIN;
+        }
+        error = -waited;
+    }
+    if (error != EAGAIN) {
+        IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+    }
+    return -error;
+}
+
 }  // namespace
 
 SocketPair UnixDomainSocket::createPairedSocket(unsigned long receiveBufferSize,
@@ -127,10 +157,9 @@ bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
 uint32_t UnixDomainSocket::storedTimeout(std::chrono::milliseconds timeout) {
     using Stored = std::chrono::duration<uint32_t, std::milli>;
-    return static_cast<uint32_t>(
-            std::clamp(timeout, std::chrono::milliseconds(0),
-                       std::chrono::milliseconds(Stored::max().count()))
-                    .count());
+    return static_cast<uint32_t>(std::clamp(timeout, std::chrono::milliseconds(0),
+                                            std::chrono::milliseconds(Stored::max().count()))
+                                         .count());
 }
 
 void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
@@ -164,9 +193,10 @@ int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& paylo
     if (wire.storedPayloadBytes != counts.data + sizeof(int) * counts.fds) {
         // The peer would wait for what the header announces, or be handed
         // descriptor numbers read from data bytes.
-        IPC_LOGE("message refused, nothing sent: its header announces %u data bytes and %u fds, "
-                 "its payload holds %zu bytes",
-                 counts.data, static_cast<unsigned>(counts.fds), wire.storedPayloadBytes);
+        IPC_LOGE(
+                "message refused, nothing sent: its header announces %u data bytes and %u fds, "
+                "its payload holds %zu bytes",
+                counts.data, static_cast<unsigned>(counts.fds), wire.storedPayloadBytes);
         return kCountsDisagree;
     }
     int refusal = 0;
@@ -196,10 +226,9 @@ int UnixDomainSocket::send(const Message& message) {
     // Everything the kernel would refuse of the payload record, and counts
     // that do not describe it, are refused here, before the header goes, so
     // that a refused message leaves the wire as it was.
-    OutgoingRecord records[] = {
-            {wire.header, Message::kHeaderSize, nullptr, 0},
-            {packed.data, packed.dataBytes, packed.fds,
-             std::min(packed.fdCount, kMaxRecordDescriptors)}};
+    OutgoingRecord records[] = {{wire.header, Message::kHeaderSize, nullptr, 0},
+                                {packed.data, packed.dataBytes, packed.fds,
+                                 std::min(packed.fdCount, kMaxRecordDescriptors)}};
     if (const int refusal = refusalOf(wire, records[1]); refusal != 0) {
         return refusal;
     }
@@ -226,27 +255,12 @@ int UnixDomainSocket::send(const Message& message) {
             // payload must follow it.
             return sendPayloadAfterHeader(both[1].msg_hdr, wait);
         }
-        int error = errno;
-        if (error == EINTR) {
-            continue;
+        // Nothing went.
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            IPC_LOGE("send message header failed (%s)", std::strerror(-result));
+            return result;
         }
-        // Nothing went: no room for the header. Waited on, unless the owner
-        // made the socket non-blocking.
-        if (error == EAGAIN && !wait.socketIsNonBlocking()) {
-            const int waited = wait.forRoom();
-            if (waited == 0) {
-                continue;  // room, a hang-up or an error: the next call tells
-            }
-            if (waited == -ETIMEDOUT) {
-                IPC_LOGE("no room for the message within %u ms, nothing sent", mSendTimeoutMs);
-            }
-            error = waited == -ETIMEDOUT ? EAGAIN : -waited;
-        }
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
-        }
-        IPC_LOGE("send message header failed (%s)", std::strerror(error));
-        return -error;
     }
 }
 
@@ -296,10 +310,9 @@ int UnixDomainSocket::recv(Message* message) {
     // recvmmsg cut short with no time-out set leaves the kernel's ERESTARTSYS
     // (512) in the socket, which a send on another thread would be handed.
     // Unbound, the record-by-record path gives -2 as the header's receive does.
-    SpillRegion* const spill =
-            mLargePayloadsLately == 0 && mPayloadTimeoutMs != 0 && isBound()
-                    ? SpillRegion::forThisThread()
-                    : nullptr;
+    SpillRegion* const spill = mLargePayloadsLately == 0 && mPayloadTimeoutMs != 0 && isBound()
+                                       ? SpillRegion::forThisThread()
+                                       : nullptr;
     const int result = spill != nullptr ? receiveBoth(message, storage, inPlace != nullptr, *spill)
                                         : receiveOneByOne(message, storage);
     if (result < 0) {
@@ -538,21 +551,10 @@ int UnixDomainSocket::sendDataAndFileDescriptors(const int* fds, size_t fdCount,
             record.logSent(__func__, static_cast<size_t>(sent));
             return 0;
         }
-        int error = errno;
-        if (error == EINTR) {
-            continue;
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            return result;
         }
-        if (error == EAGAIN && !wait.socketIsNonBlocking()) {
-            const int waited = wait.forRoom();
-            if (waited == 0) {
-                continue;
-            }
-            error = waited == -ETIMEDOUT ? EAGAIN : -waited;
-        }
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
-        }
-        return -error;
     }
 }
 
@@ -571,8 +573,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         received = receiveOnce(socketFd, &header, 0);
         // The payload time-out is the socket's receive time-out: a blocking
         // socket that ran out of it waits on.
-    } while (received < 0 && errno == EAGAIN && mPayloadTimeoutMs != 0 &&
-             isBlocking(socketFd));
+    } while (received < 0 && errno == EAGAIN && mPayloadTimeoutMs != 0 && isBlocking(socketFd));
     if (received < 0) {
         return receiveFailure();
     }

@@ -21,6 +21,11 @@
 //
 // Failure: sendMessage() and receiveMessage() return the socket's codes (0 or
 // a negative errno value) and log failures; the string helpers only log.
+// A peer that stops reading costs sendMessage() (and sendString()) at most
+// the send time-out (1 s unless set), then -11 with nothing sent, or -103
+// when the header alone went and the connection is out of step; a peer that
+// stalls between its two records costs receiveMessage() at most the payload
+// time-out. UnixDomainSocket.h says how often each happens.
 //
 // Compatibility: kept as log readers rely on it. sendMessage() and
 // receiveMessage() log their failures as "send string failed" and "receive

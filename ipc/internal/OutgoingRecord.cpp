@@ -39,8 +39,8 @@ OutgoingRecord::OutgoingRecord(const void* data, size_t dataSize, const void* fd
 
 int OutgoingRecord::checkDescriptors() {
     const size_t length = controlLength(mHeader);
-    const size_t fdCount = std::min(
-            length > CMSG_LEN(0) ? (length - CMSG_LEN(0)) / sizeof(int) : 0, kMaxRecordDescriptors);
+    const size_t fdCount = std::min(length > CMSG_LEN(0) ? (length - CMSG_LEN(0)) / sizeof(int) : 0,
+                                    kMaxRecordDescriptors);
     if (fdCount == 0) {
         return 0;
     }

@@ -30,6 +30,7 @@ class RoomWait {
     // True for a socket its owner made non-blocking: a send that finds no
     // room for its first record returns at once.
     bool socketIsNonBlocking() const;
+    std::chrono::milliseconds timeout() const { return mTimeout; }
 
   private:
     void start();
