@@ -49,8 +49,10 @@
 //   -22 EINVAL    header counts that do not describe the payload (behind the
 //                 header the message must hold exactly dataCount bytes and
 //                 fileDescriptorCount descriptors: the peer would wait for
-//                 what is missing, or take data bytes for descriptors), or
-//                 more than 253 descriptors (the kernel's own code for it);
+//                 what is missing, or take data bytes for descriptors; the
+//                 check sees the total, so counts that trade 4 data bytes
+//                 for a descriptor pass it), or more than 253 descriptors
+//                 (the kernel's own code for it);
 //   -90 EMSGSIZE  more data than kMaxInlineData, or than one record of this
 //                 socket carries (SO_SNDBUF less 32 bytes; the buffer is read
 //                 only for payloads above 4 KiB, which every send buffer
