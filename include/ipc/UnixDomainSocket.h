@@ -59,7 +59,8 @@
 //                 carries);
 //   -9  EBADF     a descriptor that is not an open number: -1 in the slot of
 //                 one a received message lost, or one already closed (one
-//                 poll() that does not wait, for messages with descriptors).
+//                 poll() that does not wait, for messages with descriptors;
+//                 a closed number that a new file took again passes).
 // Both records then leave in one sendmmsg(2) that never blocks in the kernel.
 //
 // A peer that stops reading (a stopped or hung process) fills the send
@@ -85,7 +86,8 @@
 // three quarters of the buffer; the library does not pay that. Once a send
 // has waited for room, both records go together.
 // A peer that closes meanwhile ends the wait at once: -104 ECONNRESET, as it
-// left records unread, and -32 EPIPE for every send after. A socket its owner
+// left records unread (-103 when the header had gone), and -32 EPIPE for
+// every send after. A socket its owner
 // made non-blocking returns -11 at once when the header finds no room; a
 // lone header's payload record is still waited for within the bound.
 //
