@@ -45,6 +45,9 @@ using Kestrel::Utils::ULog::ULogger;
 
 constexpr uint32_t kHostDetailsLevel = 5;
 
+// A larger case would be refused by the send.
+static_assert(kLargestRecord <= UnixDomainSocket::kMaxInlineData);
+
 // What a user of a received message does to get at its data: one copy,
 // into a buffer of the user's that outlives the message. The data lies
 // right behind the 24-byte header, in the same storage.

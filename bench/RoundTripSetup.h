@@ -22,7 +22,8 @@ namespace velacam::bench {
 // SO_SNDBUFFORCE as root goes past it, which neither side uses), and refuses
 // a sequenced-packet record larger than the send buffer with EMSGSIZE.
 inline constexpr unsigned long kSocketBufferSize = 262144;
-// The largest record a case sends: the 64 KiB data record.
+// The largest record a case sends: the 64 KiB data record, the most data a
+// message of the library carries (UnixDomainSocket::kMaxInlineData).
 inline constexpr size_t kLargestRecord = 65536;
 
 // True when `socket`'s send buffer, as the kernel granted it, takes a record

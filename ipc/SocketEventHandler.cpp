@@ -7,6 +7,10 @@
 
 namespace Kestrel::ipc {
 
+// Prebuilt modules link against this layout.
+static_assert(sizeof(SocketEventHandler) == (sizeof(void*) == 8 ? 56 : 48) &&
+              alignof(SocketEventHandler) == 8);
+
 namespace {
 constexpr utils::LogSite kLogSite{"SocketEventHandler", "ipc/SocketEventHandler",
                                   utils::kLogModuleCore};
@@ -36,6 +40,10 @@ void SocketEventHandler::setRunnable(std::shared_ptr<utils::Runnable> runnable) 
 
 void SocketEventHandler::setPayloadTimeout(std::chrono::milliseconds timeout) {
     mSocket.setPayloadTimeout(timeout);
+}
+
+void SocketEventHandler::setSendTimeout(std::chrono::milliseconds timeout) {
+    mSocket.setSendTimeout(timeout);
 }
 
 int SocketEventHandler::sendMessage(const Message& message) {

@@ -17,16 +17,19 @@
 #include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
+#include "internal/RoomWait.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
+
+// Prebuilt modules link against this layout, on 32- and 64-bit alike.
+static_assert(sizeof(UnixDomainSocket) == 24 && alignof(UnixDomainSocket) == 8);
 
 using bounded_receive::Clock;
 using bounded_receive::Deadline;
 using bounded_receive::isBlocking;
 using bounded_receive::receiveBy;
 using bounded_receive::receiveOnce;
-using bounded_receive::waitUntilReady;
 using received_control::clearSlots;
 using received_control::closeAllReceived;
 using received_control::takeDescriptors;
@@ -36,6 +39,7 @@ constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 constexpr int kNotBound = -ENOENT;              // -2
 constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
+constexpr int kCountsDisagree = -EINVAL;        // -22: the header does not describe the payload
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
 // AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
 constexpr size_t kRecordOverhead = 32;
@@ -73,6 +77,33 @@ size_t recordLimit(int socketFd) {
         return std::numeric_limits<size_t>::max();
     }
     return static_cast<size_t>(sendBuffer) - kRecordOverhead;
+}
+
+// What follows a send that put nothing on the wire and failed with `error`:
+// 0 to try again (a signal, or room or a hang-up came), else the result.
+// No room is waited for within the send's bound, unless the owner made the
+// socket non-blocking; past the bound the result is -11, as a non-blocking
+// socket gives at once.
+int afterNothingSent(int error, RoomWait& wait) {
+    if (error == EINTR) {
+        return 0;
+    }
+    if (error == EAGAIN && !wait.socketIsNonBlocking()) {
+        const int waited = wait.forRoom();
+        if (waited == 0) {
+            return 0;  // the next call tells which it was
+        }
+        if (waited == -ETIMEDOUT) {
+            IPC_LOGE("no room to send within %lld ms, nothing sent",
+                     static_cast<long long>(wait.timeout().count()));
+            return -EAGAIN;
+        }
+        error = -waited;
+    }
+    if (error != EAGAIN) {
+        IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+    }
+    return -error;
 }
 
 }  // namespace
@@ -120,12 +151,20 @@ void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
 
 bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
+uint32_t UnixDomainSocket::storedTimeout(std::chrono::milliseconds timeout) {
+    using Stored = std::chrono::duration<uint32_t, std::milli>;
+    return static_cast<uint32_t>(std::clamp(timeout, std::chrono::milliseconds(0),
+                                            std::chrono::milliseconds(Stored::max().count()))
+                                         .count());
+}
+
 void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
-    // Clamped so that a deadline (now plus the time-out, in the steady
-    // clock's nanoseconds) and the socket's own time-out never overflow.
-    constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
-    mPayloadTimeout = std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
+    mPayloadTimeoutMs = storedTimeout(timeout);
     applyPayloadTimeout();
+}
+
+void UnixDomainSocket::setSendTimeout(std::chrono::milliseconds timeout) {
+    mSendTimeoutMs = storedTimeout(timeout);
 }
 
 void UnixDomainSocket::applyPayloadTimeout() {
@@ -133,16 +172,43 @@ void UnixDomainSocket::applyPayloadTimeout() {
     if (socketFd < 0) {
         return;
     }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(mPayloadTimeout);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(payloadTimeout());
     timeval limit{};
     limit.tv_sec = static_cast<time_t>(seconds.count());
     limit.tv_usec = static_cast<suseconds_t>(
-            std::chrono::duration_cast<std::chrono::microseconds>(mPayloadTimeout - seconds)
+            std::chrono::duration_cast<std::chrono::microseconds>(payloadTimeout() - seconds)
                     .count());
     if (::setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0) {
         // The bound still holds, at the cost of a ppoll per late record.
         IPC_LOGE("set receive time-out failed (%s)", std::strerror(errno));
     }
+}
+
+int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& payload) const {
+    const Message::Counts counts = Message::countsOf(wire.header);
+    if (wire.storedPayloadBytes != counts.data + sizeof(int) * counts.fds) {
+        // The peer would wait for what the header announces, or be handed
+        // descriptor numbers read from data bytes.
+        IPC_LOGE(
+                "message refused, nothing sent: its header announces %u data bytes and %u fds, "
+                "its payload holds %zu bytes",
+                counts.data, static_cast<unsigned>(counts.fds), wire.storedPayloadBytes);
+        return kCountsDisagree;
+    }
+    int refusal = 0;
+    if (counts.fds > kMaxRecordDescriptors) {
+        refusal = -EINVAL;  // what the kernel says to more
+    } else if (counts.data > kMaxInlineData ||
+               (counts.data > kRecordAlwaysFits && counts.data > recordLimit(mSocketFd.get()))) {
+        refusal = -EMSGSIZE;
+    } else {
+        refusal = payload.checkDescriptors();
+    }
+    if (refusal != 0) {
+        IPC_LOGE("message refused, nothing sent (%s): %u data bytes, %u fds",
+                 std::strerror(-refusal), counts.data, static_cast<unsigned>(counts.fds));
+    }
+    return refusal;
 }
 
 int UnixDomainSocket::send(const Message& message) {
@@ -151,56 +217,51 @@ int UnixDomainSocket::send(const Message& message) {
         IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
         return kNotBound;
     }
-    const auto [header, payload] = message.wire();
-    // What the kernel would refuse of the payload record is refused here,
-    // before the header goes, so that a refused message leaves the wire as it
-    // was.
-    int refusal = 0;
-    if (payload.fdCount > kMaxRecordDescriptors) {
-        refusal = -EINVAL;
-    } else if (payload.dataBytes > kRecordAlwaysFits && payload.dataBytes > recordLimit(socketFd)) {
-        refusal = -EMSGSIZE;
-    }
-    if (refusal != 0) {
-        IPC_LOGE("message refused, nothing sent (%s): %zu data bytes, %zu fds",
-                 std::strerror(-refusal), payload.dataBytes, payload.fdCount);
+    const Message::Wire wire = message.wire();
+    const Message::PackedPayload& packed = wire.payload;
+    // Everything the kernel would refuse of the payload record, and counts
+    // that do not describe it, are refused here, before the header goes, so
+    // that a refused message leaves the wire as it was.
+    OutgoingRecord records[] = {{wire.header, Message::kHeaderSize, nullptr, 0},
+                                {packed.data, packed.dataBytes, packed.fds,
+                                 std::min(packed.fdCount, kMaxRecordDescriptors)}};
+    if (const int refusal = refusalOf(wire, records[1]); refusal != 0) {
         return refusal;
     }
-
-    OutgoingRecord records[] = {{header, Message::kHeaderSize, nullptr, 0},
-                                {payload.data, payload.dataBytes, payload.fds, payload.fdCount}};
     mmsghdr both[2] = {};
     for (size_t i = 0; i < 2; ++i) {
         records[i].logBefore(kSendRecord, socketFd);
         both[i].msg_hdr = records[i].header();
     }
-    int sent;
-    do {
+    // Never blocking in the kernel: a full buffer is waited on here, within
+    // the send time-out, and only once it is full.
+    RoomWait wait(socketFd, sendTimeout());
+    for (;;) {
         // MSG_NOSIGNAL: a vanished peer is an error to return (EPIPE), not a
         // reason to kill the process with SIGPIPE.
-        sent = ::sendmmsg(socketFd, both, 2, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) {
-        const int error = errno;
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+        const int sent = ::sendmmsg(socketFd, both, 2, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            records[0].logSent(kSendRecord, both[0].msg_len);
+            if (sent == 2) {
+                records[1].logSent(kSendRecord, both[1].msg_len);
+                return 0;
+            }
+            // Only the header went (the buffer filled up between the two
+            // records, or the kernel could not allocate the payload's): the
+            // payload must follow it.
+            return sendPayloadAfterHeader(both[1].msg_hdr, wait);
         }
-        IPC_LOGE("send message header failed (%s)", std::strerror(error));
-        return -error;
+        // Nothing went.
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            IPC_LOGE("send message header failed (%s)", std::strerror(-result));
+            return result;
+        }
     }
-    records[0].logSent(kSendRecord, both[0].msg_len);
-    if (sent == 2) {
-        records[1].logSent(kSendRecord, both[1].msg_len);
-        return 0;
-    }
-    // Only the header went (a signal, a full buffer of a non-blocking socket,
-    // or an error sendmmsg does not report): the payload must follow it.
-    return sendPayloadAfterHeader(records[1].header());
 }
 
-int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
+int UnixDomainSocket::sendPayloadAfterHeader(msghdr& payload, RoomWait& wait) {
     const int socketFd = mSocketFd.get();
-    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     for (;;) {
         const ssize_t sent = ::sendmsg(socketFd, &payload, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
@@ -209,7 +270,11 @@ int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
         }
         int error = errno;
         if (error == EAGAIN) {
-            error = -waitUntilReady(socketFd, POLLOUT, deadline);
+            error = -wait.forRoom();
+        } else if (error == ENOBUFS || error == ENOMEM) {
+            // The kernel could not allocate the record now; memory may come
+            // back before the bound.
+            error = wait.afterNoMemory() == 0 ? 0 : error;
         }
         if (error != 0 && error != EINTR) {
             IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
@@ -241,7 +306,7 @@ int UnixDomainSocket::recv(Message* message) {
     // recvmmsg cut short with no time-out set leaves the kernel's ERESTARTSYS
     // (512) in the socket, which a send on another thread would be handed.
     // Unbound, the record-by-record path gives -2 as the header's receive does.
-    const int result = mPayloadTimeout.count() != 0 && isBound()
+    const int result = mPayloadTimeoutMs != 0 && isBound()
                                ? receiveBoth(message, storage, inPlace != nullptr)
                                : receiveOneByOne(message, storage);
     if (result < 0) {
@@ -412,7 +477,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const int socketFd = mSocketFd.get();
     logReceiveBefore(socketFd, fdCount);
     ControlBuffer control(fdCount);
-    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
+    const Deadline deadline{mPayloadTimeoutMs != 0, Clock::now() + payloadTimeout()};
     iovec vector{nullptr, 0};
     msghdr record = control.recordHeader(&vector);
     const Message::Counts counts{dataCount, fdCount};
@@ -434,7 +499,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
         if (errno == ETIMEDOUT) {
             // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
-                     static_cast<long long>(mPayloadTimeout.count()));
+                     static_cast<long long>(mPayloadTimeoutMs));
             return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
         }
         return receiveFailure();
@@ -500,19 +565,18 @@ int UnixDomainSocket::sendDataAndFileDescriptors(const int* fds, size_t fdCount,
     }
     OutgoingRecord record(data, dataSize, fds, fdCount);
     record.logBefore(__func__, socketFd);
-    ssize_t sent;
-    do {
-        sent = ::sendmsg(socketFd, &record.header(), MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) {
-        const int error = errno;
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+    RoomWait wait(socketFd, sendTimeout());
+    for (;;) {
+        const ssize_t sent = ::sendmsg(socketFd, &record.header(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            record.logSent(__func__, static_cast<size_t>(sent));
+            return 0;
         }
-        return -error;
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            return result;
+        }
     }
-    record.logSent(__func__, static_cast<size_t>(sent));
-    return 0;
 }
 
 int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, void* data,
@@ -530,8 +594,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         received = receiveOnce(socketFd, &header, 0);
         // The payload time-out is the socket's receive time-out: a blocking
         // socket that ran out of it waits on.
-    } while (received < 0 && errno == EAGAIN && mPayloadTimeout.count() != 0 &&
-             isBlocking(socketFd));
+    } while (received < 0 && errno == EAGAIN && mPayloadTimeoutMs != 0 && isBlocking(socketFd));
     if (received < 0) {
         return receiveFailure();
     }

@@ -1,5 +1,6 @@
-// The transport against a hostile peer and a careless caller: refused sends,
-// lying headers, stalls, records with the wrong descriptors or credentials.
+// The transport's receive against a hostile peer and a careless caller: lying
+// headers, stalls, records with the wrong descriptors or credentials. The send
+// side's cases are in transport_send_boundary_test.cpp.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <ipc/DefaultReactor.h>
@@ -98,26 +99,6 @@ class TransportBoundaryTest : public SocketPairFixture {
     std::vector<int> slots;
     std::vector<uint8_t> data;
 };
-
-TEST_F(TransportBoundaryTest, SendsTheKernelWouldRefuse_PutNothingOnTheWire) {
-    int sendBuffer = 0;
-    socklen_t length = sizeof(sendBuffer);
-    ASSERT_EQ(getsockopt(near, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length), 0);
-    EXPECT_EQ(receiver.send(messageOf(1, 1, std::vector<int>(254, file.get()))), -EINVAL);
-    EXPECT_EQ(receiver.send(messageOf(2, static_cast<size_t>(sendBuffer), {})), -EMSGSIZE);
-    EXPECT_EQ(readRecord(peer.get(), 64, 0, MSG_DONTWAIT).error, EAGAIN);
-
-    // The largest of each still goes, as two records, in order.
-    const size_t largest = static_cast<size_t>(sendBuffer) - 32;
-    ASSERT_EQ(receiver.send(messageOf(3, largest, std::vector<int>(253, file.get()))), 0);
-    const RawRecord header = readRecord(peer.get(), 64, 0, MSG_DONTWAIT);
-    ASSERT_EQ(header.result, 24);
-    EXPECT_EQ(header.data[0], 3);
-    const RawRecord payload = readRecord(peer.get(), sendBuffer, 253, MSG_DONTWAIT);
-    EXPECT_EQ(payload.result, static_cast<ssize_t>(largest));
-    ASSERT_EQ(payload.controls.size(), 1u);
-    EXPECT_EQ(payload.controls[0].fds.size(), 253u);
-}
 
 TEST_F(TransportBoundaryTest, LargeAnnouncements_CostOnlyWhatArrivesAndNeverEndTheProcess) {
     // 1 GiB announced, 3 bytes sent: refused, the peak resident size barely moves.

@@ -35,24 +35,65 @@
 //
 // Thread: no lock. Each direction has one user at a time: a message is two
 // records, and two concurrent senders (or receivers) would interleave them.
-// Calls block; wait for readiness with getPoller(). Only the wait for the
-// second record of a message is bounded (setPayloadTimeout).
+// Calls block: a receive until a message comes (wait for readiness with
+// getPoller()), a send while the send buffer is full, for at most the send
+// time-out; the wait for a message's second record is bounded by the payload
+// time-out.
 //
 // Failure: every int result is 0 or a negative errno value, never a byte
-// count: -2 when unbound, -11 when the socket would block, -errno of sendmsg
-// or recvmsg otherwise; the receive adds the refusals listed at
+// count: -2 when unbound, -11 when the socket would block or a send found no
+// room within its time-out, -errno of sendmsg or recvmsg otherwise; the
+// send adds the refusals below, the receive those listed at
 // receiveDataAndFileDescriptors(). End of stream is not detected: a record
 // read from a closed peer is 0 bytes long and, when no descriptor was
 // expected, reported as success with the buffers unchanged.
 //
 // A message is all or nothing on the wire. send(Message) refuses, before
-// anything goes, what the kernel would refuse of the payload record: more
-// than 253 descriptors (-22 EINVAL, the kernel's own code for it) or more
-// data than one record of this socket carries (SO_SNDBUF less 32 bytes,
-// -90 EMSGSIZE; the buffer is read only for payloads above 4 KiB, which
-// every send buffer carries). Once the header is out, its payload record
-// follows, or the result is -103 ECONNABORTED: the connection is out of step
-// (the peer would take the next header for a payload) and must be closed.
+// anything goes, what would leave a header without its payload:
+//   -22 EINVAL    header counts that do not describe the payload (behind the
+//                 header the message must hold exactly dataCount bytes and
+//                 fileDescriptorCount descriptors: the peer would wait for
+//                 what is missing, or take data bytes for descriptors; the
+//                 check sees the total, so counts that trade 4 data bytes
+//                 for a descriptor pass it), or more than 253 descriptors
+//                 (the kernel's own code for it);
+//   -90 EMSGSIZE  more data than kMaxInlineData, or than one record of this
+//                 socket carries (SO_SNDBUF less 32 bytes; the buffer is read
+//                 only for payloads above 4 KiB, which every send buffer
+//                 carries);
+//   -9  EBADF     a descriptor that is not an open number: -1 in the slot of
+//                 one a received message lost, or one already closed (one
+//                 poll() that does not wait, for messages with descriptors;
+//                 a closed number that a new file took again passes).
+// Both records then leave in one sendmmsg(2) that never blocks in the kernel.
+//
+// A peer that stops reading (a stopped or hung process) fills the send
+// buffer. A send that finds it full waits for room here, for at most the
+// send time-out (1 s unless set, setSendTimeout(); 0 waits without limit)
+// counted from the first record that found no room; while there is room it
+// costs no call beyond the sendmmsg. Past the bound:
+//   -11 EAGAIN        nothing went: the connection works again once the peer
+//                     reads. This is what the header finding no room gives.
+//   -103 ECONNABORTED the header went, and its payload record found no room
+//                     (the buffer filled up right between the two) or could
+//                     not be allocated (ENOBUFS), and that did not change
+//                     within the bound. The connection is out of step (the
+//                     peer would take the next header for a payload) and must
+//                     be closed. A lone header is never reported as success.
+// How often: whether the buffer fills up right between a message's two
+// records depends on the sizes of the records already in it; filling 16 KiB
+// buffers from empty with messages of one size, it did for 25 of 177 payload
+// sizes from 0 to 4 KiB (the other 152 gave -11). It ends in -103 only when
+// the peer then frees less than three quarters of its buffer within the
+// bound (the kernel reports room only then). Avoiding it would cost a system
+// call per message (a poll for room before the header) and, for bursts,
+// three quarters of the buffer; the library does not pay that. Once a send
+// has waited for room, both records go together.
+// A peer that closes meanwhile ends the wait at once: -104 ECONNRESET, as it
+// left records unread (-103 when the header had gone), and -32 EPIPE for
+// every send after. A socket its owner
+// made non-blocking returns -11 at once when the header finds no room; a
+// lone header's payload record is still waited for within the bound.
 //
 // Sizes the peer decides are not trusted with memory. A message received
 // holds at most its header, kMaxInlineData data bytes and 4 bytes per
@@ -114,7 +155,9 @@
 
 namespace Kestrel::ipc {
 
+class OutgoingRecord;
 class RecordPair;
+class RoomWait;
 
 class IPC_EXPORT UnixDomainSocket {
   public:
@@ -136,20 +179,31 @@ class IPC_EXPORT UnixDomainSocket {
     bool isBound() const;
 
     // How long a message's payload record may keep its receiver waiting once
-    // the header has arrived; also how long a send whose payload record could
-    // not follow its header at once (a non-blocking socket with a full
-    // buffer) retries it. 0 waits without limit, and recv(Message*) then
-    // reads a message a record at a time; a negative time-out is taken as 0,
-    // one longer than a year (milliseconds::max(), say) as a year. Set
-    // before the socket is in use, or from the thread that receives on it.
+    // the header has arrived (1 s unless set). 0 waits without limit, and
+    // recv(Message*) then reads a message a record at a time. Set before the
+    // socket is in use, or from the thread that receives on it.
+    // Kept in milliseconds as 32 bits, like the send time-out: 0 to
+    // 4294967295 ms (about 49.7 days); a longer one is taken as that, a
+    // negative one as 0.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
 
-    // Sends `message` as its two records; `message` keeps its descriptors.
-    // A peer that has gone away gives -32 (EPIPE); no SIGPIPE is raised.
-    // Refusals and -103 ECONNABORTED: see the top of this file.
-    // Blocks: while the peer's receive buffer is full.
+    // How long a send may wait for room in the socket's send buffer (1 s
+    // unless set), counted from the first record that could not go at once;
+    // see the top of this file for what it returns past the bound. 0 waits
+    // without limit, as a blocking socket does. Same range as the payload
+    // time-out. Set before the socket is in use, or from the thread that
+    // sends on it.
+    void setSendTimeout(std::chrono::milliseconds timeout);
+
+    // Sends `message` as its two records, both or neither; `message` keeps
+    // its descriptors. A peer that has gone away gives -32 (EPIPE); no
+    // SIGPIPE is raised. Refusals, the bounded wait for room and -103
+    // ECONNABORTED: see the top of this file.
+    // Blocks: while the socket's send buffer is full, at most the send
+    // time-out (a socket its owner made non-blocking returns -11 at once).
     [[nodiscard]] int send(const Message& message);
-    // Sends one record: the payload's data with its descriptors attached.
+    // Sends one record: the payload's data with its descriptors attached,
+    // waiting for room as send(Message) does.
     [[nodiscard]] int send(const Message::Payload& payload);
 
     // Receives two records into `*message`: the header in place, then a
@@ -174,7 +228,10 @@ class IPC_EXPORT UnixDomainSocket {
 
     // Sends one record of `dataSize` bytes with an SCM_RIGHTS control message
     // carrying `fdCount` descriptors (none allowed). The kernel's own limit on
-    // descriptors per message (253) shows as -22 (EINVAL).
+    // descriptors per message (253) shows as -22 (EINVAL), a descriptor that
+    // is not open as -9 (EBADF). A full send buffer is waited on for at most
+    // the send time-out, then -11 (EAGAIN); the record is sent whole or not
+    // at all.
     [[nodiscard]] int sendDataAndFileDescriptors(const int* fds, size_t fdCount, const void* data,
                                                  size_t dataSize);
 
@@ -216,7 +273,15 @@ class IPC_EXPORT UnixDomainSocket {
     static constexpr size_t kMaxInlineData = size_t{64} * 1024;
 
   private:
-    static constexpr std::chrono::milliseconds kDefaultPayloadTimeout{1000};
+    static constexpr uint32_t kDefaultTimeoutMs = 1000;
+    std::chrono::milliseconds payloadTimeout() const {
+        return std::chrono::milliseconds(mPayloadTimeoutMs);
+    }
+    std::chrono::milliseconds sendTimeout() const {
+        return std::chrono::milliseconds(mSendTimeoutMs);
+    }
+    // `timeout` as kept: negative is 0, beyond 32 bits the largest.
+    static uint32_t storedTimeout(std::chrono::milliseconds timeout);
 
     // recv(Message*) with one recvmmsg for both records (the payload record
     // straight into `storage`, any part beyond its room into the thread's
@@ -249,8 +314,11 @@ class IPC_EXPORT UnixDomainSocket {
     // Remembers how large the payloads on this socket run: the room for the
     // next one in a single call is the last one's size.
     void noteReceivedPayload(const Message::Counts& counts);
-    // The payload record of a send whose header alone went out.
-    [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
+    // The message's checks before its first record goes: 0, or the refusal.
+    [[nodiscard]] int refusalOf(const Message::Wire& wire, OutgoingRecord& payload) const;
+    // The payload record of a send whose header alone went out, within what
+    // is left of the send's `wait`.
+    [[nodiscard]] int sendPayloadAfterHeader(::msghdr& payload, RoomWait& wait);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 
@@ -258,7 +326,11 @@ class IPC_EXPORT UnixDomainSocket {
     // Sits where the alignment of the next member left room: the last
     // payload's bytes (data and descriptors), at most 65535.
     uint16_t mLastPayloadBytes = 0;
-    std::chrono::milliseconds mPayloadTimeout{kDefaultPayloadTimeout};
+    // Both time-outs in milliseconds, 0 for no limit: 32 bits each, so that
+    // the two take the 8 bytes (and alignment) one std::chrono::milliseconds
+    // took before, and the object keeps its size on 32- and 64-bit.
+    alignas(8) uint32_t mPayloadTimeoutMs = kDefaultTimeoutMs;
+    uint32_t mSendTimeoutMs = kDefaultTimeoutMs;
 };
 
 }  // namespace Kestrel::ipc
