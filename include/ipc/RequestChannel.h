@@ -1,0 +1,160 @@
+// RequestChannel: a request sent on one end of a connected socket pair and its
+// reply back, whole, within a time limit given per call.
+//
+// A channel owns one socket end, a DefaultReactor and the thread that runs
+// it. call() gives the request an id of its own, sends it, and waits for the
+// message that comes back with that id and the reply flag: its data and its
+// descriptors, owned by the caller. Any number of threads may call at once;
+// each gets its own reply. Messages that arrive without the reply flag are
+// requests: they go to the RequestHandler given at construction, and the
+// serving side answers one with answer(), which copies the request's id and
+// type into the reply and sets the reply flag. Both ends may be channels, and
+// both may call and answer.
+//
+// Why not the message table or the callback registry: MessageTable's waiters
+// block without a time-out and serve the fixed number of threads its
+// constructor names, and extract() hands out whichever id comes first, not the
+// caller's; CBRegistry gives its callback one status byte and closes the
+// reply's descriptors. A caller here waits for one id, for a bounded time,
+// and takes the whole message, so the channel keeps its own table of
+// waiting calls. What it does use: SocketEventHandler receives on the
+// reactor's thread, and the reactor's hang-up listener tells it that the
+// peer is gone.
+//
+// Results (every call returns 0 or a negative errno value):
+//   0             the reply is in `*reply`.
+//   kTimedOut     -110 ETIMEDOUT: no reply within the time-out. The id is
+//                 forgotten; a reply that comes later is dropped and its
+//                 descriptors are closed ("reply(id: %u) came after its call
+//                 ended, dropped", warning).
+//   kPeerGone     -32 EPIPE: the peer hung up (closed its end, or its process
+//                 ended) before the reply came. Every call waiting then fails
+//                 at once with it, and every later call at once too. Replies
+//                 that were already on the socket when the hang-up was seen
+//                 are still delivered.
+//   kOutOfStep    -103 ECONNABORTED: a message came in pieces (a peer that
+//                 stalled between the two records of one); the connection
+//                 is unusable, and every waiting and later call fails with it.
+//   -22 EINVAL    a time-out of 0 ms or less, or a null `reply`; nothing sent.
+//   other         the send's own result (UnixDomainSocket::send), nothing
+//                 waited for; or the receive's result when the reply came but
+//                 could not be taken whole (-90, -74, -61, -12): its header
+//                 matched this call, its descriptors were closed.
+//
+// A peer that is alive but never answers costs each caller its time-out, no
+// more. A peer that stops reading fills the socket's buffer: the send then
+// blocks as UnixDomainSocket::send does, and the time-out starts once the
+// request is out.
+//
+// Ownership: the channel owns its socket end (closed on destruction) and the
+// reactor thread. A request keeps its descriptors (the caller's to close); a
+// reply's descriptors belong to the caller, who closes them, for instance
+// with MessageHandler::handleMessage(*reply). Requests handed to the
+// RequestHandler are the handler's, descriptors included.
+//
+// Thread: call() and answer() from any thread, also from the handlers; sends
+// are serialised, so two senders never interleave their records. The
+// RequestHandler and the PeerGoneListener run on the reactor thread with no
+// channel lock held: a handler that calls call() itself blocks every reply
+// meanwhile (hand the request to another thread instead). Destroy the
+// channel only when no call is in progress; it stops and joins its thread
+// (not from one of its handlers).
+#pragma once
+
+#include <ipc/Message.h>
+#include <sysutils/FileDescriptor.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <unordered_map>
+
+#include "ipc/Export.h"
+#include "ipc/utils/Mutex.h"
+#include "ipc/utils/ThreadSafety.h"
+
+namespace Kestrel::ipc {
+
+class DefaultReactor;
+class SocketEventHandler;
+
+class IPC_EXPORT RequestChannel {
+  public:
+    static constexpr int kTimedOut = -ETIMEDOUT;
+    static constexpr int kPeerGone = -EPIPE;
+    static constexpr int kOutOfStep = -ECONNABORTED;
+
+    // Takes a request that arrived (no reply flag), with its descriptors.
+    using RequestHandler = std::function<void(std::unique_ptr<Message> request)>;
+    // Told once that the peer hung up or the connection broke, after every
+    // waiting call has been failed.
+    using PeerGoneListener = std::function<void()>;
+
+    // Serves `end` on a reactor thread of its own, from now on. Without a
+    // `onRequest`, requests are dropped with their descriptors closed
+    // ("request(id: %u) dropped: nobody serves requests here", warning).
+    explicit RequestChannel(Kestrel::utils::sys::FileDescriptor&& end,
+                            RequestHandler onRequest = {}, PeerGoneListener onPeerGone = {});
+    // Stops the reactor thread and closes the socket end. No call may be in
+    // progress; requests not yet handled are lost.
+    ~RequestChannel();
+    RequestChannel(const RequestChannel&) = delete;
+    RequestChannel& operator=(const RequestChannel&) = delete;
+
+    // Sends `request` with a fresh id (written into its header; its type,
+    // payload and flags but the reply flag stay) and waits at most `timeout`
+    // for the reply. On 0, `*reply` holds it; otherwise `*reply` is left
+    // empty. Results: see the top of this file.
+    // Thread: any. Blocks: sending, then until the reply, the hang-up or
+    // the time-out.
+    [[nodiscard]] int call(Message& request, std::chrono::milliseconds timeout,
+                           std::unique_ptr<Message>* reply) IPC_EXCLUDES(mLock, mSendLock);
+
+    // Sends `reply` as the answer to `request`: the request's id and type,
+    // `reply`'s flags with the reply flag added, `reply`'s counts and payload
+    // (which it keeps). Returns the send's result, or kPeerGone / kOutOfStep
+    // once the connection has ended. Thread: any.
+    [[nodiscard]] int answer(const Message& request, Message& reply) IPC_EXCLUDES(mLock, mSendLock);
+
+    // 0 while the connection is up, else the result every call now gets.
+    int ended() const IPC_EXCLUDES(mLock);
+
+  private:
+    // One call waiting for its reply; lives on the caller's stack.
+    struct Waiter {
+        std::condition_variable arrived;
+        bool done = false;
+        int result = 0;
+        std::unique_ptr<Message> reply;
+    };
+
+    // Reactor thread: one message off the socket, handed on.
+    void receiveOne() IPC_EXCLUDES(mLock);
+    // Reactor thread: the peer hung up; takes what is still queued first.
+    void peerHungUp() IPC_EXCLUDES(mLock);
+    // Ends the connection with `result`: every waiting call fails with it.
+    void end(int result) IPC_EXCLUDES(mLock);
+    // Hands a received reply (or the receive's failure) to its call.
+    void deliver(std::unique_ptr<Message> reply, int result) IPC_EXCLUDES(mLock);
+    [[nodiscard]] int send(const Message& message) IPC_EXCLUDES(mSendLock);
+
+    const RequestHandler mOnRequest;
+    const PeerGoneListener mOnPeerGone;
+    std::shared_ptr<SocketEventHandler> mSocket;
+    std::unique_ptr<DefaultReactor> mReactor;
+
+    mutable utils::Mutex mLock;
+    std::unordered_map<uint32_t, Waiter*> mWaiting IPC_GUARDED_BY(mLock);
+    uint32_t mNextId IPC_GUARDED_BY(mLock) = 1;
+    int mEnded IPC_GUARDED_BY(mLock) = 0;  // set once: kPeerGone or kOutOfStep
+
+    utils::Mutex mSendLock;  // held across one message's send
+
+    std::thread mReactorThread;  // last: started when everything above is ready
+};
+
+}  // namespace Kestrel::ipc

@@ -1,0 +1,194 @@
+#include <ipc/DefaultReactor.h>
+#include <ipc/EventHandler.h>
+#include <ipc/RequestChannel.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/utils/FunctionRunnable.h>
+#include <ipc/utils/Log.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+#include "internal/DroppedMessage.h"
+#include "internal/ResultText.h"
+
+namespace Kestrel::ipc {
+
+namespace {
+constexpr utils::LogSite kLogSite{"RequestChannel", "ipc/RequestChannel", utils::kLogModuleCore};
+
+constexpr int kUnbound = -ENOENT;  // what every send on a socket without a descriptor gives
+}  // namespace
+
+RequestChannel::RequestChannel(Kestrel::utils::sys::FileDescriptor&& end, RequestHandler onRequest,
+                               PeerGoneListener onPeerGone)
+    : mOnRequest(std::move(onRequest)), mOnPeerGone(std::move(onPeerGone)) {
+    const bool bound = end.get() >= 0;
+    mSocket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+    mReactor = std::make_unique<DefaultReactor>();
+    if (!bound) {
+        IPC_LOGE("no socket to serve: every call fails (%s)", resultText(kUnbound));
+        utils::LockGuard lock(mLock);
+        mEnded = kUnbound;
+        return;
+    }
+    mSocket->setRunnable(std::make_shared<utils::FunctionRunnable>([this] { receiveOne(); }));
+    mReactor->setHangUpListener(
+            [this](int, short, const std::shared_ptr<EventHandler>&) { peerHungUp(); });
+    (void)mReactor->registerEventHandler(mSocket);  // a fresh reactor and a valid descriptor
+    mReactorThread = std::thread([this] { mReactor->loop(std::chrono::milliseconds(0)); });
+}
+
+RequestChannel::~RequestChannel() {
+    if (mReactorThread.joinable()) {
+        mReactor->requestExit();
+        mReactorThread.join();
+    }
+}
+
+int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
+                         std::unique_ptr<Message>* reply) {
+    if (reply == nullptr || timeout.count() <= 0) {
+        IPC_LOGE("call refused, nothing sent: %s",
+                 reply == nullptr ? "no place for the reply" : "a time-out of 0 ms or less");
+        return -EINVAL;
+    }
+    reply->reset();
+    Waiter waiter;
+    uint32_t id = 0;
+    {
+        utils::LockGuard lock(mLock);
+        if (mEnded != 0) {
+            return mEnded;
+        }
+        // Ids wrap around; 0 is never used and an id still waited for is skipped.
+        do {
+            id = mNextId++;
+        } while (id == 0 || mWaiting.count(id) != 0);
+        mWaiting.emplace(id, &waiter);
+    }
+    request.setHeader(id, request.type(), request.flags() & ~Message::kFlagReply,
+                      request.dataCount(), request.fileDescriptorCount());
+    const int sent = send(request);
+
+    utils::UniqueLock lock(mLock);
+    if (sent != 0) {
+        mWaiting.erase(id);  // ended() may have taken it already
+        return sent;
+    }
+    if (!lock.waitFor(waiter.arrived, timeout, [&waiter] { return waiter.done; })) {
+        mWaiting.erase(id);
+        IPC_LOGW("call(id: %u) timed out after %lld ms", id,
+                 static_cast<long long>(timeout.count()));
+        return kTimedOut;
+    }
+    *reply = std::move(waiter.reply);
+    return waiter.result;
+}
+
+int RequestChannel::answer(const Message& request, Message& reply) {
+    const int ended = this->ended();
+    if (ended != 0) {
+        return ended;
+    }
+    reply.setHeader(request.id(), request.type(), reply.flags() | Message::kFlagReply,
+                    reply.dataCount(), reply.fileDescriptorCount());
+    return send(reply);
+}
+
+int RequestChannel::ended() const {
+    utils::LockGuard lock(mLock);
+    return mEnded;
+}
+
+int RequestChannel::send(const Message& message) {
+    utils::LockGuard lock(mSendLock);
+    return mSocket->sendMessage(message);
+}
+
+void RequestChannel::receiveOne() {
+    auto message = std::make_unique<Message>();
+    const int result = mSocket->receiveMessage(message.get());
+    if (result == -EAGAIN || result == -EINTR) {
+        return;  // nothing there after all
+    }
+    if (result == kOutOfStep) {
+        (void)mReactor->removeEventHandlerByFd(mSocket->fd());
+        mReactor->requestExit();
+        end(kOutOfStep);
+        return;
+    }
+    if (message->isReply()) {
+        deliver(std::move(message), result);
+        return;
+    }
+    if (result != 0) {
+        return;  // a request refused on the way in: logged, its descriptors closed
+    }
+    if (!mOnRequest) {
+        IPC_LOGW("request(id: %u) dropped: nobody serves requests here", message->id());
+        dropMessage(std::move(message));
+        return;
+    }
+    mOnRequest(std::move(message));
+}
+
+void RequestChannel::deliver(std::unique_ptr<Message> reply, int result) {
+    const uint32_t id = reply->id();
+    {
+        utils::LockGuard lock(mLock);
+        const auto found = mWaiting.find(id);
+        if (found != mWaiting.end()) {
+            Waiter& waiter = *found->second;
+            mWaiting.erase(found);
+            waiter.done = true;
+            waiter.result = result;
+            if (result == 0) {
+                waiter.reply = std::move(reply);
+            }
+            // Under the lock: the waiter lives on its caller's stack until the
+            // caller has taken the lock back.
+            waiter.arrived.notify_one();
+        }
+    }
+    if (reply && result == 0) {
+        IPC_LOGW("reply(id: %u) came after its call ended, dropped", id);
+        dropMessage(std::move(reply));
+    }
+}
+
+void RequestChannel::peerHungUp() {
+    // What the peer sent before it closed is still queued, a reply sent just
+    // before its process ended included: take it before failing the calls.
+    // A message starts with its 24-byte header record; a peek of 0 bytes is
+    // the end of the stream.
+    const int fd = mSocket->fd();
+    char first = 0;
+    while (ended() == 0 && ::recv(fd, &first, 1, MSG_PEEK | MSG_DONTWAIT) > 0) {
+        receiveOne();
+    }
+    (void)mReactor->removeEventHandlerByFd(fd);
+    mReactor->requestExit();
+    end(kPeerGone);
+}
+
+void RequestChannel::end(int result) {
+    {
+        utils::LockGuard lock(mLock);
+        if (mEnded != 0) {
+            return;
+        }
+        mEnded = result;
+        for (const auto& [id, waiter] : mWaiting) {
+            waiter->done = true;
+            waiter->result = result;
+            waiter->arrived.notify_one();
+        }
+        mWaiting.clear();
+    }
+    IPC_LOGI("connection ended (%s): every waiting call failed", resultText(result));
+    if (mOnPeerGone) {
+        mOnPeerGone();
+    }
+}
+
+}  // namespace Kestrel::ipc
