@@ -129,7 +129,7 @@ void RequestChannel::receiveOne() {
         dropMessage(std::move(message));
         return;
     }
-    mOnRequest(std::move(message));
+    mOnRequest(*this, std::move(message));
 }
 
 void RequestChannel::deliver(std::unique_ptr<Message> reply, int result) {

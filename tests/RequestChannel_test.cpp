@@ -49,11 +49,11 @@ class RequestChannelTest : public SocketPairFixture {
     std::unique_ptr<RequestChannel> server;
 
     void startServer() {
-        server = std::make_unique<RequestChannel>(std::move(pair.second),
-                                                  [this](std::unique_ptr<Message> request) {
-                                                      std::lock_guard<std::mutex> hold(lock);
-                                                      requests.push_back(std::move(request));
-                                                  });
+        server = std::make_unique<RequestChannel>(
+                std::move(pair.second), [this](RequestChannel&, std::unique_ptr<Message> request) {
+                    std::lock_guard<std::mutex> hold(lock);
+                    requests.push_back(std::move(request));
+                });
     }
     bool waitForRequests(size_t count) {
         return waitUntil([&] {

@@ -88,8 +88,10 @@ class IPC_EXPORT RequestChannel {
     static constexpr int kPeerGone = -EPIPE;
     static constexpr int kOutOfStep = -ECONNABORTED;
 
-    // Takes a request that arrived (no reply flag), with its descriptors.
-    using RequestHandler = std::function<void(std::unique_ptr<Message> request)>;
+    // Takes a request that arrived (no reply flag), with its descriptors;
+    // `channel` is the one it came on, to answer() it now or later.
+    using RequestHandler =
+            std::function<void(RequestChannel& channel, std::unique_ptr<Message> request)>;
     // Told once that the peer hung up or the connection broke, after every
     // waiting call has been failed.
     using PeerGoneListener = std::function<void()>;
