@@ -4,7 +4,9 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Log.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <utility>
 
@@ -21,16 +23,21 @@ constexpr int kUnbound = -ENOENT;  // what every send on a socket without a desc
 
 RequestChannel::RequestChannel(Kestrel::utils::sys::FileDescriptor&& end, RequestHandler onRequest,
                                PeerGoneListener onPeerGone)
-    : mOnRequest(std::move(onRequest)), mOnPeerGone(std::move(onPeerGone)) {
+    : mOnRequest(std::move(onRequest)),
+      mOnPeerGone(std::move(onPeerGone)),
+      mCallersRead(!mOnRequest) {
     const bool bound = end.get() >= 0;
     mSocket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-    mReactor = std::make_unique<DefaultReactor>();
     if (!bound) {
         IPC_LOGE("no socket to serve: every call fails (%s)", resultText(kUnbound));
         utils::LockGuard lock(mLock);
         mEnded = kUnbound;
         return;
     }
+    if (mCallersRead) {
+        return;  // no thread: each call reads, see the header
+    }
+    mReactor = std::make_unique<DefaultReactor>();
     mSocket->setRunnable(std::make_shared<utils::FunctionRunnable>([this] { receiveOne(); }));
     mReactor->setHangUpListener(
             [this](int, short, const std::shared_ptr<EventHandler>&) { peerHungUp(); });
@@ -69,20 +76,73 @@ int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
     request.setHeader(id, request.type(), request.flags() & ~Message::kFlagReply,
                       request.dataCount(), request.fileDescriptorCount());
     const int sent = send(request);
+    const Clock::time_point deadline = Clock::now() + timeout;
 
     utils::UniqueLock lock(mLock);
     if (sent != 0) {
-        mWaiting.erase(id);  // ended() may have taken it already
+        mWaiting.erase(id);  // end() may have taken it already
         return sent;
     }
-    if (!lock.waitFor(waiter.arrived, timeout, [&waiter] { return waiter.done; })) {
-        mWaiting.erase(id);
-        IPC_LOGW("call(id: %u) timed out after %lld ms", id,
-                 static_cast<long long>(timeout.count()));
-        return kTimedOut;
+    for (;;) {
+        if (waiter.done) {
+            *reply = std::move(waiter.reply);
+            return waiter.result;
+        }
+        if (mCallersRead && !mReading) {
+            // This call reads for every call until its own reply is in, then
+            // hands the socket to another waiting call.
+            mReading = true;
+            lock.unlock();
+            readUntil(waiter, deadline);
+            lock.lock();
+            mReading = false;
+            if (!mWaiting.empty()) {
+                mWaiting.begin()->second->arrived.notify_one();
+            }
+            if (waiter.done) {
+                continue;
+            }
+        } else if (lock.waitUntil(waiter.arrived, deadline, [this, &waiter]() IPC_REQUIRES(mLock) {
+                       return waiter.done || (mCallersRead && !mReading);
+                   })) {
+            continue;
+        }
+        if (Clock::now() >= deadline) {
+            mWaiting.erase(id);
+            IPC_LOGW("call(id: %u) timed out after %lld ms", id,
+                     static_cast<long long>(timeout.count()));
+            return kTimedOut;
+        }
     }
-    *reply = std::move(waiter.reply);
-    return waiter.result;
+}
+
+void RequestChannel::readUntil(const Waiter& waiter, Clock::time_point deadline) {
+    const int fd = mSocket->fd();
+    for (;;) {
+        {
+            utils::LockGuard lock(mLock);
+            if (waiter.done || mEnded != 0) {
+                return;
+            }
+        }
+        const auto left =
+                std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            return;
+        }
+        const timespec wait{static_cast<time_t>(left.count() / 1000000000),
+                            static_cast<long>(left.count() % 1000000000)};
+        pollfd socket{fd, POLLIN, 0};
+        const int ready = ::ppoll(&socket, 1, &wait, nullptr);
+        if (ready <= 0) {
+            continue;  // the time-out, or a signal: the checks above decide
+        }
+        if ((socket.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+            peerHungUp();
+            return;
+        }
+        receiveOne();
+    }
 }
 
 int RequestChannel::answer(const Message& request, Message& reply) {
@@ -112,8 +172,7 @@ void RequestChannel::receiveOne() {
         return;  // nothing there after all
     }
     if (result == kOutOfStep) {
-        (void)mReactor->removeEventHandlerByFd(mSocket->fd());
-        mReactor->requestExit();
+        stopServing();
         end(kOutOfStep);
         return;
     }
@@ -166,9 +225,15 @@ void RequestChannel::peerHungUp() {
     while (ended() == 0 && ::recv(fd, &first, 1, MSG_PEEK | MSG_DONTWAIT) > 0) {
         receiveOne();
     }
-    (void)mReactor->removeEventHandlerByFd(fd);
-    mReactor->requestExit();
+    stopServing();
     end(kPeerGone);
+}
+
+void RequestChannel::stopServing() {
+    if (mReactor) {
+        (void)mReactor->removeEventHandlerByFd(mSocket->fd());
+        mReactor->requestExit();
+    }
 }
 
 void RequestChannel::end(int result) {

@@ -1,15 +1,28 @@
 // RequestChannel: a request sent on one end of a connected socket pair and its
 // reply back, whole, within a time limit given per call.
 //
-// A channel owns one socket end, a DefaultReactor and the thread that runs
-// it. call() gives the request an id of its own, sends it, and waits for the
-// message that comes back with that id and the reply flag: its data and its
-// descriptors, owned by the caller. Any number of threads may call at once;
-// each gets its own reply. Messages that arrive without the reply flag are
-// requests: they go to the RequestHandler given at construction, and the
-// serving side answers one with answer(), which copies the request's id and
-// type into the reply and sets the reply flag. Both ends may be channels, and
-// both may call and answer.
+// A channel owns one socket end. call() gives the request an id of its own,
+// sends it, and waits for the message that comes back with that id and the
+// reply flag: its data and its descriptors, owned by the caller. Any number
+// of threads may call at once; each gets its own reply. Messages that arrive
+// without the reply flag are requests: they go to the RequestHandler given at
+// construction, and the serving side answers one with answer(), which copies
+// the request's id and type into the reply and sets the reply flag. Both
+// ends may be channels, and both may call and answer.
+//
+// Who reads the socket:
+//   - With a RequestHandler (a serving side), a DefaultReactor on a thread
+//     the channel owns: a SocketEventHandler receives every message there,
+//     and the reactor's hang-up listener tells the channel that the peer is
+//     gone, at any time. A reply reaches its caller through that thread.
+//   - Without one (a calling side), no thread: a waiting call reads the
+//     socket itself, for every call, until its own reply is in, and then
+//     hands the socket to another waiting call. A reply then costs no wake of
+//     a second thread, which would nearly double a small round trip. The
+//     hang-up, and requests (dropped), are seen while a call reads: a peer
+//     that goes while no call waits fails the next call, at once.
+//   Each thread that reads reserves address space as UnixDomainSocket::recv
+//   says.
 //
 // Why not the message table or the callback registry: MessageTable's waiters
 // block without a time-out and serve the fixed number of threads its
@@ -17,9 +30,7 @@
 // caller's; CBRegistry gives its callback one status byte and closes the
 // reply's descriptors. A caller here waits for one id, for a bounded time,
 // and takes the whole message, so the channel keeps its own table of
-// waiting calls. What it does use: SocketEventHandler receives on the
-// reactor's thread, and the reactor's hang-up listener tells it that the
-// peer is gone.
+// waiting calls.
 //
 // Results (every call returns 0 or a negative errno value):
 //   0             the reply is in `*reply`.
@@ -36,6 +47,7 @@
 //                 stalled between the two records of one); the connection
 //                 is unusable, and every waiting and later call fails with it.
 //   -22 EINVAL    a time-out of 0 ms or less, or a null `reply`; nothing sent.
+//   -2 ENOENT     the channel was made without a socket; nothing sent.
 //   other         the send's own result (UnixDomainSocket::send), nothing
 //                 waited for; or the receive's result when the reply came but
 //                 could not be taken whole (-90, -74, -61, -12): its header
@@ -54,11 +66,12 @@
 //
 // Thread: call() and answer() from any thread, also from the handlers; sends
 // are serialised, so two senders never interleave their records. The
-// RequestHandler and the PeerGoneListener run on the reactor thread with no
-// channel lock held: a handler that calls call() itself blocks every reply
-// meanwhile (hand the request to another thread instead). Destroy the
-// channel only when no call is in progress; it stops and joins its thread
-// (not from one of its handlers).
+// RequestHandler runs on the reactor thread, the PeerGoneListener on the
+// thread that saw the hang-up (the reactor's, or a reading call's), both with
+// no channel lock held: a RequestHandler that calls call() itself blocks
+// every reply meanwhile (hand the request to another thread instead).
+// Destroy the channel only when no call is in progress; it stops and joins
+// its thread (not from one of its handlers).
 #pragma once
 
 #include <ipc/Message.h>
@@ -93,16 +106,18 @@ class IPC_EXPORT RequestChannel {
     using RequestHandler =
             std::function<void(RequestChannel& channel, std::unique_ptr<Message> request)>;
     // Told once that the peer hung up or the connection broke, after every
-    // waiting call has been failed.
+    // waiting call has been failed; on the thread that saw it.
     using PeerGoneListener = std::function<void()>;
 
-    // Serves `end` on a reactor thread of its own, from now on. Without a
-    // `onRequest`, requests are dropped with their descriptors closed
-    // ("request(id: %u) dropped: nobody serves requests here", warning).
+    // With `onRequest`, serves `end` on a reactor thread of its own from now
+    // on. Without, calls read `end` themselves, and requests that come are
+    // dropped with their descriptors closed ("request(id: %u) dropped:
+    // nobody serves requests here", warning). An invalid `end` makes every
+    // call fail with -2 (logged once here).
     explicit RequestChannel(Kestrel::utils::sys::FileDescriptor&& end,
                             RequestHandler onRequest = {}, PeerGoneListener onPeerGone = {});
-    // Stops the reactor thread and closes the socket end. No call may be in
-    // progress; requests not yet handled are lost.
+    // Stops the reactor thread, if any, and closes the socket end. No call
+    // may be in progress; requests not yet handled are lost.
     ~RequestChannel();
     RequestChannel(const RequestChannel&) = delete;
     RequestChannel& operator=(const RequestChannel&) = delete;
@@ -134,10 +149,18 @@ class IPC_EXPORT RequestChannel {
         std::unique_ptr<Message> reply;
     };
 
-    // Reactor thread: one message off the socket, handed on.
+    using Clock = std::chrono::steady_clock;
+
+    // The reading thread (the reactor's, or the reading call's): one message
+    // off the socket, handed on.
     void receiveOne() IPC_EXCLUDES(mLock);
-    // Reactor thread: the peer hung up; takes what is still queued first.
+    // The reading thread: the peer hung up; takes what is still queued first.
     void peerHungUp() IPC_EXCLUDES(mLock);
+    // A call that reads for all: receives until `waiter` is done, the
+    // connection ends or `deadline` passes.
+    void readUntil(const Waiter& waiter, Clock::time_point deadline) IPC_EXCLUDES(mLock);
+    // Takes the socket out of the reactor, if there is one, and ends its loop.
+    void stopServing();
     // Ends the connection with `result`: every waiting call fails with it.
     void end(int result) IPC_EXCLUDES(mLock);
     // Hands a received reply (or the receive's failure) to its call.
@@ -146,13 +169,15 @@ class IPC_EXPORT RequestChannel {
 
     const RequestHandler mOnRequest;
     const PeerGoneListener mOnPeerGone;
+    const bool mCallersRead;  // no RequestHandler: calls read, no reactor
     std::shared_ptr<SocketEventHandler> mSocket;
-    std::unique_ptr<DefaultReactor> mReactor;
+    std::unique_ptr<DefaultReactor> mReactor;  // only with a RequestHandler
 
     mutable utils::Mutex mLock;
     std::unordered_map<uint32_t, Waiter*> mWaiting IPC_GUARDED_BY(mLock);
     uint32_t mNextId IPC_GUARDED_BY(mLock) = 1;
-    int mEnded IPC_GUARDED_BY(mLock) = 0;  // set once: kPeerGone or kOutOfStep
+    int mEnded IPC_GUARDED_BY(mLock) = 0;         // set once: kPeerGone, kOutOfStep or -2
+    bool mReading IPC_GUARDED_BY(mLock) = false;  // a call reads the socket now
 
     utils::Mutex mSendLock;  // held across one message's send
 
