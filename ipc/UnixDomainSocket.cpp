@@ -16,6 +16,7 @@
 #include "internal/OutgoingRecord.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
+#include "internal/ResultText.h"
 #include "internal/SpillRegion.h"
 #include "internal/TransportLogSite.h"
 
@@ -149,7 +150,7 @@ void UnixDomainSocket::applyPayloadTimeout() {
 int UnixDomainSocket::send(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
-        IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
+        IPC_LOGE("send message header failed (%s)", resultText(kNotBound));
         return kNotBound;
     }
     const auto [header, payload] = message.wire();
@@ -261,7 +262,7 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
     const auto [header, headerSize] = message->header();
     const int result = receiveDataAndFileDescriptors(nullptr, 0, header, headerSize);
     if (result < 0) {
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(result));
         return result;
     }
     const Message::Counts counts = Message::countsOf(header);
@@ -297,7 +298,7 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     if (received < 0) {
         storage.resize(sizeBefore);
         const int failure = receiveFailure();
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(failure));
         return failure;
     }
     IPC_LOGW("no ancillary data, do not handle the cmsg part");
@@ -331,7 +332,7 @@ int UnixDomainSocket::receivePayloadAlone(Message::Storage& storage, const uint8
 
 int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
     storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    IPC_LOGE("receive file descriptors and message failed (%s)", resultText(result));
     return result;
 }
 
@@ -413,7 +414,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
             // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
                      static_cast<long long>(mPayloadTimeout.count()));
-            return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
+            return kOutOfStep;  // the line above says why
         }
         return receiveFailure();
     };
