@@ -1,5 +1,6 @@
 #include <ipc/DefaultReactor.h>
 #include <ipc/EventHandler.h>
+#include <ipc/MessageHandler.h>
 #include <ipc/RequestChannel.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/FunctionRunnable.h>
@@ -8,6 +9,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include <cstring>
 #include <utility>
 
 #include "internal/DroppedMessage.h"
@@ -19,13 +21,23 @@ namespace {
 constexpr utils::LogSite kLogSite{"RequestChannel", "ipc/RequestChannel", utils::kLogModuleCore};
 
 constexpr int kUnbound = -ENOENT;  // what every send on a socket without a descriptor gives
+// Calls that may wait at once before the list of waiting calls grows.
+constexpr size_t kWaitingRoom = 16;
+// Where the header keeps the fields a call sets.
+constexpr size_t kIdOffset = 0;
+constexpr size_t kFlagsOffset = 8;
 }  // namespace
 
 RequestChannel::RequestChannel(Kestrel::utils::sys::FileDescriptor&& end, RequestHandler onRequest,
                                PeerGoneListener onPeerGone)
     : mOnRequest(std::move(onRequest)),
       mOnPeerGone(std::move(onPeerGone)),
-      mCallersRead(!mOnRequest) {
+      mCallersRead(!mOnRequest),
+      mMessageHandler(std::make_shared<MessageHandler>()) {
+    {
+        utils::LockGuard lock(mLock);
+        mWaiting.reserve(kWaitingRoom);
+    }
     const bool bound = end.get() >= 0;
     mSocket = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
     if (!bound) {
@@ -70,17 +82,23 @@ int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
         // Ids wrap around; 0 is never used and an id still waited for is skipped.
         do {
             id = mNextId++;
-        } while (id == 0 || mWaiting.count(id) != 0);
-        mWaiting.emplace(id, &waiter);
+        } while (id == 0 || waiting(id) != nullptr);
+        mWaiting.emplace_back(id, &waiter);
     }
-    request.setHeader(id, request.type(), request.flags() & ~Message::kFlagReply,
-                      request.dataCount(), request.fileDescriptorCount());
+    // The id and the flags straight into the header, which this call has to
+    // itself: one lock of the message instead of one per field.
+    uint8_t* const header = request.header().first;
+    uint32_t flags = 0;
+    std::memcpy(&flags, header + kFlagsOffset, sizeof(flags));
+    flags &= ~Message::kFlagReply;
+    std::memcpy(header + kFlagsOffset, &flags, sizeof(flags));
+    std::memcpy(header + kIdOffset, &id, sizeof(id));
     const int sent = send(request);
     const Clock::time_point deadline = Clock::now() + timeout;
 
     utils::UniqueLock lock(mLock);
     if (sent != 0) {
-        mWaiting.erase(id);  // end() may have taken it already
+        forget(id);  // end() may have taken it already
         return sent;
     }
     for (;;) {
@@ -97,7 +115,7 @@ int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
             lock.lock();
             mReading = false;
             if (!mWaiting.empty()) {
-                mWaiting.begin()->second->arrived.notify_one();
+                mWaiting.front().second->arrived.notify_one();
             }
             if (waiter.done) {
                 continue;
@@ -108,7 +126,7 @@ int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
             continue;
         }
         if (Clock::now() >= deadline) {
-            mWaiting.erase(id);
+            forget(id);
             IPC_LOGW("call(id: %u) timed out after %lld ms", id,
                      static_cast<long long>(timeout.count()));
             return kTimedOut;
@@ -166,7 +184,7 @@ int RequestChannel::send(const Message& message) {
 }
 
 void RequestChannel::receiveOne() {
-    auto message = std::make_unique<Message>();
+    auto message = std::make_unique<Message>(mMessageHandler);
     const int result = mSocket->receiveMessage(message.get());
     if (result == -EAGAIN || result == -EINTR) {
         return;  // nothing there after all
@@ -195,10 +213,9 @@ void RequestChannel::deliver(std::unique_ptr<Message> reply, int result) {
     const uint32_t id = reply->id();
     {
         utils::LockGuard lock(mLock);
-        const auto found = mWaiting.find(id);
-        if (found != mWaiting.end()) {
-            Waiter& waiter = *found->second;
-            mWaiting.erase(found);
+        if (Waiter* const found = waiting(id)) {
+            Waiter& waiter = *found;
+            forget(id);
             waiter.done = true;
             waiter.result = result;
             if (result == 0) {
@@ -233,6 +250,25 @@ void RequestChannel::stopServing() {
     if (mReactor) {
         (void)mReactor->removeEventHandlerByFd(mSocket->fd());
         mReactor->requestExit();
+    }
+}
+
+RequestChannel::Waiter* RequestChannel::waiting(uint32_t id) const {
+    for (const auto& [waitingId, waiter] : mWaiting) {
+        if (waitingId == id) {
+            return waiter;
+        }
+    }
+    return nullptr;
+}
+
+void RequestChannel::forget(uint32_t id) {
+    for (auto& entry : mWaiting) {
+        if (entry.first == id) {
+            entry = mWaiting.back();
+            mWaiting.pop_back();
+            return;
+        }
     }
 }
 

@@ -84,7 +84,8 @@
 #include <functional>
 #include <memory>
 #include <thread>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "ipc/Export.h"
 #include "ipc/utils/Mutex.h"
@@ -93,6 +94,7 @@
 namespace Kestrel::ipc {
 
 class DefaultReactor;
+class MessageHandler;
 class SocketEventHandler;
 
 class IPC_EXPORT RequestChannel {
@@ -128,6 +130,7 @@ class IPC_EXPORT RequestChannel {
     // empty. Results: see the top of this file.
     // Thread: any. Blocks: sending, then until the reply, the hang-up or
     // the time-out.
+    // `request` must not be used by another thread during the call.
     [[nodiscard]] int call(Message& request, std::chrono::milliseconds timeout,
                            std::unique_ptr<Message>* reply) IPC_EXCLUDES(mLock, mSendLock);
 
@@ -161,6 +164,9 @@ class IPC_EXPORT RequestChannel {
     void readUntil(const Waiter& waiter, Clock::time_point deadline) IPC_EXCLUDES(mLock);
     // Takes the socket out of the reactor, if there is one, and ends its loop.
     void stopServing();
+    // The waiting call of `id`, or null; forget() removes it, if there.
+    Waiter* waiting(uint32_t id) const IPC_REQUIRES(mLock);
+    void forget(uint32_t id) IPC_REQUIRES(mLock);
     // Ends the connection with `result`: every waiting call fails with it.
     void end(int result) IPC_EXCLUDES(mLock);
     // Hands a received reply (or the receive's failure) to its call.
@@ -170,11 +176,16 @@ class IPC_EXPORT RequestChannel {
     const RequestHandler mOnRequest;
     const PeerGoneListener mOnPeerGone;
     const bool mCallersRead;  // no RequestHandler: calls read, no reactor
+    // The default handler of every message received, shared: one fewer
+    // allocation per message than a handler of its own.
+    const std::shared_ptr<MessageHandler> mMessageHandler;
     std::shared_ptr<SocketEventHandler> mSocket;
     std::unique_ptr<DefaultReactor> mReactor;  // only with a RequestHandler
 
     mutable utils::Mutex mLock;
-    std::unordered_map<uint32_t, Waiter*> mWaiting IPC_GUARDED_BY(mLock);
+    // The calls waiting, by id, in no order: a few at a time, so a scan costs
+    // less than a map's allocation per call.
+    std::vector<std::pair<uint32_t, Waiter*>> mWaiting IPC_GUARDED_BY(mLock);
     uint32_t mNextId IPC_GUARDED_BY(mLock) = 1;
     int mEnded IPC_GUARDED_BY(mLock) = 0;         // set once: kPeerGone, kOutOfStep or -2
     bool mReading IPC_GUARDED_BY(mLock) = false;  // a call reads the socket now
