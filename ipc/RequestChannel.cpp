@@ -114,8 +114,11 @@ int RequestChannel::call(Message& request, std::chrono::milliseconds timeout,
             readUntil(waiter, deadline);
             lock.lock();
             mReading = false;
-            if (!mWaiting.empty()) {
-                mWaiting.front().second->arrived.notify_one();
+            for (const auto& [otherId, other] : mWaiting) {
+                if (other != &waiter) {
+                    other->arrived.notify_one();  // the next reader
+                    break;
+                }
             }
             if (waiter.done) {
                 continue;
@@ -152,6 +155,13 @@ void RequestChannel::readUntil(const Waiter& waiter, Clock::time_point deadline)
                             static_cast<long>(left.count() % 1000000000)};
         pollfd socket{fd, POLLIN, 0};
         const int ready = ::ppoll(&socket, 1, &wait, nullptr);
+        if (ready < 0 && errno != EINTR) {
+            // Not a wait that can be tried again: the connection cannot be read.
+            const int error = -errno;
+            IPC_LOGE("ppoll failed (%s)", resultText(error));
+            end(error);
+            return;
+        }
         if (ready <= 0) {
             continue;  // the time-out, or a signal: the checks above decide
         }

@@ -138,6 +138,33 @@ TEST_F(RequestChannelTest, NoReplyInTime_TimesOutAndTheLateReplyIsDroppedWithIts
     EXPECT_EQ(capture.count("reply(id: 1) came after its call ended, dropped"), 1u);
 }
 
+TEST_F(RequestChannelTest, ReadingCallThatTimesOut_HandsTheSocketToTheNextCall) {
+    startServer();
+    RequestChannel client(std::move(pair.first));
+    // The first call reads for both and gives up first.
+    std::future<int> first = std::async(std::launch::async, [&client] {
+        auto request = requestOf("given up");
+        std::unique_ptr<Message> reply;
+        return client.call(*request, milliseconds(300), &reply);
+    });
+    ASSERT_TRUE(waitForRequests(1));
+    std::future<int> second = std::async(std::launch::async, [&client] {
+        auto request = requestOf("patient");
+        std::unique_ptr<Message> reply;
+        const int result = client.call(*request, kLong, &reply);
+        if (reply) {
+            ipc::MessageHandler().handleMessage(*reply);
+        }
+        return result;
+    });
+    ASSERT_TRUE(waitForRequests(2));
+    ASSERT_EQ(first.wait_for(kLong), std::future_status::ready);
+    EXPECT_EQ(first.get(), RequestChannel::kTimedOut);
+    EXPECT_EQ(answerWithFile(1), 0);  // someone must still be reading
+    ASSERT_EQ(second.wait_for(kLong), std::future_status::ready);
+    EXPECT_EQ(second.get(), 0);
+}
+
 TEST_F(RequestChannelTest, PeerHangUp_FailsEveryWaitingCallAtOnceAndEveryLaterOne) {
     std::atomic<int> goneNotices{0};
     RequestChannel client(std::move(pair.first), {}, [&goneNotices] { ++goneNotices; });

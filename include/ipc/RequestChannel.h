@@ -54,7 +54,10 @@
 //                 matched this call, its descriptors were closed.
 //
 // A peer that is alive but never answers costs each caller its time-out, no
-// more. A peer that stops reading fills the socket's buffer: the send then
+// more. One that stalls between the two records of a message keeps the
+// thread reading it up to the socket's payload time-out longer
+// (UnixDomainSocket::setPayloadTimeout, 1 s), then every call fails with
+// kOutOfStep. A peer that stops reading fills the socket's buffer: the send then
 // blocks as UnixDomainSocket::send does, and the time-out starts once the
 // request is out.
 //
