@@ -25,7 +25,7 @@ constexpr LogSite kLogSite{"LogSetting", "ipc/utils/Log", kLogModuleCore};
 // unset (VELACAM_LOG_LEVEL=5 alone, on a host): say once, at load, what is
 // missing, instead of leaving the reader to wonder. Runs after sLogLevel is
 // set, which is defined above in this file.
-bool hintAtMissingProperty() {
+bool hintAtMissingProperty() noexcept {
     if (LogSetting::sLogLevel < 1 && logging::ULogger::sDetailsLevel >= 5) {
         IPC_LOGW(
                 "debug lines are off: they also need the property "
