@@ -37,7 +37,8 @@
 //   kTimedOut     -110 ETIMEDOUT: no reply within the time-out. The id is
 //                 forgotten; a reply that comes later is dropped and its
 //                 descriptors are closed ("reply(id: %u) came after its call
-//                 ended, dropped", warning).
+//                 ended, dropped", warning) when it is read: at once on a
+//                 serving side, by the next call on a calling side.
 //   kPeerGone     -32 EPIPE: the peer hung up (closed its end, or its process
 //                 ended) before the reply came. Every call waiting then fails
 //                 at once with it, and every later call at once too. Replies
