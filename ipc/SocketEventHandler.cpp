@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "internal/ResultText.h"
+
 namespace Kestrel::ipc {
 
 // Prebuilt modules link against this layout.
@@ -49,7 +51,7 @@ void SocketEventHandler::setSendTimeout(std::chrono::milliseconds timeout) {
 int SocketEventHandler::sendMessage(const Message& message) {
     const int result = mSocket.send(message);
     if (result != 0) {
-        IPC_LOGE("send string failed (%s)", std::strerror(-result));
+        IPC_LOGE("send string failed (%s)", resultText(result));
     }
     return result;
 }
@@ -57,7 +59,7 @@ int SocketEventHandler::sendMessage(const Message& message) {
 int SocketEventHandler::receiveMessage(Message* message) {
     const int result = mSocket.recv(message);
     if (result != 0) {
-        IPC_LOGE("receive string failed(%s)", std::strerror(-result));
+        IPC_LOGE("receive string failed(%s)", resultText(result));
     }
     return result;
 }

@@ -18,6 +18,7 @@
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
 #include "internal/RoomWait.h"
+#include "internal/ResultText.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
@@ -214,7 +215,7 @@ int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& paylo
 int UnixDomainSocket::send(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
-        IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
+        IPC_LOGE("send message header failed (%s)", resultText(kNotBound));
         return kNotBound;
     }
     const Message::Wire wire = message.wire();
@@ -254,7 +255,7 @@ int UnixDomainSocket::send(const Message& message) {
         // Nothing went.
         const int result = afterNothingSent(errno, wait);
         if (result != 0) {
-            IPC_LOGE("send message header failed (%s)", std::strerror(-result));
+            IPC_LOGE("send message header failed (%s)", resultText(result));
             return result;
         }
     }
@@ -322,7 +323,7 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
     const auto [header, headerSize] = message->header();
     const int result = receiveDataAndFileDescriptors(nullptr, 0, header, headerSize);
     if (result < 0) {
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(result));
         return result;
     }
     return receivePayloadAlone(storage, header, Message::countsOf(header));
@@ -361,7 +362,7 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     if (received < 0) {
         storage.resize(sizeBefore);
         const int failure = receiveFailure();
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(failure));
         return failure;
     }
     IPC_LOGW("no ancillary data, do not handle the cmsg part");
@@ -398,7 +399,7 @@ int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
     if (storage.capacity() > Message::kReservedStorage) {
         storage.shrink_to_fit();
     }
-    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    IPC_LOGE("receive file descriptors and message failed (%s)", resultText(result));
     return result;
 }
 
@@ -500,7 +501,7 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
             // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
                      static_cast<long long>(mPayloadTimeoutMs));
-            return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
+            return kOutOfStep;  // the line above says why
         }
         return receiveFailure();
     };
