@@ -175,6 +175,21 @@ TEST(TransportStallTest, StalledPeer_CostsTheReactorABoundedWaitAndItsNeighbourI
     thread.stop();
 }
 
+// Nothing sets the payload time-out here: the default bound is behaviour too.
+TEST_F(TransportBoundaryTest, StalledPeer_AtTheDefaultBound_CostsAboutASecondThenOutOfStep) {
+    ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, 3, 0));
+    const auto started = Clock::now();
+    auto result = startBlocked([&] {
+        Message message;
+        return receiver.recv(&message);
+    });
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    const auto waited = Clock::now() - started;
+    EXPECT_EQ(result.get(), -ECONNABORTED);
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::seconds(5));  // 1 s, twice that at most, and a loaded machine
+}
+
 TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {
     receiver.setPayloadTimeout(std::chrono::seconds(30));
     ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, 3, 1));
