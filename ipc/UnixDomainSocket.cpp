@@ -503,7 +503,11 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
                      static_cast<long long>(mPayloadTimeoutMs));
             return kOutOfStep;  // the line above says why
         }
-        return receiveFailure();
+        // Whether the failed call took the record or left it queued is not
+        // known, so the next header cannot be trusted to be one: out of step,
+        // whatever the reason.
+        receiveFailure();
+        return kOutOfStep;
     };
 
     // Refused before memory is taken for it.

@@ -130,7 +130,9 @@
 // blocking receive carries it at no extra call; every other receive here
 // waits on past it, but whoever reads the descriptor directly sees it. A
 // signal that cuts the wait for a payload record short loses nothing: the
-// wait goes on.
+// wait goes on. A read of the payload record that fails for any other reason
+// once its header was taken (ENOMEM from the kernel, say) is -103 as well:
+// whether the record went with it is not known.
 //
 // Compatibility: kept as existing peers and log readers rely on it. End of
 // stream is not detected (a peer gone between the two records leaves a payload
