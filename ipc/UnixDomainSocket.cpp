@@ -13,6 +13,7 @@
 
 #include "internal/BoundedReceive.h"
 #include "internal/ControlBuffer.h"
+#include "internal/Observation.h"
 #include "internal/OutgoingRecord.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
@@ -119,6 +120,7 @@ UnixDomainSocket::~UnixDomainSocket() = default;
 
 void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
     mSocketFd = std::move(fd);
+    observe::bound(mSocketFd.get());
     applyPayloadTimeout();
 }
 
@@ -147,6 +149,10 @@ void UnixDomainSocket::applyPayloadTimeout() {
 }
 
 int UnixDomainSocket::send(const Message& message) {
+    return observe::send(mSocketFd.get(), message, [&] { return sendRecords(message); });
+}
+
+int UnixDomainSocket::sendRecords(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
         IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
@@ -229,6 +235,10 @@ int UnixDomainSocket::send(const Message::Payload& payload) {
 }
 
 int UnixDomainSocket::recv(Message* message) {
+    return observe::receive(mSocketFd.get(), message, [&] { return receiveRecords(message); });
+}
+
+int UnixDomainSocket::receiveRecords(Message* message) {
     if (message == nullptr) {
         IPC_LOGE("invalid message");
         return -EFAULT;

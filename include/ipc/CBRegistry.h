@@ -123,6 +123,8 @@ class IPC_EXPORT CBRegistry {
     [[nodiscard]] bool waitCB();
 
   private:
+    friend class StateDump;  // copies the pending ids under mMutex
+
     utils::Mutex mMutex;
     std::unordered_map<uint32_t, std::function<void(uint8_t)>> mCallbacks IPC_GUARDED_BY(mMutex);
     std::unique_ptr<CBList> mCBList;

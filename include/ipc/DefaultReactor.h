@@ -145,6 +145,8 @@ class IPC_EXPORT DefaultReactor {
             IPC_EXCLUDES(mMutex, mListenerLock);
 
   private:
+    friend class StateDump;  // copies the registered descriptors under mMutex
+
     // A registered handler as the loop polls it, kept across cycles until the
     // registrations change: its descriptor, the poll events of its type() and
     // the weak reference (locked only once its descriptor is ready).

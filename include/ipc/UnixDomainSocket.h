@@ -239,6 +239,10 @@ class IPC_EXPORT UnixDomainSocket {
     static constexpr uint8_t kOneByOneAfterLarge = 8;
     // The payload record of a send whose header alone went out.
     [[nodiscard]] int sendPayloadAfterHeader(const ::msghdr& payload);
+    // send(message) and recv(message) as the wire sees them; the public ones
+    // add the counting and tracing of the library's observation.
+    [[nodiscard]] int sendRecords(const Message& message);
+    [[nodiscard]] int receiveRecords(Message* message);
     // Makes the payload time-out the socket's receive time-out (SO_RCVTIMEO).
     void applyPayloadTimeout();
 

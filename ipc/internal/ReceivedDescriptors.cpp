@@ -1,5 +1,7 @@
 #include "ReceivedDescriptors.h"
 
+#include "Observation.h"
+
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +12,7 @@ ReceivedDescriptors::ReceivedDescriptors(const cmsghdr* rights, size_t count)
     : mRights(rights), mCount(rights != nullptr ? count : 0) {}
 
 ReceivedDescriptors::~ReceivedDescriptors() {
+    observe::dropped(mCount);
     for (size_t i = 0; i < mCount; ++i) {
         int fd;
         std::memcpy(&fd, CMSG_DATA(mRights) + i * sizeof(int), sizeof(fd));

@@ -1,0 +1,180 @@
+// The hooks through which the message path reports to the library's
+// observation: counters (Statistics), trace markers (Tracing, atrace) and the
+// slow-dispatch watch. Library-internal.
+//
+// Each hook is one line at the entry or exit of the operation it observes.
+// Off, it costs what ObserveSwitches.h says (a load and a branch); the work
+// is done out of line, and only while a switch is on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "ObserveSwitches.h"
+#include "TraceEvent.h"
+
+namespace Kestrel::ipc {
+class Message;
+}
+
+namespace Kestrel::ipc::observe {
+
+using Body = int (*)(void* context);
+
+int sendSlow(int fd, const Message& message, Body body, void* context);
+int receiveSlow(int fd, Message* message, Body body, void* context);
+void droppedSlow(size_t count);
+void cycleSlow(const void* reactor);
+void hangUpSlow(const void* reactor, short revents);
+void enqueuedSlow(const void* queue, const Message* message);
+void registeredSlow(const void* registry, const Message& message);
+
+template <typename Call>
+int callBody(void* context) {
+    return (*static_cast<Call*>(context))();
+}
+
+// Sends with `send()` (the socket's send of `message` on `fd`), counting and
+// tracing it.
+template <typename Call>
+int send(int fd, const Message& message, Call&& send) {
+    if (!anyOn()) {
+        return send();
+    }
+    return sendSlow(fd, message, &callBody<std::remove_reference_t<Call>>, &send);
+}
+
+// Receives with `receive()` into `message` on `fd`, counting and tracing it.
+template <typename Call>
+int receive(int fd, Message* message, Call&& receive) {
+    if (!anyOn()) {
+        return receive();
+    }
+    return receiveSlow(fd, message, &callBody<std::remove_reference_t<Call>>, &receive);
+}
+
+// A receive closed `count` descriptors that came instead of handing them over.
+inline void dropped(size_t count) {
+    if (count != 0 && anyOn()) {
+        droppedSlow(count);
+    }
+}
+
+// A socket was bound to `fd`: its counters start from zero.
+void bound(int fd);
+
+// A reactor's wait returned ready descriptors.
+inline void cycle(const void* reactor) {
+    if (anyOn()) {
+        cycleSlow(reactor);
+    }
+}
+
+// A reactor saw error flags on a handler's descriptor.
+inline void hangUp(const void* reactor, short revents) {
+    if (anyOn()) {
+        hangUpSlow(reactor, revents);
+    }
+}
+
+// A message is about to be queued on `queue`.
+inline void enqueued(const void* queue, const Message* message) {
+    if (anyOn()) {
+        enqueuedSlow(queue, message);
+    }
+}
+
+// A reply callback is about to be registered.
+inline void registered(const void* registry, const Message& message) {
+    if (anyOn()) {
+        registeredSlow(registry, message);
+    }
+}
+
+// An object with a record beside it is being destroyed.
+void forgetReactor(const void* reactor);
+void forgetQueue(const void* queue);
+void forgetRegistry(const void* registry);
+
+// Observes a reactor's call of one handler, from construction to the end of
+// the scope.
+class HandlerRunScope {
+  public:
+    HandlerRunScope(const void* reactor, int fd) {
+        if (anyOn()) {
+            begin(reactor, fd);
+        }
+    }
+    ~HandlerRunScope() {
+        if (mActive) {
+            end();
+        }
+    }
+    HandlerRunScope(const HandlerRunScope&) = delete;
+    HandlerRunScope& operator=(const HandlerRunScope&) = delete;
+
+  private:
+    void begin(const void* reactor, int fd);
+    void end();
+
+    bool mActive = false;
+    const void* mReactor = nullptr;
+    int mFd = -1;
+    int64_t mBeginNs = 0;
+};
+
+// Observes a loop's dispatch of one message taken from `queue`, from
+// construction to the end of the scope.
+class DispatchScope {
+  public:
+    DispatchScope(const void* queue, const Message& message) {
+        if (anyOn()) {
+            begin(queue, message);
+        }
+    }
+    ~DispatchScope() {
+        if (mActive) {
+            end();
+        }
+    }
+    DispatchScope(const DispatchScope&) = delete;
+    DispatchScope& operator=(const DispatchScope&) = delete;
+
+  private:
+    void begin(const void* queue, const Message& message);
+    void end();
+
+    bool mActive = false;
+    const void* mQueue = nullptr;
+    TracedMessage mMessage;
+    int64_t mBeginNs = 0;
+};
+
+// Observes a registry's hand-over of one reply to its callback, from
+// construction to the end of the scope.
+class ReplyScope {
+  public:
+    ReplyScope(const void* registry, const Message& reply) {
+        if (anyOn()) {
+            begin(registry, reply);
+        }
+    }
+    ~ReplyScope() {
+        if (mActive) {
+            end();
+        }
+    }
+    ReplyScope(const ReplyScope&) = delete;
+    ReplyScope& operator=(const ReplyScope&) = delete;
+
+  private:
+    void begin(const void* registry, const Message& reply);
+    void end();
+
+    bool mActive = false;
+    TracedMessage mMessage;
+    int64_t mBeginNs = 0;
+};
+
+}  // namespace Kestrel::ipc::observe
