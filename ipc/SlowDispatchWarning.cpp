@@ -25,8 +25,7 @@ void SlowDispatchWarning::watch(MessageLoop& loop, std::chrono::milliseconds thr
 std::chrono::milliseconds SlowDispatchWarning::thresholdOf(MessageLoop& loop) {
     int64_t nanoseconds = 0;
     observe::SideTable<observe::LoopRecord>::instance().read(
-            &loop.messageQueue(),
-            [&nanoseconds](const observe::LoopRecord& record) {
+            &loop.messageQueue(), [&nanoseconds](const observe::LoopRecord& record) {
                 nanoseconds = record.slowThresholdNs();
             });
     return std::chrono::duration_cast<std::chrono::milliseconds>(

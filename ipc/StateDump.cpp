@@ -75,8 +75,8 @@ void appendCounting(std::string& report) {
 void appendConnection(std::string& report, const char* indent, int socketFd) {
     const ConnectionStatistics c = Statistics::connection(socketFd);
     append(report,
-           "%ssent %" PRIu64 " messages, %" PRIu64 " bytes, %" PRIu64
-           " fds; received %" PRIu64 " messages, %" PRIu64 " bytes, %" PRIu64 " fds\n",
+           "%ssent %" PRIu64 " messages, %" PRIu64 " bytes, %" PRIu64 " fds; received %" PRIu64
+           " messages, %" PRIu64 " bytes, %" PRIu64 " fds\n",
            indent, c.sentMessages, c.sentBytes, c.sentDescriptors, c.receivedMessages,
            c.receivedBytes, c.receivedDescriptors);
     append(report,

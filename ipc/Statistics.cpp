@@ -55,8 +55,9 @@ RegistryStatistics Statistics::of(const CBRegistry& registry) {
     RegistryStatistics figures;
     const int64_t now = observe::monotonicNanoseconds();
     SideTable<observe::RegistryRecord>::instance().read(
-            &registry,
-            [&figures, now](const observe::RegistryRecord& record) { figures = record.figures(now); });
+            &registry, [&figures, now](const observe::RegistryRecord& record) {
+                figures = record.figures(now);
+            });
     return figures;
 }
 

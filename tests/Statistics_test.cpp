@@ -68,7 +68,8 @@ TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
 
     // Two messages go (10 bytes and two descriptors, then nothing); two are
     // refused before anything is sent.
-    EXPECT_EQ(sender.send(*makeMessage(1, std::vector<uint8_t>(10, 7), {file.get(), file.get()})), 0);
+    EXPECT_EQ(sender.send(*makeMessage(1, std::vector<uint8_t>(10, 7), {file.get(), file.get()})),
+              0);
     EXPECT_EQ(sender.send(*makeMessage(2)), 0);
     EXPECT_EQ(sender.send(*makeMessage(3, {}, std::vector<int>(254, file.get()))), -EINVAL);
     EXPECT_EQ(sender.send(*makeMessage(4, std::vector<uint8_t>(300000))), -EMSGSIZE);
@@ -192,7 +193,8 @@ TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) 
     EXPECT_EQ(Statistics::of(registry).replied, 3u);
     EXPECT_EQ(Statistics::of(registry).pending, 1u);
     EXPECT_GT(Statistics::of(registry).oldestPendingAge.count(), 0);
-    const std::string registryDump = dumpOf([&](int out) { return StateDump::write(out, registry); });
+    const std::string registryDump =
+            dumpOf([&](int out) { return StateDump::write(out, registry); });
     EXPECT_NE(registryDump.find("registered 4, replied 3, pending 1"), std::string::npos)
             << registryDump;
     EXPECT_NE(registryDump.find("callbacks waiting: 1\n    ids 99\n"), std::string::npos)
@@ -229,8 +231,7 @@ TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) 
     EXPECT_LE(loopFigures.delayP50, loopFigures.delayP99);
     EXPECT_LE(loopFigures.delayP99, loopFigures.delayMax);
     const std::string loopDump = dumpOf([&](int out) { return StateDump::write(out, loop); });
-    EXPECT_NE(loopDump.find("enqueued 3, dispatched 3, waiting 0, high-water 1"),
-              std::string::npos)
+    EXPECT_NE(loopDump.find("enqueued 3, dispatched 3, waiting 0, high-water 1"), std::string::npos)
             << loopDump;
     EXPECT_NE(loopDump.find("slow-dispatch warning off"), std::string::npos) << loopDump;
 

@@ -9,7 +9,8 @@ size_t bucketOf(int64_t nanoseconds) {
     if (nanoseconds <= 1) {
         return 0;
     }
-    const size_t bits = 64 - static_cast<size_t>(__builtin_clzll(static_cast<uint64_t>(nanoseconds - 1)));
+    const size_t bits =
+            64 - static_cast<size_t>(__builtin_clzll(static_cast<uint64_t>(nanoseconds - 1)));
     return bits < DelayHistogram::kBuckets ? bits : DelayHistogram::kBuckets - 1;
 }
 

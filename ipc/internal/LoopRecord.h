@@ -27,7 +27,9 @@ class LoopRecord {
     // A dispatch of a message of `type` took `durationNs`. Thread: the loop's.
     void dispatched(uint32_t type, int64_t durationNs);
 
-    void watch(int64_t thresholdNs) { mSlowThresholdNs.store(thresholdNs, std::memory_order_relaxed); }
+    void watch(int64_t thresholdNs) {
+        mSlowThresholdNs.store(thresholdNs, std::memory_order_relaxed);
+    }
     int64_t slowThresholdNs() const { return mSlowThresholdNs.load(std::memory_order_relaxed); }
 
     LoopStatistics figures() const;

@@ -41,7 +41,9 @@ TracedMessage tracedOf(const Message& message) {
     return traced;
 }
 
-ConnectionSlot* countedSlot(int fd) { return isOn(kCounters) ? ConnectionTable::slotFor(fd) : nullptr; }
+ConnectionSlot* countedSlot(int fd) {
+    return isOn(kCounters) ? ConnectionTable::slotFor(fd) : nullptr;
+}
 
 void add(std::atomic<uint64_t>& figure, uint64_t amount) {
     figure.fetch_add(amount, std::memory_order_relaxed);

@@ -1,10 +1,10 @@
 #include "ReceivedDescriptors.h"
 
-#include "Observation.h"
-
 #include <unistd.h>
 
 #include <cstring>
+
+#include "Observation.h"
 
 namespace Kestrel::ipc {
 

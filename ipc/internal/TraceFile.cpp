@@ -191,7 +191,8 @@ void TraceFile::write(const TraceEvent& event) {
     const TracedMessage& m = event.message;
     if (event.hasMessage) {
         length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
-                                ",\"id\":%" PRIu32 ",\"type\":%" PRIu32 ",\"reply\":%s,"
+                                ",\"id\":%" PRIu32 ",\"type\":%" PRIu32
+                                ",\"reply\":%s,"
                                 "\"bytes\":%" PRIu32 ",\"fds\":%" PRIu32,
                                 m.id, m.type, (m.flags & kReplyFlag) != 0 ? "true" : "false",
                                 m.dataBytes, m.descriptors);
@@ -209,7 +210,8 @@ void TraceFile::write(const TraceEvent& event) {
         const double at = phase == 't' ? begin + duration - 0.001 : begin + 0.001;
         length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
                                 ",\n{\"name\":\"message\",\"cat\":\"ipc\",\"ph\":\"%c\","
-                                "\"id\":\"0x%" PRIx64 "\",\"pid\":%d,\"tid\":%d,\"ts\":%.3f,"
+                                "\"id\":\"0x%" PRIx64
+                                "\",\"pid\":%d,\"tid\":%d,\"ts\":%.3f,"
                                 "\"bp\":\"e\"}",
                                 phase, flowOf(m, kReplyFlag), pid, tid, at);
     }
