@@ -3,6 +3,9 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/Statistics.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "internal/ConnectionTable.h"
 #include "internal/LoopRecord.h"
 #include "internal/MonotonicClock.h"
@@ -14,6 +17,20 @@
 namespace Kestrel::ipc {
 
 using observe::SideTable;
+
+namespace {
+// Runs while the library is loaded: a process started with VELACAM_STATS=1
+// counts from its first message on.
+bool enableFromEnvironment() noexcept {
+    const char* value = std::getenv("VELACAM_STATS");
+    const bool on = value != nullptr && std::strcmp(value, "1") == 0;
+    if (on) {
+        Statistics::enable(true);
+    }
+    return on;
+}
+[[maybe_unused]] const bool sEnabledFromEnvironment = enableFromEnvironment();
+}  // namespace
 
 void Statistics::enable(bool on) {
     if (on) {

@@ -1,7 +1,9 @@
 // Statistics: counters of the library's connections, reactors, loops and
 // reply registries, read from any thread at any time.
 //
-// Counting is off until Statistics::enable(true), process-wide. While on,
+// Counting is off until Statistics::enable(true), process-wide, or from the
+// start in a process started with the environment variable VELACAM_STATS=1
+// (which its children inherit). While on,
 // each connection (a socket bound to a descriptor, directly or inside a
 // SocketEventHandler) counts what it sends and receives; each DefaultReactor
 // its cycles, dispatches, hang-ups and longest handler run; each MessageLoop
