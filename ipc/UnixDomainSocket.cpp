@@ -149,7 +149,7 @@ void UnixDomainSocket::applyPayloadTimeout() {
 }
 
 int UnixDomainSocket::send(const Message& message) {
-    return observe::send(mSocketFd.get(), message, [&] { return sendRecords(message); });
+    return observe::send(this, &UnixDomainSocket::sendRecords, mSocketFd.get(), message);
 }
 
 int UnixDomainSocket::sendRecords(const Message& message) {
@@ -235,7 +235,7 @@ int UnixDomainSocket::send(const Message::Payload& payload) {
 }
 
 int UnixDomainSocket::recv(Message* message) {
-    return observe::receive(mSocketFd.get(), message, [&] { return receiveRecords(message); });
+    return observe::receive(this, &UnixDomainSocket::receiveRecords, mSocketFd.get(), message);
 }
 
 int UnixDomainSocket::receiveRecords(Message* message) {

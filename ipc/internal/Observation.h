@@ -9,7 +9,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "ObserveSwitches.h"
 #include "TraceEvent.h"
@@ -30,28 +29,47 @@ void hangUpSlow(const void* reactor, short revents);
 void enqueuedSlow(const void* queue, const Message* message);
 void registeredSlow(const void* registry, const Message& message);
 
-template <typename Call>
-int callBody(void* context) {
-    return (*static_cast<Call*>(context))();
+// Sends `message` on `fd` with `(socket->*sendRecords)(message)`, counting
+// and tracing it. Off, this is the call itself behind one test.
+template <typename Socket>
+int send(Socket* socket, int (Socket::*sendRecords)(const Message&), int fd,
+         const Message& message) {
+    if (!anyOn()) {
+        return (socket->*sendRecords)(message);
+    }
+    struct Call {
+        Socket* socket;
+        int (Socket::*member)(const Message&);
+        const Message& message;
+    } call{socket, sendRecords, message};
+    return sendSlow(
+            fd, message,
+            [](void* context) {
+                Call& c = *static_cast<Call*>(context);
+                return (c.socket->*c.member)(c.message);
+            },
+            &call);
 }
 
-// Sends with `send()` (the socket's send of `message` on `fd`), counting and
-// tracing it.
-template <typename Call>
-int send(int fd, const Message& message, Call&& send) {
+// Receives into `message` on `fd` with `(socket->*receiveRecords)(message)`,
+// counting and tracing it.
+template <typename Socket>
+int receive(Socket* socket, int (Socket::*receiveRecords)(Message*), int fd, Message* message) {
     if (!anyOn()) {
-        return send();
+        return (socket->*receiveRecords)(message);
     }
-    return sendSlow(fd, message, &callBody<std::remove_reference_t<Call>>, &send);
-}
-
-// Receives with `receive()` into `message` on `fd`, counting and tracing it.
-template <typename Call>
-int receive(int fd, Message* message, Call&& receive) {
-    if (!anyOn()) {
-        return receive();
-    }
-    return receiveSlow(fd, message, &callBody<std::remove_reference_t<Call>>, &receive);
+    struct Call {
+        Socket* socket;
+        int (Socket::*member)(Message*);
+        Message* message;
+    } call{socket, receiveRecords, message};
+    return receiveSlow(
+            fd, message,
+            [](void* context) {
+                Call& c = *static_cast<Call*>(context);
+                return (c.socket->*c.member)(c.message);
+            },
+            &call);
 }
 
 // A receive closed `count` descriptors that came instead of handing them over.
