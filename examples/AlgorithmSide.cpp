@@ -19,6 +19,7 @@
 #include <future>
 #include <memory>
 
+#include "DemoObservation.h"
 #include "DemoProtocol.h"
 #include "SharedBuffer.h"
 
@@ -131,6 +132,7 @@ int AlgorithmSide::run() {
 
     reactor.requestExit();
     reactorThread.wait();
+    printStatistics("algorithm", reactor, loop, nullptr, socket->fd());
     loop->requestExit();
     loopThread.wait();
     return 0;

@@ -131,6 +131,9 @@ int CameraSide::run() {
             return 1;
         }
 
+        if (!startObservation(mOptions.observation)) {
+            return 1;
+        }
         // The child keeps its end (not close-on-exec) and closes everything else
         // it inherited as soon as it starts.
         Process self;
@@ -263,6 +266,8 @@ int CameraSide::run() {
         }
         report.algorithmStatus = waitForChild(child.pid(), std::chrono::seconds(5));
         self.removeFromObservation(child.pid());
+        printStatistics("camera", reactor, nullptr, &registry, socket->fd());
+        finishObservation(mOptions.observation);
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
     report.print();

@@ -20,6 +20,10 @@
 // VELACAM_TRACE, are) and let them end before it: the creator closes the array
 // when it calls finish() or exits. Until then the file is not yet valid JSON.
 //
+// The file's descriptor is the library's: Process::closeOpenFileDescriptors()
+// keeps it open; code that closes descriptors it did not open otherwise calls
+// finish() first.
+//
 // Thread: any. Failure: start() returns false with errno set; events that
 // cannot be written are lost silently.
 // Cost: off, one load and a branch per hook (with the platform's enabled

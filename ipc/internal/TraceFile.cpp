@@ -153,6 +153,13 @@ void TraceFile::finish() {
     mFd = -1;
 }
 
+void TraceFile::keepOpen(std::vector<int>& descriptors) {
+    utils::SharedLock lock(mLock);
+    if (mFd >= 0) {
+        descriptors.push_back(mFd);
+    }
+}
+
 void TraceFile::writeThreadName(int pid, int tid) {
     thread_local int sNamedFor = -1;  // the process this thread was named in
     if (sNamedFor == pid) {

@@ -21,6 +21,7 @@
 #include <ipc/utils/Mutex.h>
 
 #include <string>
+#include <vector>
 
 #include "TraceEvent.h"
 
@@ -37,6 +38,9 @@ class TraceFile {
     void finish() IPC_EXCLUDES(mLock);
     // Appends `event` (and its flow event) if a file is open.
     void write(const TraceEvent& event) IPC_EXCLUDES(mLock);
+    // Adds the open file's descriptor, if any, to `descriptors`: a process
+    // that closes what it inherited keeps its trace.
+    void keepOpen(std::vector<int>& descriptors) IPC_EXCLUDES(mLock);
 
   private:
     TraceFile() = default;

@@ -1,0 +1,41 @@
+// What --trace FILE and --stats add to the demo.
+//
+// --trace FILE: the camera process starts the library's JSON trace file
+// before it starts the algorithm process, which inherits VELACAM_TRACE and
+// appends its own events to the same file; once the algorithm process has
+// ended, the camera closes the file. Perfetto's UI and chrome://tracing open
+// it.
+// --stats: both processes count (the algorithm inherits VELACAM_STATS=1) and
+// print the state dump of their reactor, loop or registry and of their end of
+// the socket when they end: the algorithm's first, then the camera's.
+#pragma once
+
+#include <string>
+
+namespace Kestrel::ipc {
+class CBRegistry;
+class DefaultReactor;
+class MessageLoop;
+}  // namespace Kestrel::ipc
+
+namespace demo {
+
+struct ObservationOptions {
+    std::string traceFile;  // empty: no trace
+    bool stats = false;
+};
+
+// In the camera process, before the algorithm process starts. False, with a
+// message on standard error, when the trace file cannot be started.
+bool startObservation(const ObservationOptions& options);
+
+// In the camera process, once the algorithm process has ended.
+void finishObservation(const ObservationOptions& options);
+
+// The dumps of one side, under a heading naming it; nothing unless counting is
+// on. `loop` and `registry` may be null.
+void printStatistics(const char* side, const Kestrel::ipc::DefaultReactor& reactor,
+                     Kestrel::ipc::MessageLoop* loop, const Kestrel::ipc::CBRegistry* registry,
+                     int socketFd);
+
+}  // namespace demo
