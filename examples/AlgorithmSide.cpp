@@ -7,6 +7,7 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/Tracing.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
@@ -84,6 +85,7 @@ int AlgorithmSide::run() {
     sigaddset(&stopSignals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+    Kestrel::ipc::Tracing::nameProcess("algorithm");  // if the camera asked for a trace
     auto socket = std::make_shared<SocketEventHandler>(
             Kestrel::utils::sys::FileDescriptor(mSocketFd, 0), EventType::READ);
     auto requests = std::make_shared<RequestHandler>(socket);

@@ -34,6 +34,7 @@ bool startObservation(const ObservationOptions& options) {
                          options.traceFile.c_str(), std::strerror(errno));
             return false;
         }
+        Tracing::nameProcess("camera");
         setenv("VELACAM_TRACE", options.traceFile.c_str(), 1);
     }
     std::fflush(stdout);  // before the algorithm process shares standard output

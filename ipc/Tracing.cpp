@@ -21,6 +21,8 @@ bool Tracing::start(const char* path) { return observe::TraceFile::instance().st
 
 void Tracing::finish() { observe::TraceFile::instance().finish(); }
 
+void Tracing::nameProcess(const char* name) { observe::TraceFile::instance().nameProcess(name); }
+
 bool Tracing::toFile() { return observe::isOn(observe::kTraceFile); }
 
 }  // namespace Kestrel::ipc

@@ -42,6 +42,9 @@ class IPC_EXPORT Tracing {
     static bool start(const char* path);
     // Stops writing; closes the JSON array if this process created the file.
     static void finish();
+    // Names this process in the file, if one is open (by default it bears
+    // the name of its program).
+    static void nameProcess(const char* name);
     // Whether events go to a file now.
     static bool toFile();
 };

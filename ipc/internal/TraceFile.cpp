@@ -55,8 +55,19 @@ void writeAll(int fd, const char* text, size_t length) {
     }
 }
 
-// Microseconds, as the format wants them, from nanoseconds.
-double micros(int64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1000.0; }
+// Microseconds with three decimals, as the format wants them, from
+// nanoseconds (integer formatting: a floating-point one costs several times
+// as much).
+struct Micros {
+    long long whole;
+    int thousandths;
+};
+Micros micros(int64_t nanoseconds) {
+    if (nanoseconds < 0) {
+        nanoseconds = 0;
+    }
+    return {static_cast<long long>(nanoseconds / 1000), static_cast<int>(nanoseconds % 1000)};
+}
 
 // The flow phase of a kind: a send starts the flow, a receive steps it, a
 // dispatch or a reply callback ends it. A handler run has none.
@@ -128,15 +139,28 @@ bool TraceFile::start(const char* path) {
         }
         std::fclose(comm);
     }
-    sanitise(name);
+    writeProcessName(creator ? "[\n" : ",\n", mPid, name);
+    turnOn(kTraceFile);
+    return true;
+}
+
+void TraceFile::nameProcess(const char* name) {
+    utils::SharedLock lock(mLock);
+    if (mFd >= 0) {
+        writeProcessName(",\n", static_cast<int>(::getpid()), name);
+    }
+}
+
+void TraceFile::writeProcessName(const char* before, int pid, const char* name) {
+    char safe[64] = {};
+    std::snprintf(safe, sizeof(safe), "%s", name);
+    sanitise(safe);
     char text[kEventRoom];
     const int length = std::snprintf(
             text, sizeof(text),
             "%s{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":%d,\"args\":{\"name\":\"%s\"}}",
-            creator ? "[\n" : ",\n", mPid, name);
+            before, pid, safe);
     writeAll(mFd, text, static_cast<size_t>(length));
-    turnOn(kTraceFile);
-    return true;
 }
 
 void TraceFile::finish() {
@@ -188,13 +212,14 @@ void TraceFile::write(const TraceEvent& event) {
     const int pid = static_cast<int>(::getpid());  // a forked child writes as itself
     const int tid = threadId(pid);
     writeThreadName(pid, tid);
-    const double begin = micros(event.beginNs);
-    const double duration = micros(event.endNs - event.beginNs);
+    const Micros begin = micros(event.beginNs);
+    const Micros duration = micros(event.endNs - event.beginNs);
     char text[kEventRoom];
     int length = std::snprintf(text, sizeof(text),
                                ",\n{\"name\":\"%s\",\"cat\":\"ipc\",\"ph\":\"X\",\"pid\":%d,"
-                               "\"tid\":%d,\"ts\":%.3f,\"dur\":%.3f,\"args\":{\"fd\":%d",
-                               nameOf(event.kind), pid, tid, begin, duration, event.fd);
+                               "\"tid\":%d,\"ts\":%lld.%03d,\"dur\":%lld.%03d,\"args\":{\"fd\":%d",
+                               nameOf(event.kind), pid, tid, begin.whole, begin.thousandths,
+                               duration.whole, duration.thousandths, event.fd);
     const TracedMessage& m = event.message;
     if (event.hasMessage) {
         length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
@@ -214,13 +239,13 @@ void TraceFile::write(const TraceEvent& event) {
         // Inside its slice, so that the viewer binds it there: a send's and a
         // dispatch's at their start, a receive's at its end (a receive may
         // wait long before its message comes).
-        const double at = phase == 't' ? begin + duration - 0.001 : begin + 0.001;
+        const Micros at = micros(phase == 't' ? event.endNs - 1 : event.beginNs + 1);
         length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
                                 ",\n{\"name\":\"message\",\"cat\":\"ipc\",\"ph\":\"%c\","
                                 "\"id\":\"0x%" PRIx64
-                                "\",\"pid\":%d,\"tid\":%d,\"ts\":%.3f,"
+                                "\",\"pid\":%d,\"tid\":%d,\"ts\":%lld.%03d,"
                                 "\"bp\":\"e\"}",
-                                phase, flowOf(m, kReplyFlag), pid, tid, at);
+                                phase, flowOf(m, kReplyFlag), pid, tid, at.whole, at.thousandths);
     }
     writeAll(mFd, text, static_cast<size_t>(length));
 }

@@ -38,6 +38,8 @@ class TraceFile {
     void finish() IPC_EXCLUDES(mLock);
     // Appends `event` (and its flow event) if a file is open.
     void write(const TraceEvent& event) IPC_EXCLUDES(mLock);
+    // Names this process in the file (a later name replaces the one before).
+    void nameProcess(const char* name) IPC_EXCLUDES(mLock);
     // Adds the open file's descriptor, if any, to `descriptors`: a process
     // that closes what it inherited keeps its trace.
     void keepOpen(std::vector<int>& descriptors) IPC_EXCLUDES(mLock);
@@ -45,6 +47,7 @@ class TraceFile {
   private:
     TraceFile() = default;
     void writeThreadName(int pid, int tid) IPC_REQUIRES_SHARED(mLock);
+    void writeProcessName(const char* before, int pid, const char* name) IPC_REQUIRES_SHARED(mLock);
 
     utils::SharedMutex mLock;  // shared by writers, exclusive to open and close
     int mFd IPC_GUARDED_BY(mLock) = -1;
