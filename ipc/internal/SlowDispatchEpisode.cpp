@@ -7,8 +7,9 @@
 namespace Kestrel::ipc::observe {
 
 namespace {
-// The lines are the loop's.
-constexpr utils::LogSite kLogSite{"MessageLoop", "ipc/MessageLoop", utils::kLogModuleCore};
+// The lines carry the loop's tag.
+constexpr utils::LogSite kLogSite{"MessageLoop", "ipc/internal/SlowDispatchEpisode",
+                                  utils::kLogModuleCore};
 
 double millis(int64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e6; }
 }  // namespace
