@@ -2,27 +2,28 @@
 // reply registries, read from any thread at any time.
 //
 // Counting is off until Statistics::enable(true), process-wide, or from the
-// start in a process started with the environment variable VELACAM_STATS=1
-// (which its children inherit). While on,
-// each connection (a socket bound to a descriptor, directly or inside a
-// SocketEventHandler) counts what it sends and receives; each DefaultReactor
-// its cycles, dispatches, hang-ups and longest handler run; each MessageLoop
-// its dispatches, its queue's high-water mark and the delay from enqueue to
-// dispatch; each CBRegistry its pending replies and the age of the oldest.
-// What happened while counting was off is not counted. A connection's
-// counters start from zero when a socket is bound to its descriptor and stay
-// readable after it closes, until the number is bound again.
+// start in a process started with VELACAM_STATS=1 in its environment (which
+// its children inherit). While on, each connection (a socket bound to a
+// descriptor, directly or inside a SocketEventHandler) counts what it sends
+// and receives; each DefaultReactor its cycles, dispatches, hang-ups and
+// longest handler run; each MessageLoop its dispatches, its queue's
+// high-water mark and the delay from enqueue to dispatch; each CBRegistry its
+// pending replies and the age of the oldest. What happened while counting
+// was off is not counted. A connection's counters start from zero when a
+// socket is bound to its descriptor and stay readable after it closes, until
+// the number is bound again. A send or receive is counted when it returns.
 //
 // Ownership: the figures live in tables beside the objects (no class grew);
 // what you read is a copy. Thread: any; reading never stops or locks the
 // owner of the figures (a loop's or registry's table lock is held only while
 // figures are copied).
 //
-// Cost: off, every hook on the message path is one load and a branch (about
-// 20 instructions of a 64-byte round trip's 3,300, see docs/performance.md).
-// On, a send or receive adds a few relaxed atomic additions, a dispatch and a
-// handler run two clock reads, an enqueue and a reply registration a short
-// locked map update.
+// Cost: off, each send and receive pays one load and a branch (7
+// instructions) and each reactor cycle 14: at most 42 of the 3,232
+// instructions of a 64-byte round trip (docs/performance.md). On, a send or
+// receive adds a few relaxed atomic additions (about 200 instructions each),
+// a dispatch and a handler run two clock reads, an enqueue and a reply
+// registration a short locked map update.
 // Failure: none; descriptors from 65536 on are not counted.
 #pragma once
 
