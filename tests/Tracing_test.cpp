@@ -9,6 +9,7 @@
 #include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/SocketPair.h>
 #include <ipc/Tracing.h>
 #include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
@@ -21,9 +22,11 @@
 #include <string>
 #include <thread>
 
+#include "support/Descriptors.h"
 #include "support/Messages.h"
+#include "support/RawPeer.h"
 #include "support/ReactorThread.h"
-#include "support/SocketPairFixture.h"
+#include "support/Waiting.h"
 
 namespace velacam::test {
 namespace {
@@ -101,7 +104,10 @@ std::string contentsOfPath(const std::string& path) {
     return text.str();
 }
 
-class TracingTest : public SocketPairFixture {
+// No thread may run when the serving process is forked (it starts threads of
+// its own, which a sanitizer refuses after a multi-threaded fork): the
+// watchdog starts after the fork.
+class TracingTest : public ::testing::Test {
   protected:
     TracingTest() {
         char pattern[] = "/tmp/velacam-trace-XXXXXX";
@@ -113,8 +119,10 @@ class TracingTest : public SocketPairFixture {
         ::unlink(path.c_str());
         ::rmdir(directory.c_str());
     }
+    ScopedLeakCheck leaks;  // checked last
     std::string directory;
     std::string path;
+    Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
 };
 
 TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSide) {
@@ -128,6 +136,7 @@ TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSi
         return serve(std::move(pair.first), path);
     });
     pair.first = FileDescriptor();
+    Watchdog watchdog("tracing case", std::chrono::seconds(60));
     UnixDomainSocket client;
     client.bind(std::move(pair.second));
     CBRegistry registry(1);
