@@ -99,7 +99,8 @@ bool CBRegistry::CBList::extract(std::unique_ptr<Message>& out) {
     if (mMessages.empty()) {
         return false;
     }
-    dropMessage(std::move(out));
+    // What `out` held was handed out before: destroyed, its descriptors left
+    // to whoever took them.
     out = std::move(mMessages.front());
     mMessages.pop_front();
     return true;

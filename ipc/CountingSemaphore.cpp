@@ -35,7 +35,9 @@ void CountingSemaphore::acquireAllWith(const std::function<void()>& underLock) {
     utils::UniqueLock lock(mMutex);
     waitForUnit(lock);
     mCount = 0;
-    underLock();
+    if (underLock) {
+        underLock();
+    }
 }
 
 void CountingSemaphore::waitForUnit(utils::UniqueLock& lock) {

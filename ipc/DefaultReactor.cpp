@@ -120,7 +120,8 @@ bool DefaultReactor::eraseEntryLocked(int fd, bool onlyIfExpired) {
         return false;
     }
     if (onlyIfExpired && !entry->second.expired()) {
-        IPC_LOGD("[%s] handler(key: %d) registered again, keep it", __func__, fd);
+        // Only the loop drops expired entries.
+        IPC_LOGD("[%s] handler(key: %d) registered again, keep it", "loop", fd);
         return false;
     }
     mEventHandlers.erase(entry);
@@ -165,7 +166,7 @@ void DefaultReactor::loop(const std::chrono::milliseconds& timeout) {
         IPC_LOGD("[%s] The registered PollEvent count(%zu) timeout milliseconds(%lld)", __func__,
                  watched.size() + 1, static_cast<long long>(timeout.count()));
 
-        poller.pollInto(timeout, pollCopy, result);
+        poller.poll(timeout, pollCopy, result);
         const int pollError = errno;
         IPC_LOGD("[%s] The result PollEvent count(%zu) (3)", __func__, result.size());
         if (result.empty()) {
@@ -352,7 +353,8 @@ void DefaultReactor::notifyHangUp(int fd, short revents,
     if (handler == nullptr) {
         return;
     }
-    IPC_LOGD("[%s] hang-up notice for event handler(fd:%d)", __func__, fd);
+    // Lines name the public operation, never this helper.
+    IPC_LOGD("[%s] hang-up notice for event handler(fd:%d)", "handlePollEvent", fd);
     (*listener)(fd, revents, *handler);
 }
 

@@ -1,6 +1,7 @@
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 #include <ipc/utils/Log.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -222,6 +223,29 @@ Message::Disposal Message::takeForDisposal() {
     std::memcpy(&disposal.fdCountAfter, mStorage.data() + kFdCountOffset,
                 sizeof(disposal.fdCountAfter));
     return disposal;
+}
+
+void Message::closeCarriedDescriptors() {
+    // The message is the caller's alone: nothing else waits for this lock
+    // while the descriptors are closed under it.
+    utils::LockGuard lock(mMutex);
+    if (mStorage.size() <= mHeaderSize) {
+        return;  // moved from, or a header without a payload
+    }
+    uint16_t numFds;
+    std::memcpy(&numFds, mStorage.data() + kFdCountOffset, sizeof(numFds));
+    if (numFds == 0) {
+        return;
+    }
+    const PackedPayload packed = packedPayloadLocked();
+    for (size_t i = 0; i < packed.fdCount; ++i) {
+        int fd;
+        std::memcpy(&fd, packed.fds + i * sizeof(int), sizeof(fd));
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    writeDescriptorCount(0);
 }
 
 void Message::adoptStorage(Storage&& storage) {

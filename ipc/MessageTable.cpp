@@ -51,7 +51,8 @@ bool MessageTable::extract(std::list<std::unique_ptr<Message>>& out) {
     const auto entry = mTable.begin();
     IPC_LOGD("[%s] extracting entry from message table,sizeof map=%zu, msgID=%d, sizeof list=%zu",
              __func__, mTable.size(), static_cast<int>(entry->first), entry->second.size());
-    dropMessages(out);
+    // What `out` held was handed out before: destroyed, its descriptors left
+    // to whoever took them.
     out = std::move(entry->second);
     mTable.erase(entry);
     return true;

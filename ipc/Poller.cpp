@@ -115,12 +115,12 @@ std::vector<Poller::PollEvent> Poller::registeredPollEvents() const {
 std::vector<Poller::PollEvent> Poller::poll(std::chrono::milliseconds timeout) {
     std::vector<pollfd> copy;
     std::vector<PollEvent> result;
-    pollInto(timeout, copy, result);
+    poll(timeout, copy, result);
     return result;
 }
 
-void Poller::pollInto(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
-                      std::vector<PollEvent>& result) {
+void Poller::poll(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
+                  std::vector<PollEvent>& result) {
     {
         utils::LockGuard lock(mMutex);
         pollfds.assign(mPollfds.begin(), mPollfds.end());

@@ -127,7 +127,10 @@ void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
 bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
 void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
-    mPayloadTimeout = std::max(timeout, std::chrono::milliseconds(0));
+    // Clamped so that a deadline (now plus the time-out, in the steady
+    // clock's nanoseconds) and the socket's own time-out never overflow.
+    constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
+    mPayloadTimeout = std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
     applyPayloadTimeout();
 }
 

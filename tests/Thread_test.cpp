@@ -141,26 +141,67 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST_F(ThreadTest, MoveOfAWaitedThreadTakesTheRunnableOnly) {
-    std::atomic<int> runs{0};
+struct RunCounts {
+    std::atomic<int> started{0};
+    std::atomic<int> finished{0};
     std::atomic<int> destroyed{0};
-    {
-        Thread original(new CountedRunnable([&] { ++runs; }, destroyed), true);
-        original.start();
-        original.wait();  // only a thread that was waited for may be moved
-        Thread moved(std::move(original));
-        moved.start();  // the same runnable again, on a thread of its own
-        moved.wait();
-        EXPECT_EQ(runs, 2);
-        Thread assigned;
-        assigned = std::move(moved);
-        EXPECT_EQ(destroyed, 0);
-    }
-    EXPECT_EQ(destroyed, 1);  // owned by exactly one object at a time
+};
 
+// Waits for a gate, then writes a member of its own: a runnable freed while a
+// thread still runs it is a heap-use-after-free under ASan.
+class GatedRunnable : public Runnable {
+  public:
+    GatedRunnable(std::shared_future<void> gate, RunCounts& counts)
+        : mGate(std::move(gate)), mCounts(counts) {}
+    ~GatedRunnable() override { ++mCounts.destroyed; }
+    void run() override {
+        ++mCounts.started;
+        mGate.wait_for(kLimit);
+        mCounts.finished = ++mRuns;
+    }
+
+  private:
+    std::shared_future<void> mGate;
+    RunCounts& mCounts;
+    std::atomic<int> mRuns{0};
+};
+
+TEST_F(ThreadTest, MoveHandsOnTheRunnableOnly_ItLivesUntilItsOwnerAndEveryRunningThreadLetGo) {
+    Watchdog watchdog("moves of started threads", 60s);
+    {  // the moved-to owner goes first, while the source's thread runs
+        RunCounts counts;
+        std::promise<void> gate;
+        Thread source(new GatedRunnable(gate.get_future().share(), counts), true);
+        source.start();
+        ASSERT_TRUE(waitUntil([&] { return counts.started == 1; }, kLimit));
+        { Thread moved(std::move(source)); }
+        EXPECT_EQ(counts.destroyed, 0);
+        gate.set_value();
+        source.wait();
+        EXPECT_EQ(counts.finished, 1);
+        EXPECT_EQ(counts.destroyed, 1);
+    }
+    {  // start() on the moved-to object: a second thread on the same runnable
+        RunCounts counts;
+        std::promise<void> gate;
+        Thread source(new GatedRunnable(gate.get_future().share(), counts), true);
+        source.start();
+        ASSERT_TRUE(waitUntil([&] { return counts.started == 1; }, kLimit));
+        Thread moved(std::move(source));
+        moved.start();
+        ASSERT_TRUE(waitUntil([&] { return counts.started == 2; }, kLimit));
+        Thread assigned;
+        assigned = std::move(moved);  // `moved` keeps its thread, to join
+        gate.set_value();
+        moved.wait();
+        source.wait();
+        EXPECT_EQ(counts.finished, 2);
+        EXPECT_EQ(counts.destroyed, 0);  // `assigned` still owns it
+    }
+    std::atomic<int> destroyed{0};
     Thread target(new CountedRunnable([] {}, destroyed), true);
     target = Thread(new FunctionRunnable([] {}), true);
-    EXPECT_EQ(destroyed, 2);  // the replaced runnable went
+    EXPECT_EQ(destroyed, 1);  // the replaced runnable went at once
 }
 
 using ThreadDeathTest = ThreadTest;

@@ -23,9 +23,11 @@
 // Ownership: the registry owns its callbacks (copies) and the CBList, which
 // owns the messages it holds. unRegisterCB() consumes the reply: its
 // descriptors are closed before the callback runs (the callback sees only the
-// status byte), also when no callback waits for it. Messages the CBList
-// destroys unread (still held at destruction, or replaced in extract()'s
-// `out`) have their descriptors closed too.
+// status byte), also when no callback waits for it. Messages the CBList still
+// holds at destruction have their descriptors closed too. What extract()
+// hands out is the caller's, descriptors included: the message it replaces in
+// `out` is destroyed with its descriptors left open, so a caller that took
+// them with payload() may reuse its pointer.
 // Thread: any thread may register and unregister; the map's mutex and the
 // list's mutex are never held together, and neither is held while the
 // semaphore is acquired or released. Clang checks the locking against the
@@ -72,8 +74,9 @@ class IPC_EXPORT CBRegistry {
 
         // Appends `message` and adds one unit. Thread: any.
         void update(std::unique_ptr<Message> message) IPC_EXCLUDES(mMutex);
-        // Moves the oldest message into `out` (destroying what `out` held).
-        // False, `out` untouched, when the list is empty. Thread: any.
+        // Moves the oldest message into `out` (destroying what `out` held,
+        // its descriptors left open: they are the caller's). False, `out`
+        // untouched, when the list is empty. Thread: any.
         [[nodiscard]] bool extract(std::unique_ptr<Message>& out) IPC_EXCLUDES(mMutex);
         bool isEmpty() IPC_EXCLUDES(mMutex);
         // Marks the list as exiting and adds the registry's waiter count.

@@ -69,7 +69,9 @@ class IPC_EXPORT CountingSemaphore {
     void releaseWith(int n, const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
 
     // acquireWith() taking every available unit at once, at least one: a
-    // consumer takes all the entries they count in one lock.
+    // consumer takes all the entries they count in one lock. As there, an
+    // empty `underLock` runs nothing: the units are taken all the same and
+    // nothing is thrown.
     void acquireAllWith(const std::function<void()>& underLock) IPC_EXCLUDES(mMutex);
 
     // The mutex that guards the count, for the lock annotations of an owner

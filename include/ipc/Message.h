@@ -24,7 +24,8 @@
 // payload gets a storage handed over whole once the new one has come), so
 // that no payload byte is copied but by the kernel. The default
 // MessageHandler is one too: it reads the descriptors without copying the
-// data. Those operations are private; nothing else sees them.
+// data; and so is the library's disposal of the messages it drops unhandled.
+// Those operations are private; nothing else sees them.
 //
 // Compatibility: kept as existing callers rely on it. Move assignment swaps
 // the handlers (the source receives this message's former one) where the move
@@ -128,6 +129,8 @@ class IPC_EXPORT Message {
   private:
     friend class UnixDomainSocket;
     friend class MessageHandler;
+    // The library's disposal of a message it destroys unhandled.
+    friend void dropMessage(std::unique_ptr<Message> message);
 
     // Grows a vector without zero-filling: resize(n) leaves the new bytes for
     // the kernel to fill. A value given (resize(n, 0)) is still written.
@@ -194,6 +197,11 @@ class IPC_EXPORT Message {
         uint16_t fdCountAfter;
     };
     Disposal takeForDisposal() IPC_EXCLUDES(mMutex);
+    // For a message the library destroys unhandled: closes the descriptors
+    // it carries (lost slots, held as -1, skipped), read in place without
+    // copying or allocating, and counts none in the header. A moved-from
+    // message carries nothing and is left alone.
+    void closeCarriedDescriptors() IPC_EXCLUDES(mMutex);
     // Replaces the whole storage (header and packed payload) with `storage`,
     // which must hold at least the header.
     void adoptStorage(Storage&& storage) IPC_EXCLUDES(mMutex);

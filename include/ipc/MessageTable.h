@@ -10,9 +10,11 @@
 // declared number of waiters; surplus waiters stay blocked.
 //
 // Ownership: the table owns every message it holds; messages stored after exit
-// are kept until the table is destroyed. Messages the table destroys unread
-// (those still stored at destruction, those extract() replaces in `out`)
-// have their descriptors closed first.
+// are kept until the table is destroyed. Messages still stored at destruction
+// have their descriptors closed first. What extract() hands out is the
+// caller's, descriptors included: the messages it replaces in `out` are
+// destroyed with their descriptors left open, so a caller that took them with
+// payload() may reuse its list.
 // Thread: any number of producers and the declared consumers; the table's
 // mutex is never held while the semaphore is acquired or released. Clang
 // checks the locking against the annotations below.
@@ -59,8 +61,9 @@ class IPC_EXPORT MessageTable {
     [[nodiscard]] bool wait();
 
     // Moves one id's messages, in arrival order, into `out` (whatever `out`
-    // held is destroyed first). No order between ids is promised. False, with
-    // `out` untouched, when the table is empty. Thread: any.
+    // held is destroyed first, its descriptors left open: they are the
+    // caller's). No order between ids is promised. False, with `out`
+    // untouched, when the table is empty. Thread: any.
     [[nodiscard]] bool extract(std::list<std::unique_ptr<Message>>& out) IPC_EXCLUDES(mMutex);
 
     // True when no id is stored. Thread: any.

@@ -93,10 +93,11 @@ class IPC_EXPORT Poller {
   private:
     // The reactor polls once per cycle: poll() with the copy of the set
     // (`pollfds`) and the result in vectors it keeps from cycle to cycle, so
-    // that a steady loop allocates nothing. `result` is cleared first.
+    // that a steady loop allocates nothing. `result` is cleared first. It is
+    // the same operation, and its lines say "[poll]" as the public one's do.
     friend class DefaultReactor;
-    void pollInto(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
-                  std::vector<PollEvent>& result) IPC_EXCLUDES(mMutex);
+    void poll(std::chrono::milliseconds timeout, std::vector<pollfd>& pollfds,
+              std::vector<PollEvent>& result) IPC_EXCLUDES(mMutex);
 
     // dump() for the poller's own code: the analysis checks that the caller
     // holds the lock.

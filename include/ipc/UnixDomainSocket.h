@@ -130,8 +130,9 @@ class IPC_EXPORT UnixDomainSocket {
     // the header has arrived; also how long a send whose payload record could
     // not follow its header at once (a non-blocking socket with a full
     // buffer) retries it. 0 waits without limit, and recv(Message*) then
-    // reads a message a record at a time. Set before the socket is in use, or
-    // from the thread that receives on it.
+    // reads a message a record at a time; a negative time-out is taken as 0,
+    // one longer than a year (milliseconds::max(), say) as a year. Set
+    // before the socket is in use, or from the thread that receives on it.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
 
     // Sends `message` as its two records; `message` keeps its descriptors.

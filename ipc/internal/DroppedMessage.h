@@ -4,8 +4,11 @@
 //
 // Message's own destructor leaves descriptors open on purpose (a caller that
 // took them out of a payload keeps them), so every such path goes through
-// dropMessage(): the message's descriptors move into owning wrappers and are
-// closed with them. Thread: any; the message must not be shared.
+// dropMessage(): the descriptors are read in place and closed, without a copy
+// of the payload or any allocation; a moved-from message carries none. A
+// message the library has handed out (what a caller leaves in an
+// extraction's out-parameter) is the caller's and never comes here.
+// Thread: any; the message must not be shared.
 #pragma once
 
 #include <memory>

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "../internal/SharedRunnable.h"
+
 namespace Kestrel::ipc::utils {
 
 namespace {
@@ -59,50 +61,44 @@ ThreadData& ThreadData::myData() {
 Thread::Thread() noexcept = default;
 
 Thread::Thread(Runnable* runnable, bool ownsRunnable)
-    : mRunnable(runnable), mOwnsRunnable(ownsRunnable) {}
+    : mRunnable(runnable != nullptr ? SharedRunnable::make(runnable, ownsRunnable) : nullptr),
+      mOwnsRunnable(ownsRunnable) {}
 
-Thread::Thread(Thread&& other) noexcept { takeRunnableOf(other); }
+Thread::Thread(Thread&& other) noexcept
+    : mRunnable(std::exchange(other.mRunnable, nullptr)),
+      mOwnsRunnable(std::exchange(other.mOwnsRunnable, false)) {}
 
 Thread& Thread::operator=(Thread&& other) noexcept {
     if (this != &other) {
-        refuseStarted(other);
-        joinAndReleaseRunnable();
-        takeRunnableOf(other);
+        releaseRunnable();
+        mRunnable = std::exchange(other.mRunnable, nullptr);
+        mOwnsRunnable = std::exchange(other.mOwnsRunnable, false);
     }
     return *this;
 }
 
-void Thread::refuseStarted(const Thread& other) {
-    // The started thread runs on `other` and its runnable: taking them away
-    // would free what that thread still uses.
-    if (other.mThread.joinable()) {
-        IPC_FATAL("cannot move a started thread");
-    }
-}
-
-void Thread::takeRunnableOf(Thread& other) {
-    refuseStarted(other);
-    mRunnable = std::exchange(other.mRunnable, nullptr);
-    mOwnsRunnable = std::exchange(other.mOwnsRunnable, false);
-}
-
-Thread::~Thread() { joinAndReleaseRunnable(); }
-
-void Thread::joinAndReleaseRunnable() {
+Thread::~Thread() {
     wait();
-    if (mRunnable != nullptr && mOwnsRunnable) {
-        delete mRunnable;
+    releaseRunnable();
+}
+
+void Thread::releaseRunnable() {
+    if (mRunnable != nullptr) {
+        std::exchange(mRunnable, nullptr)->drop();
     }
-    mRunnable = nullptr;
     mOwnsRunnable = false;
 }
 
 void Thread::start() {
+    // The new thread holds a reference of its own, so that the runnable
+    // outlives this object's hold on it (a move hands that hold on).
+    SharedRunnable::Reference held = SharedRunnable::referenceTo(mRunnable);
     try {
-        mThread = std::thread(&Thread::run, this);
+        mThread = std::thread([this, reference = held.get()] { run(reference); });
     } catch (const std::system_error& error) {
         throw std::system_error(error.code(), "thread constructor failed");
     }
+    static_cast<void>(held.release());  // now the new thread's
 }
 
 void Thread::wait() {
@@ -111,16 +107,20 @@ void Thread::wait() {
     }
 }
 
-void Thread::run() {
+void Thread::run() { run(SharedRunnable::referenceTo(mRunnable).release()); }
+
+void Thread::run(SharedRunnable* reference) {
+    const SharedRunnable::Reference held(reference);
     if (tLocals.mGuard.mThread == nullptr) {
         tLocals.mGuard.mThread = this;
         preTask();
     }
     IPC_LOGD("[%s] thread %d", __func__, ThreadData::myData().mTid);
     // An exception has nowhere to go from here: end the process saying so,
-    // rather than through a bare std::terminate.
+    // rather than through a bare std::terminate. A Thread without a runnable
+    // must not be started: nothing guards against it.
     try {
-        mRunnable->run();
+        held->runnable()->run();
     } catch (const std::exception& error) {
         IPC_FATAL("runnable threw an exception: %s", error.what());
     } catch (...) {

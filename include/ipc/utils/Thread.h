@@ -9,13 +9,18 @@
 // and its record is made on first use. A thread is the main thread exactly
 // when its kernel thread id equals the process id.
 //
-// Ownership: a Thread may own its Runnable (destroyed after the join in the
-// destructor). A ThreadData belongs to its thread and owns the loop.
+// Ownership: a Thread may own its Runnable. A move hands on the runnable and
+// its ownership only; a thread the source started keeps running on it, and
+// the source keeps (and joins) that thread. An owned runnable is destroyed
+// once its Thread has let go of it (destruction, or a move assignment over
+// it) and every thread running it has returned, whichever comes last; so the
+// moved-to object may go while the source's thread still runs the runnable.
+// A ThreadData belongs to its thread and owns the loop.
 // Thread: start(), wait() and destruction of one Thread must not run
 // concurrently; the static accessors act on the calling thread.
 // Failure: start() throws std::system_error when no thread can be created.
-// Moving a started Thread, or an exception escaping its runnable, ends the
-// process with a fatal line that says which.
+// An exception escaping the runnable ends the process with a fatal line that
+// names it.
 // Calling a per-thread operation on the wrong kind of thread (main or not)
 // ends the process, except myMessageLoop(), which warns and returns null.
 //
@@ -40,6 +45,7 @@ class MessageLoop;
 namespace Kestrel::ipc::utils {
 
 class Runnable;
+class SharedRunnable;
 class Thread;
 
 // The per-thread record. Not copyable.
@@ -79,21 +85,24 @@ class IPC_EXPORT Thread {
     Thread(Runnable* runnable, bool ownsRunnable);
 
     // Moves the runnable and its ownership only, leaving the source with none.
-    // Only a Thread that was never started (or was waited for) may be moved:
-    // a started one runs on the source object and its runnable, so moving it
-    // ends the process with "cannot move a started thread".
+    // The operating-system thread is not moved: the new object has none, and
+    // a thread the source started goes on running the runnable and is joined
+    // by the source. start() on the new object starts a second thread running
+    // the same runnable.
     Thread(Thread&& other) noexcept;
-    // As the move constructor. A runnable this object owned is destroyed
-    // first, after joining this object's thread if it still runs (a join
-    // throws only on misuse, which ends the process here).
+    // As the move constructor. This object lets go of its own runnable first
+    // (destroyed now if owned and no thread runs it) and keeps its own
+    // thread, if any, to join later.
     Thread& operator=(Thread&& other) noexcept;
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    // Joins a started thread, then destroys the runnable if owned.
+    // Joins a started thread, then lets go of the runnable: an owned one is
+    // destroyed here unless a thread started by another Thread still runs it.
     ~Thread();
 
-    // Starts a thread running run() on this object.
+    // Starts a thread running run() on this object, with this object's
+    // runnable as it is now.
     // Throws: std::system_error with the creation error and "thread
     // constructor failed". Starting while the previous thread is still
     // joinable terminates the process.
@@ -135,17 +144,20 @@ class IPC_EXPORT Thread {
   private:
     friend class ThreadData;  // hands out sMainThread
 
-    // Joins, then destroys an owned runnable and forgets it.
-    void joinAndReleaseRunnable();
-    // Ends the process when `other` has a thread still to join.
-    static void refuseStarted(const Thread& other);
-    // Takes `other`'s runnable and its ownership (refusing a started `other`).
-    void takeRunnableOf(Thread& other);
+    // run() on `reference`, one reference to the runnable taken for this run;
+    // it is dropped when the runnable returns.
+    void run(SharedRunnable* reference);
+    // Lets go of this object's reference to its runnable.
+    void releaseRunnable();
 
     static Thread sMainThread;  // stands for the main thread; made at load
 
     std::thread mThread;
-    Runnable* mRunnable = nullptr;
+    // One reference to the runnable (null when there is none); each thread
+    // running it holds another.
+    SharedRunnable* mRunnable = nullptr;
+    // Whether the runnable is destroyed with its last reference. The share
+    // keeps the same flag; this copy keeps the class's layout.
     bool mOwnsRunnable = false;
 };
 
