@@ -6,12 +6,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
+#include "JsonLine.h"
 #include "ObserveSwitches.h"
 
 namespace Kestrel::ipc::observe {
@@ -55,35 +55,21 @@ void writeAll(int fd, const char* text, size_t length) {
     }
 }
 
-// Microseconds with three decimals, as the format wants them, from
-// nanoseconds (integer formatting: a floating-point one costs several times
-// as much).
-struct Micros {
-    long long whole;
-    int thousandths;
-};
-Micros micros(int64_t nanoseconds) {
-    if (nanoseconds < 0) {
-        nanoseconds = 0;
-    }
-    return {static_cast<long long>(nanoseconds / 1000), static_cast<int>(nanoseconds % 1000)};
-}
-
 // The flow phase of a kind: a send starts the flow, a receive steps it, a
 // dispatch or a reply callback ends it. A handler run has none.
-char flowPhase(TraceKind kind) {
+const char* flowPhase(TraceKind kind) {
     switch (kind) {
         case TraceKind::kSend:
-            return 's';
+            return "s";
         case TraceKind::kReceive:
-            return 't';
+            return "t";
         case TraceKind::kDispatch:
         case TraceKind::kReplyCallback:
-            return 'f';
+            return "f";
         case TraceKind::kHandlerRun:
             break;
     }
-    return '\0';
+    return nullptr;
 }
 
 }  // namespace
@@ -212,42 +198,36 @@ void TraceFile::write(const TraceEvent& event) {
     const int pid = static_cast<int>(::getpid());  // a forked child writes as itself
     const int tid = threadId(pid);
     writeThreadName(pid, tid);
-    const Micros begin = micros(event.beginNs);
-    const Micros duration = micros(event.endNs - event.beginNs);
-    char text[kEventRoom];
-    int length = std::snprintf(text, sizeof(text),
-                               ",\n{\"name\":\"%s\",\"cat\":\"ipc\",\"ph\":\"X\",\"pid\":%d,"
-                               "\"tid\":%d,\"ts\":%lld.%03d,\"dur\":%lld.%03d,\"args\":{\"fd\":%d",
-                               nameOf(event.kind), pid, tid, begin.whole, begin.thousandths,
-                               duration.whole, duration.thousandths, event.fd);
+    JsonLine line;
+    line.text(",\n{\"name\":\"").text(nameOf(event.kind)).text("\",\"cat\":\"ipc\",\"ph\":\"X\"");
+    line.text(",\"pid\":").signedNumber(pid).text(",\"tid\":").signedNumber(tid);
+    line.text(",\"ts\":")
+            .micros(event.beginNs)
+            .text(",\"dur\":")
+            .micros(event.endNs - event.beginNs);
+    line.text(",\"args\":{\"fd\":").signedNumber(event.fd);
     const TracedMessage& m = event.message;
     if (event.hasMessage) {
-        length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
-                                ",\"id\":%" PRIu32 ",\"type\":%" PRIu32
-                                ",\"reply\":%s,"
-                                "\"bytes\":%" PRIu32 ",\"fds\":%" PRIu32,
-                                m.id, m.type, (m.flags & kReplyFlag) != 0 ? "true" : "false",
-                                m.dataBytes, m.descriptors);
+        line.text(",\"id\":").number(m.id).text(",\"type\":").number(m.type);
+        line.text(",\"reply\":").text((m.flags & kReplyFlag) != 0 ? "true" : "false");
+        line.text(",\"bytes\":").number(m.dataBytes).text(",\"fds\":").number(m.descriptors);
     }
     if (event.kind == TraceKind::kSend || event.kind == TraceKind::kReceive) {
-        length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
-                                ",\"result\":%d", event.result);
+        line.text(",\"result\":").signedNumber(event.result);
     }
-    length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length), "}}");
-    const char phase = flowPhase(event.kind);
-    if (event.hasMessage && phase != '\0') {
+    line.text("}}");
+    const char* const phase = flowPhase(event.kind);
+    if (event.hasMessage && phase != nullptr) {
         // Inside its slice, so that the viewer binds it there: a send's and a
         // dispatch's at their start, a receive's at its end (a receive may
         // wait long before its message comes).
-        const Micros at = micros(phase == 't' ? event.endNs - 1 : event.beginNs + 1);
-        length += std::snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
-                                ",\n{\"name\":\"message\",\"cat\":\"ipc\",\"ph\":\"%c\","
-                                "\"id\":\"0x%" PRIx64
-                                "\",\"pid\":%d,\"tid\":%d,\"ts\":%lld.%03d,"
-                                "\"bp\":\"e\"}",
-                                phase, flowOf(m, kReplyFlag), pid, tid, at.whole, at.thousandths);
+        const int64_t at = *phase == 't' ? event.endNs - 1 : event.beginNs + 1;
+        line.text(",\n{\"name\":\"message\",\"cat\":\"ipc\",\"ph\":\"").text(phase);
+        line.text("\",\"id\":").hexString(flowOf(m, kReplyFlag));
+        line.text(",\"pid\":").signedNumber(pid).text(",\"tid\":").signedNumber(tid);
+        line.text(",\"ts\":").micros(at).text(",\"bp\":\"e\"}");
     }
-    writeAll(mFd, text, static_cast<size_t>(length));
+    writeAll(mFd, line.data(), line.size());
 }
 
 }  // namespace Kestrel::ipc::observe
