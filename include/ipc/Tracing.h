@@ -28,7 +28,7 @@
 // cannot be written are lost silently.
 // Cost: off, one load and a branch per hook (with the platform's enabled
 // check on Android). On, per event two clock reads, a formatted line of about
-// 300 bytes and one write(): about 10,000 instructions (docs/performance.md).
+// 300 bytes and one write(): about 4,400 instructions (docs/performance.md).
 #pragma once
 
 #include "ipc/Export.h"
