@@ -47,6 +47,10 @@
 // descriptor warns "does not registered before". requestExit() compares
 // errno with -11, which never matches: every failed write of the eventfd is
 // fatal. mCond is never used: it keeps the object layout.
+//
+// Observation (ipc/Statistics.h, ipc/Tracing.h, ipc/StateDump.h): cycles,
+// handler runs and hang-ups are counted and traced while that is on; off, a
+// cycle costs 14 instructions more.
 #pragma once
 
 #include <sysutils/FileDescriptor.h>

@@ -87,6 +87,10 @@
 // "The data size is not aligned to sizeof(int)". The debug lines of a
 // message's two records name sendDataAndFileDescriptors and
 // receiveDataAndFileDescriptors.
+//
+// Observation (ipc/Statistics.h, ipc/Tracing.h): each send(message) and
+// recv(message) is counted and traced while that is on; off, it costs one
+// test, 7 instructions.
 #pragma once
 
 #include <ipc/Message.h>
