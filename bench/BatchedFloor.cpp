@@ -20,17 +20,18 @@ constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
 // The most descriptors one record carries (the kernel's SCM_MAX_FD).
 constexpr size_t kMostRecordFds = 253;
 constexpr size_t kGuardedControlSpace = CMSG_SPACE(sizeof(int) * kMostRecordFds);
-// The reservation behind the room: no record is longer.
-constexpr size_t kSpillBytes = size_t{1} << 31;
+// The most data bytes the library's messages carry inline
+// (UnixDomainSocket::kMaxInlineData): room and buffer together offer this much.
+constexpr size_t kInlineMaximum = size_t{64} * 1024;
 
-// The process's 2 GiB reservation, or null when it cannot be had.
-void* spillRegion() {
-    static void* const region = [] {
-        void* mapped = mmap(nullptr, kSpillBytes, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+// The process's buffer behind the room, or null when it cannot be had.
+void* spillBuffer() {
+    static void* const buffer = [] {
+        void* mapped = mmap(nullptr, kInlineMaximum, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         return mapped == MAP_FAILED ? nullptr : mapped;
     }();
-    return region;
+    return buffer;
 }
 
 // The two records of one message as an mmsghdr array: header record first,
@@ -54,20 +55,20 @@ class RecordPair {
 
     // Offers the data record what a receiver that has not read the header
     // yet must: the room behind a new message's header, or more for a
-    // larger message (`data` holds at least kGuardedRoom bytes), the
-    // reservation behind it, and control room for a record's most
-    // descriptors. False without the reservation.
+    // larger message (`data` holds at least kGuardedRoom bytes), a buffer
+    // behind it up to the inline maximum, and control room for a record's
+    // most descriptors. False without the buffer.
     bool guard(Guards guards) {
         if (guards == Guards::kNone) {
             return true;
         }
-        void* spill = spillRegion();
+        void* spill = spillBuffer();
         if (spill == nullptr) {
             return false;
         }
-        mVectors[1].iov_len = std::max(mVectors[1].iov_len, kGuardedRoom);
-        mVectors[2] = {spill, kSpillBytes};
-        mMessages[1].msg_hdr.msg_iovlen = 2;
+        mVectors[1].iov_len = std::min(std::max(mVectors[1].iov_len, kGuardedRoom), kInlineMaximum);
+        mVectors[2] = {spill, kInlineMaximum - mVectors[1].iov_len};
+        mMessages[1].msg_hdr.msg_iovlen = mVectors[2].iov_len != 0 ? 2 : 1;
         for (mmsghdr& message : mMessages) {
             message.msg_hdr.msg_controllen = kGuardedControlSpace;
         }

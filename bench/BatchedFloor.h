@@ -15,7 +15,8 @@
 // the price of those guards can be told apart from the library's own work:
 // its waits for a record are bounded (SO_RCVTIMEO, set on both sockets by the
 // caller with setReceiveBound), the data record is read into the room a new
-// message has behind its header followed by a 2 GiB reservation, with
+// message has behind its header followed by a buffer up to the library's
+// inline maximum of 64 KiB (a longer record comes back cut), with
 // control room for the most descriptors a record can carry (what a receiver
 // must offer for a record whose header it has not read yet), and the serving
 // side polls an eventfd beside its socket, last, as the reactor polls its

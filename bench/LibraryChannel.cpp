@@ -4,7 +4,8 @@
 // SocketEventHandler's runnable reads the request with receiveMessage, sends
 // it back with sendMessage and hands it to the default MessageHandler, which
 // closes the descriptors that came with it. The client disposes of the reply
-// the same way. For large messages both sides also copy the data they
+// the same way. Through a RequestChannel, the client calls instead and the
+// server flags its echo as the reply. For large messages both sides also copy the data they
 // received out of the message, the one copy a user of the message makes,
 // into a buffer each side keeps from message to message (as a careful user
 // does: payload() would hand back a fresh vector each time, whose pages a
@@ -13,6 +14,7 @@
 #include <ipc/EventHandler.h>
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
+#include <ipc/RequestChannel.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/SocketPair.h>
 #include <ipc/UnixDomainSocket.h>
@@ -37,6 +39,7 @@ using Kestrel::ipc::DefaultReactor;
 using Kestrel::ipc::EventType;
 using Kestrel::ipc::Message;
 using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::RequestChannel;
 using Kestrel::ipc::SocketEventHandler;
 using Kestrel::ipc::SocketPair;
 using Kestrel::ipc::UnixDomainSocket;
@@ -44,6 +47,9 @@ using Kestrel::utils::sys::FileDescriptor;
 using Kestrel::Utils::ULog::ULogger;
 
 constexpr uint32_t kHostDetailsLevel = 5;
+
+// A larger case would be refused by the send.
+static_assert(kLargestRecord <= UnixDomainSocket::kMaxInlineData);
 
 // What a user of a received message does to get at its data: one copy,
 // into a buffer of the user's that outlives the message. The data lies
@@ -67,11 +73,8 @@ class PayloadReader {
 class EchoRunnable : public Kestrel::ipc::utils::Runnable {
   public:
     EchoRunnable(SocketEventHandler& socket, DefaultReactor& reactor,
-                 std::shared_ptr<MessageHandler> disposer, bool readsPayload)
-        : mSocket(socket),
-          mReactor(reactor),
-          mDisposer(std::move(disposer)),
-          mReadsPayload(readsPayload) {}
+                 std::shared_ptr<MessageHandler> disposer, LibraryUse use)
+        : mSocket(socket), mReactor(reactor), mDisposer(std::move(disposer)), mUse(use) {}
 
     void run() override {
         Message request(mDisposer);
@@ -83,8 +86,12 @@ class EchoRunnable : public Kestrel::ipc::utils::Runnable {
             finish(true);
             return;
         }
-        if (mReadsPayload) {
+        if (mUse.readsPayload) {
             mReader.read(request);
+        }
+        if (mUse.flagsReplies || mUse.throughRequestChannel) {
+            request.setHeader(request.id(), request.type(), Message::kFlagReply,
+                              request.dataCount(), request.fileDescriptorCount());
         }
         const bool sent = mSocket.sendMessage(request) == 0;
         mDisposer->handleMessage(request);
@@ -104,7 +111,7 @@ class EchoRunnable : public Kestrel::ipc::utils::Runnable {
     SocketEventHandler& mSocket;
     DefaultReactor& mReactor;
     std::shared_ptr<MessageHandler> mDisposer;
-    bool mReadsPayload;
+    LibraryUse mUse;
     PayloadReader mReader;
     bool mSucceeded = false;
 };
@@ -128,7 +135,7 @@ int serveWithReactor(FileDescriptor&& end, size_t idleCount, LibraryUse use) {
         served->setPayloadTimeout(std::chrono::milliseconds(0));
     }
     auto echo = std::make_shared<EchoRunnable>(*served, reactor, std::make_shared<MessageHandler>(),
-                                               use.readsPayload);
+                                               use);
     served->setRunnable(echo);
     if (!reactor.registerEventHandler(served)) {
         return 1;
@@ -147,7 +154,11 @@ class LibraryChannel : public RoundTripChannel {
           mSentCount(static_cast<uint16_t>(shape.fds)),
           mRequest(mDisposer),
           mUse(use) {
-        mClient.bind(std::move(end));
+        if (use.throughRequestChannel) {
+            mChannel = std::make_unique<RequestChannel>(std::move(end));
+        } else {
+            mClient.bind(std::move(end));
+        }
         if (use.unboundedPayloadWait) {
             mClient.setPayloadTimeout(std::chrono::milliseconds(0));
         }
@@ -175,7 +186,14 @@ class LibraryChannel : public RoundTripChannel {
         }
         Message stop(mDisposer);
         stop.setHeader(0, raw::kStopType, 0, 0, 0);
-        const bool sent = mClient.send(stop) == 0;
+        bool sent = false;
+        if (mChannel) {
+            // Never answered: the call ends when the server's process does.
+            std::unique_ptr<Message> none;
+            sent = mChannel->call(stop, kStopWait, &none) == RequestChannel::kPeerGone;
+        } else {
+            sent = mClient.send(stop) == 0;
+        }
         const bool joined = mServer->join();
         mServer.reset();
         return sent && joined;
@@ -185,6 +203,9 @@ class LibraryChannel : public RoundTripChannel {
 
   private:
     bool exchange() {
+        if (mChannel) {
+            return call();
+        }
         if (mClient.send(mRequest) != 0) {
             return false;
         }
@@ -199,6 +220,23 @@ class LibraryChannel : public RoundTripChannel {
         return true;
     }
 
+    // The round trip through the channel: the reply comes whole, owned here.
+    bool call() {
+        std::unique_ptr<Message> reply;
+        if (mChannel->call(mRequest, kReplyWait, &reply) != 0 ||
+            reply->fileDescriptorCount() != mSentCount) {
+            return false;
+        }
+        if (mUse.readsPayload) {
+            mReader.read(*reply);
+        }
+        mDisposer->handleMessage(*reply);
+        return true;
+    }
+
+    static constexpr std::chrono::seconds kReplyWait{5};
+    static constexpr std::chrono::seconds kStopWait{10};
+
     std::unique_ptr<ForkedPeer> mServer;
     std::shared_ptr<MessageHandler> mDisposer;
     SentDescriptors mSent;
@@ -207,6 +245,7 @@ class LibraryChannel : public RoundTripChannel {
     Message mRequest;
     LibraryUse mUse;
     PayloadReader mReader;
+    std::unique_ptr<RequestChannel> mChannel;  // set when the client calls through one
 };
 
 }  // namespace

@@ -56,6 +56,12 @@ struct LibraryUse {
     // Both sides wait for a payload record without limit
     // (setPayloadTimeout(0)) instead of the default bound of 1 s.
     bool unboundedPayloadWait = false;
+    // The server answers with the reply flag set, as a RequestChannel's
+    // caller needs (one more header write per message on the server).
+    bool flagsReplies = false;
+    // The client makes each round trip with RequestChannel::call instead of
+    // UnixDomainSocket::send and recv (implies flagsReplies).
+    bool throughRequestChannel = false;
 };
 
 // The library: UnixDomainSocket client, DefaultReactor server with the

@@ -22,8 +22,9 @@ namespace velacam::bench {
 // SO_SNDBUFFORCE as root goes past it, which neither side uses), and refuses
 // a sequenced-packet record larger than the send buffer with EMSGSIZE.
 inline constexpr unsigned long kSocketBufferSize = 262144;
-// The largest record a case sends: the 256 KiB data record.
-inline constexpr size_t kLargestRecord = 262144;
+// The largest record a case sends: the 64 KiB data record, the most data a
+// message of the library carries (UnixDomainSocket::kMaxInlineData).
+inline constexpr size_t kLargestRecord = 65536;
 
 // True when `socket`'s send buffer, as the kernel granted it, takes a record
 // of `bytes` (with the kernel's per-record overhead).
@@ -45,8 +46,8 @@ struct RoundTripShape {
 // Registers the cases: payload 64 B and 4 KiB with 0, 1, 4 and 16
 // descriptors, then 64 B with 16 and 256 idle handlers; each free and pinned.
 void addRoundTripCases(benchmark::internal::Benchmark* benchmark);
-// Registers the large-message cases: 64 KiB and 256 KiB without
-// descriptors, free and pinned.
+// Registers the large-message case: 64 KiB (the most a message carries
+// inline) without descriptors, free and pinned.
 void addLargeCases(benchmark::internal::Benchmark* benchmark);
 // Registers the one case a peer is compared on: 64 B, no descriptors, no idle
 // handlers; free and pinned.

@@ -14,7 +14,9 @@
 // descriptor are measured against the batched floor carrying the library's
 // default guards (a bounded wait, room for a record of any size, an exit
 // descriptor polled beside the socket): what is left between the two is the
-// library's own work.
+// library's own work. And the 64-byte cases once more through a
+// RequestChannel, against the library's own round trip: what the channel's
+// matching of replies to calls costs.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -122,12 +124,37 @@ void LibraryHostLogging_vs_Floor(benchmark::State& state) {
     runPaired(state, *library, *floor, "");
 }
 
+// What RequestChannel adds to the library's round trip: the same client
+// and server, the client calling through the channel or sending and
+// receiving on its socket itself; the server flags its echo as the reply for
+// both.
+void RequestChannel_vs_Library(benchmark::State& state) {
+    const RoundTripShape shape(state);
+    CpuPinning pinning(shape.pinned);
+    if (!pinning.ok()) {
+        state.SkipWithError("cannot pin to one CPU");
+        return;
+    }
+    LibraryUse raw;
+    raw.flagsReplies = true;
+    LibraryUse calls = raw;
+    calls.throughRequestChannel = true;
+    const auto channel = makeLibraryChannel(shape, calls);
+    const auto library = makeLibraryChannel(shape, raw);
+    if (!channel || !library) {
+        state.SkipWithError("cannot set up the channels");
+        return;
+    }
+    runPaired(state, *channel, *library, "");
+}
+
 BENCHMARK(Library_vs_Floor)->Apply(addRoundTripCases);
 BENCHMARK(Library_vs_OneSendFloor)->Apply(addPeerCases);
 BENCHMARK(Library_vs_GuardedFloor)->Apply(addTargetCases);
 BENCHMARK(LargeMessage_vs_Floor)->Apply(addLargeCases);
 BENCHMARK(LibraryUnboundedWait_vs_Floor)->Apply(addPeerCases);
 BENCHMARK(LibraryHostLogging_vs_Floor)->Apply(addPeerCases);
+BENCHMARK(RequestChannel_vs_Library)->Apply(addTargetCases);
 
 }  // namespace
 }  // namespace velacam::bench

@@ -134,7 +134,7 @@ int AlgorithmSide::run() {
 
     reactor.requestExit();
     reactorThread.wait();
-    printStatistics("algorithm", reactor, loop, nullptr, socket->fd());
+    printStatistics("algorithm", socket->fd(), &reactor, loop);
     loop->requestExit();
     loopThread.wait();
     return 0;

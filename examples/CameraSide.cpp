@@ -1,29 +1,22 @@
 #include "CameraSide.h"
 
 #include <dirent.h>
-#include <ipc/CBRegistry.h>
-#include <ipc/DefaultReactor.h>
-#include <ipc/EventHandler.h>
 #include <ipc/Message.h>
-#include <ipc/SocketEventHandler.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/RequestChannel.h>
 #include <ipc/SocketPair.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/FunctionRunnable.h>
-#include <ipc/utils/Mutex.h>
 #include <ipc/utils/Process.h>
-#include <ipc/utils/Thread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <map>
+#include <memory>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "ChildWait.h"
@@ -36,19 +29,11 @@ namespace demo {
 
 namespace {
 
-using Kestrel::ipc::CBRegistry;
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventHandler;
-using Kestrel::ipc::EventType;
 using Kestrel::ipc::Message;
-using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::RequestChannel;
 using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::FunctionRunnable;
-using Kestrel::ipc::utils::LockGuard;
-using Kestrel::ipc::utils::Mutex;
 using Kestrel::ipc::utils::Process;
-using Kestrel::ipc::utils::Thread;
-using Kestrel::ipc::utils::UniqueLock;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kReplyTimeout = std::chrono::seconds(5);
@@ -64,54 +49,6 @@ long countOpenDescriptors() {
     }
     return count - 1;  // the listing's own descriptor
 }
-
-// Statuses of the replies that arrived, filled by CBRegistry callbacks on the
-// reactor thread and waited for by the sending thread. The reactor's hang-up
-// listener marks the peer gone, which ends every wait at once.
-class ReplyBook {
-  public:
-    enum class Outcome { kArrived, kPeerGone, kTimedOut };
-
-    void complete(uint32_t id, uint8_t status) {
-        {
-            LockGuard lock(mLock);
-            mStatuses[id] = status;
-        }
-        mChanged.notify_all();
-    }
-
-    void peerGone() {
-        {
-            LockGuard lock(mLock);
-            mPeerGone = true;
-        }
-        mChanged.notify_all();
-    }
-
-    // Waits for the reply to `id`, the peer's hang-up, or the time-out; a reply
-    // that arrived before the hang-up still counts.
-    Outcome waitFor(uint32_t id, uint8_t* status) {
-        UniqueLock lock(mLock);
-        // Ends with the reply, the hang-up or the time-out: all three are
-        // told apart below.
-        (void)lock.waitFor(mChanged, kReplyTimeout, [&]() IPC_REQUIRES(mLock) {
-            return mStatuses.count(id) != 0 || mPeerGone;
-        });
-        const auto found = mStatuses.find(id);
-        if (found == mStatuses.end()) {
-            return mPeerGone ? Outcome::kPeerGone : Outcome::kTimedOut;
-        }
-        *status = found->second;
-        mStatuses.erase(found);
-        return Outcome::kArrived;
-    }
-
-  private:
-    Mutex mLock;
-    std::condition_variable mChanged;
-    std::map<uint32_t, uint8_t> mStatuses IPC_GUARDED_BY(mLock);
-    bool mPeerGone IPC_GUARDED_BY(mLock) = false;
-};
 
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -156,31 +93,11 @@ int CameraSide::run() {
             }
         }
 
-        CBRegistry registry(1);
-        ReplyBook replies;
-        auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-        socket->setRunnable(std::make_shared<FunctionRunnable>([socket = socket.get(), &registry] {
-            auto reply = std::make_unique<Message>();
-            if (socket->receiveMessage(reply.get()) == 0 && reply->isReply()) {
-                registry.unRegisterCB(std::move(reply));
-            }
-        }));
-        DefaultReactor reactor;
-        // The algorithm process is gone (its end of the socket closed): stop
-        // polling the socket, end the loop, and wake the sender. Without this
-        // the loop would report the hang-up on every cycle and the sender would
-        // wait out the reply time-out.
-        reactor.setHangUpListener(
-                [&reactor, &replies](int fd, short, std::shared_ptr<EventHandler>) {
-                    (void)reactor.removeEventHandlerByFd(fd);
-                    reactor.requestExit();
-                    replies.peerGone();
-                });
-        Thread reactorThread(
-                new FunctionRunnable([&reactor] { reactor.loop(std::chrono::milliseconds(0)); }),
-                true);
-        reactorThread.start();
-        (void)reactor.registerEventHandler(socket);
+        // Replies are matched to their requests by the channel; when the
+        // algorithm process goes, its hang-up fails the waiting call at once
+        // (instead of after the reply time-out).
+        const int cameraEnd = pair.first.get();  // for the counters at the end
+        RequestChannel channel(std::move(pair.first));
 
         const auto start = Clock::now();
         ProgressLine progress(mOptions.requests);
@@ -226,28 +143,28 @@ int CameraSide::run() {
             request.setHeader(id, kProcessBuffers, 0, 0, 0);
             request.setPayload(payload);
 
-            registry.registerCB(request,
-                                [&replies, id](uint8_t status) { replies.complete(id, status); });
             const auto sent = Clock::now();
             ++report.requests;
             report.buffersExpected += buffers.size();
-            if (socket->sendMessage(request) != 0) {
-                report.lostRequests.push_back(id);  // the peer is gone already
-                break;
-            }
-            report.descriptorsPassed += payload.fds.size();
-            uint8_t status = kStatusFailed;
-            const ReplyBook::Outcome outcome = replies.waitFor(id, &status);
-            if (outcome != ReplyBook::Outcome::kArrived) {
+            std::unique_ptr<Message> reply;
+            const int result = channel.call(request, kReplyTimeout, &reply);
+            if (result != 0) {
                 report.lostRequests.push_back(id);
-                if (outcome == ReplyBook::Outcome::kPeerGone) {
+                if (result == RequestChannel::kPeerGone) {
                     report.hangUpNoticedAfterMs = millisecondsSince(sent);
+                } else if (result != RequestChannel::kTimedOut) {
+                    std::fprintf(stderr, "camera: request %u failed: %s\n", id,
+                                 std::strerror(-result));
                 }
                 break;
             }
             report.addRoundTrip(Clock::now() - sent);
+            report.descriptorsPassed += payload.fds.size();
             ++report.answered;
-            report.failedStatuses += status == kStatusOk ? 0 : 1;
+            const Message::Payload answer = reply->payload();
+            const bool ok = !answer.data.empty() && answer.data[0] == kStatusOk;
+            report.failedStatuses += ok ? 0 : 1;
+            MessageHandler().handleMessage(*reply);  // closes what the reply may carry
             for (const SharedBuffer& buffer : buffers) {
                 report.buffersVerified += buffer.holdsReversedPattern() ? 1 : 0;
             }
@@ -257,16 +174,12 @@ int CameraSide::run() {
         report.setElapsed(Clock::now() - start);
         report.neverSent = mOptions.requests - report.requests;
 
-        // Stop listening before the algorithm process goes, so that its hang-up
-        // is not reported by a loop that no longer needs the socket.
-        reactor.requestExit();
-        reactorThread.wait();
         if (!report.algorithmKilled) {
             (void)child.terminate();  // a dead child is reaped all the same
         }
         report.algorithmStatus = waitForChild(child.pid(), std::chrono::seconds(5));
         self.removeFromObservation(child.pid());
-        printStatistics("camera", reactor, nullptr, &registry, socket->fd());
+        printStatistics("camera", cameraEnd, nullptr, nullptr);
         finishObservation(mOptions.observation);
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;

@@ -2,12 +2,12 @@
 //
 // Makes the socket pair, starts the algorithm process as a child of its own
 // program, and sends requests one at a time, each carrying shared-memory
-// buffers as descriptors. Replies are received on a DefaultReactor thread and
-// matched to their requests through CBRegistry callbacks. At the end the child
-// is terminated and reaped, and the run is summed up in a small table.
+// buffers as descriptors, through a RequestChannel: each request waits at
+// most 5 s for its reply. At the end the child is terminated and reaped, and
+// the run is summed up in a small table.
 //
-// When the algorithm process dies, the reactor's hang-up listener tells the
-// waiting sender at once (instead of after the reply time-out): the run stops,
+// When the algorithm process dies, its hang-up fails the waiting call at once
+// (instead of after the reply time-out): the run stops,
 // the requests that got no reply are reported as lost, and the exit status is
 // non-zero. Two options make a peer die on purpose: killAlgorithmAfter, and
 // cameraDiesAfter, where this process ends abruptly and leaves the algorithm

@@ -42,7 +42,7 @@ std::string range(unsigned long long low, unsigned long long high) {
 
 const char* demoUsage() {
     return "usage: velacam_demo [--requests N] [--buffer-size BYTES] [--fds-per-request K]\n"
-           "                    [--kill-algorithm-after N | --camera-dies-after N]\n"
+           "                    [--verbose] [--kill-algorithm-after N | --camera-dies-after N]\n"
            "                    [--trace FILE] [--stats]\n"
            "  --requests N               1 to 1000000000 (default 2000)\n"
            "  --buffer-size BYTES        a multiple of 4 from 4 to 67108864, 64 MiB (default "
@@ -51,6 +51,8 @@ const char* demoUsage() {
            "                             most 268435456 bytes, 256 MiB, per request\n"
            "  --kill-algorithm-after N   0 to requests - 1\n"
            "  --camera-dies-after N      0 to requests - 1\n"
+           "  --verbose                  the library's warning, info and debug lines on\n"
+           "                             standard error\n"
            "  --trace FILE               writes a trace of both processes to FILE (JSON, for\n"
            "                             ui.perfetto.dev or chrome://tracing)\n"
            "  --stats                    prints both processes' counters at the end\n";
@@ -74,6 +76,9 @@ std::optional<DemoCommandLine> parseDemoCommandLine(int argc, const char* const*
             high = kMaxFdsPerRequest;
         } else if (option == "--kill-algorithm-after" || option == "--camera-dies-after") {
             high = kMaxRequests - 1;  // checked against --requests below
+        } else if (option == "--verbose") {
+            line.verbose = true;
+            continue;
         } else if (option == "--stats") {
             options.observation.stats = true;
             continue;

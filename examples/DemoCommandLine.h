@@ -24,6 +24,7 @@ struct DemoCommandLine {
     // "--algorithm-fd N" as its only option.
     std::optional<int> algorithmFd;
     bool helpWanted = false;  // -h or --help: print the usage, run nothing
+    bool verbose = false;     // --verbose: the library's lines of every level
 };
 
 // Reads argv[1..argc); on a refusal returns nullopt and sets `error` to a

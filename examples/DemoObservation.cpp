@@ -48,22 +48,20 @@ void finishObservation(const ObservationOptions& options) {
     }
 }
 
-void printStatistics(const char* side, const Kestrel::ipc::DefaultReactor& reactor,
-                     Kestrel::ipc::MessageLoop* loop, const Kestrel::ipc::CBRegistry* registry,
-                     int socketFd) {
+void printStatistics(const char* side, int socketFd, const Kestrel::ipc::DefaultReactor* reactor,
+                     Kestrel::ipc::MessageLoop* loop) {
     if (!Statistics::enabled()) {
         return;
     }
     std::printf("---- %s process (pid %d): counters at the end ----\n", side,
                 static_cast<int>(getpid()));
     std::fflush(stdout);  // the dumps go straight to the descriptor
-    bool written = StateDump::writeConnection(STDOUT_FILENO, socketFd) == 0 &&
-                   StateDump::write(STDOUT_FILENO, reactor) == 0;
+    bool written = StateDump::writeConnection(STDOUT_FILENO, socketFd) == 0;
+    if (reactor != nullptr) {
+        written = written && StateDump::write(STDOUT_FILENO, *reactor) == 0;
+    }
     if (loop != nullptr) {
         written = written && StateDump::write(STDOUT_FILENO, *loop) == 0;
-    }
-    if (registry != nullptr) {
-        written = written && StateDump::write(STDOUT_FILENO, *registry) == 0;
     }
     if (!written) {
         std::fprintf(stderr, "%s: cannot write the counters: %s\n", side, std::strerror(errno));

@@ -6,14 +6,13 @@
 // ended, the camera closes the file. Perfetto's UI and chrome://tracing open
 // it.
 // --stats: both processes count (the algorithm inherits VELACAM_STATS=1) and
-// print the state dump of their reactor, loop or registry and of their end of
-// the socket when they end: the algorithm's first, then the camera's.
+// print the state dump of their end of the socket, and of the algorithm's
+// reactor and loop, when they end: the algorithm's first, then the camera's.
 #pragma once
 
 #include <string>
 
 namespace Kestrel::ipc {
-class CBRegistry;
 class DefaultReactor;
 class MessageLoop;
 }  // namespace Kestrel::ipc
@@ -32,10 +31,10 @@ bool startObservation(const ObservationOptions& options);
 // In the camera process, once the algorithm process has ended.
 void finishObservation(const ObservationOptions& options);
 
-// The dumps of one side, under a heading naming it; nothing unless counting is
-// on. `loop` and `registry` may be null.
-void printStatistics(const char* side, const Kestrel::ipc::DefaultReactor& reactor,
-                     Kestrel::ipc::MessageLoop* loop, const Kestrel::ipc::CBRegistry* registry,
-                     int socketFd);
+// The dumps of one side, under a heading naming it: its end of the socket,
+// then its reactor and loop where it has them (null where not); nothing
+// unless counting is on.
+void printStatistics(const char* side, int socketFd, const Kestrel::ipc::DefaultReactor* reactor,
+                     Kestrel::ipc::MessageLoop* loop);
 
 }  // namespace demo

@@ -8,7 +8,8 @@ namespace demo {
 
 namespace {
 constexpr auto kQuietStart = std::chrono::seconds(2);
-constexpr auto kInterval = std::chrono::milliseconds(500);
+constexpr auto kInterval = std::chrono::milliseconds(500);        // on a terminal
+constexpr auto kPlainInterval = std::chrono::milliseconds(5000);  // anywhere else
 }  // namespace
 
 ProgressLine::ProgressLine(size_t total)
@@ -17,11 +18,14 @@ ProgressLine::ProgressLine(size_t total)
       mNextShow(Clock::now() + kQuietStart) {}
 
 void ProgressLine::update(size_t done) {
-    if (!mToTerminal) {
-        return;
-    }
     const Clock::time_point now = Clock::now();
     if (now < mNextShow) {
+        return;
+    }
+    if (!mToTerminal) {
+        mNextShow = now + kPlainInterval;
+        std::printf("  ... %zu of %zu requests\n", done, mTotal);
+        std::fflush(stdout);
         return;
     }
     mNextShow = now + kInterval;

@@ -1,9 +1,10 @@
 // A progress line for long demo runs, shown only to a person watching.
 //
-// Once a run has lasted about two seconds, and only when standard error is a
+// Once a run has lasted about two seconds: when standard error is a
 // terminal, it rewrites one line there about twice a second ("... 1200 of
-// 50000 requests"); finish() clears it. Anywhere else (a pipe, a CI log) it
-// prints nothing. One thread uses an object.
+// 50000 requests"), which finish() clears; anywhere else (a pipe, a CI log)
+// it prints one such line on standard output every five seconds, so that a
+// correct run still leaves standard error empty. One thread uses an object.
 #pragma once
 
 #include <chrono>

@@ -13,9 +13,6 @@ namespace demo {
 namespace {
 
 double percentileMicros(std::vector<std::chrono::nanoseconds> values, double fraction) {
-    if (values.empty()) {
-        return 0.0;
-    }
     std::sort(values.begin(), values.end());
     const auto index = static_cast<size_t>(fraction * static_cast<double>(values.size() - 1));
     return static_cast<double>(values[index].count()) / 1000.0;
@@ -37,9 +34,15 @@ void RunReport::print() const {
     std::printf("\n");
     std::printf("  %-24s %zu\n", "requests", requests);
     std::printf("  %-24s %zu\n", "descriptors passed", descriptorsPassed);
-    std::printf("  %-24s %.1f us\n", "round trip, median", percentileMicros(mLatencies, 0.5));
-    std::printf("  %-24s %.1f us\n", "round trip, 99th pct", percentileMicros(mLatencies, 0.99));
-    std::printf("  %-24s %.0f requests/s\n", "throughput", perSecond);
+    if (mLatencies.empty()) {
+        // No figure stands for a run that got no reply.
+        std::printf("  %-24s none: no reply came\n", "round trip");
+    } else {
+        std::printf("  %-24s %.1f us\n", "round trip, median", percentileMicros(mLatencies, 0.5));
+        std::printf("  %-24s %.1f us\n", "round trip, 99th pct",
+                    percentileMicros(mLatencies, 0.99));
+        std::printf("  %-24s %.0f requests/s\n", "throughput", perSecond);
+    }
     std::printf("  %-24s %zu / %zu\n", "buffers transformed", buffersVerified, buffersExpected);
     std::printf("  %-24s %zu%s\n", "replies lost", lostRequests.size(),
                 lostRequests.empty() ? "" : (" (requests " + idList() + ")").c_str());

@@ -2,7 +2,7 @@
 // carry shared-memory buffers. Run it through scripts/demo, or directly:
 //
 //   velacam_demo [--requests N] [--buffer-size BYTES] [--fds-per-request K]
-//                [--kill-algorithm-after N | --camera-dies-after N]
+//                [--verbose] [--kill-algorithm-after N | --camera-dies-after N]
 //                [--trace FILE] [--stats]
 //
 // The options and their ranges are in DemoCommandLine.cpp; anything out of
@@ -16,11 +16,17 @@
 //
 // A correct run prints its table on standard output and nothing on standard
 // error. Library lines above errors follow VELACAM_LOG_LEVEL; debug lines also
-// need the property "vendor.debug.ipc.framework.log" (scripts/demo --verbose
-// sets both).
+// need the property "vendor.debug.ipc.framework.log". --verbose sets both: the
+// property is read when the library is loaded, so the program starts itself
+// again with them in its environment.
+#include <ipc/utils/Log.h>
 #include <ipc/utils/Process.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -39,6 +45,16 @@ int main(int argc, char** argv) {
     if (line->helpWanted) {
         std::fputs(demo::demoUsage(), stdout);
         return 0;
+    }
+    if (line->verbose && (Kestrel::ipc::utils::LogSetting::logLevel() < 1 ||
+                          Kestrel::Utils::ULog::ULogger::sDetailsLevel < 5)) {
+        setenv("VENDOR_DEBUG_IPC_FRAMEWORK_LOG", "1", 1);
+        setenv("vendor.debug.ipc.framework.log", "1", 1);
+        setenv("VELACAM_LOG_LEVEL", "5", 1);
+        execv("/proc/self/exe", argv);
+        std::fprintf(stderr, "velacam_demo: --verbose: cannot start again: %s\n",
+                     std::strerror(errno));
+        return 1;
     }
     if (line->algorithmFd) {
         // The algorithm process: keep the socket end and standard output and

@@ -6,8 +6,9 @@
 TRACE_JSON is what `scripts/demo --trace FILE` wrote. The round trip of
 request REQUEST_ID (default: the one whose round trip is the median) is drawn
 with one lane per thread that took part: its slices (send, handleEvent,
-receive, dispatch, reply callback) and the flows that link a message's send to
-its receive and its dispatch or reply callback in the other process.
+receive, dispatch, reply to call or reply callback) and the flows that link a message's send to
+its receive and its dispatch, reply to call or reply callback in the other
+process.
 
 Needs matplotlib (Debian: python3-matplotlib; run with /usr/bin/python3).
 """
@@ -23,7 +24,8 @@ import matplotlib.patches  # noqa: E402
 import matplotlib.pyplot as plt  # noqa: E402
 
 COLOURS = {"send": "#1f77b4", "handleEvent": "#c7c7c7", "receive": "#2ca02c",
-           "dispatch": "#ff7f0e", "reply callback": "#9467bd"}
+           "dispatch": "#ff7f0e", "reply to call": "#9467bd", "reply callback": "#8c564b"}
+ENDS = ("reply to call", "reply callback")  # where a reply's flow ends
 
 
 def main(path, out, wanted):
@@ -33,7 +35,7 @@ def main(path, out, wanted):
     slices = [e for e in events if e.get("ph") == "X"]
     sends = {e["args"]["id"]: e for e in slices
              if e["name"] == "send" and not e["args"]["reply"]}
-    callbacks = {e["args"]["id"]: e for e in slices if e["name"] == "reply callback"}
+    callbacks = {e["args"]["id"]: e for e in slices if e["name"] in ENDS}
     trips = sorted((callbacks[i]["ts"] + callbacks[i]["dur"] - sends[i]["ts"], i)
                    for i in sends if i in callbacks)
     if wanted is None:
@@ -70,7 +72,7 @@ def main(path, out, wanted):
         chain = {e["name"]: e for e in mine if e["args"].get("reply") == reply}
         points = [(chain["send"]["ts"], chain["send"]),
                   (chain["receive"]["ts"] + chain["receive"]["dur"], chain["receive"])]
-        last = chain.get("reply callback" if reply else "dispatch")
+        last = next((chain[n] for n in (ENDS if reply else ("dispatch",)) if n in chain), None)
         if last is not None:
             points.append((last["ts"], last))
         for (x0, a), (x1, b) in zip(points, points[1:]):
@@ -84,10 +86,11 @@ def main(path, out, wanted):
     ax.set_xlim(-0.02 * (end - start), 1.02 * (end - start))
     ax.set_ylim(len(lanes) - 0.5, -0.5)
     ax.set_xlabel("microseconds since the request's send began")
-    ax.set_title("one round trip of the demo (request %d): %.1f us from send to reply callback"
-                 % (wanted, trip), fontsize=10)
+    ax.set_title("one round trip of the demo (request %d): %.1f us from send to %s"
+                 % (wanted, trip, callbacks[wanted]["name"]), fontsize=10)
+    shown = {e["name"] for e in mine}
     handles = [matplotlib.patches.Patch(facecolor=c, edgecolor="black", label=n)
-               for n, c in COLOURS.items()]
+               for n, c in COLOURS.items() if n in shown]
     handles.append(matplotlib.patches.Patch(facecolor="white", edgecolor="black", hatch="////",
                                             label="(hatched: the reply)"))
     handles.append(matplotlib.lines.Line2D([], [], color="#d62728", label="flow"))

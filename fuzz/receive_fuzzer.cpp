@@ -34,9 +34,9 @@ using velacam::fuzz::FuzzInput;
     std::abort();
 }
 
-// A record shorter than announced reads as zeros up to this much announced
-// data; above it the receive measures the record before it allocates.
-constexpr size_t kZeroFilledUpTo = 1u << 20;
+// Data the peer never sent reads as zeros only where it closed between the
+// two records, and then for at most the inline maximum announced.
+constexpr size_t kZeroFilledUpTo = Kestrel::ipc::UnixDomainSocket::kMaxInlineData;
 
 // The payload time-out of the receiving socket: a stalled peer costs an input
 // this long.

@@ -1,7 +1,7 @@
 // SocketEventHandler::receiveString against whatever a peer can put on the
 // socket (see support/HostilePeer.h for what the input scripts): it must never
-// crash, return more data than the peer sent (beyond what a short record
-// reads as zeros), or leave a descriptor open, since a string hands none to
+// crash, return more data than the peer sent (beyond the zeros of a peer gone
+// between its two records), or leave a descriptor open, since a string hands none to
 // its caller. The handler keeps its socket's default payload time-out, so the
 // peer never stalls here; the receive target covers stalls.
 #include <ipc/EventHandler.h>
@@ -20,9 +20,9 @@
 #include "support/HostilePeer.h"
 
 namespace {
-// A record shorter than announced reads as zeros up to this much announced
-// data; above it the receive measures the record before it allocates.
-constexpr size_t kZeroFilledUpTo = 1u << 20;
+// Data the peer never sent reads as zeros only where it closed between the
+// two records, and then for at most the inline maximum announced.
+constexpr size_t kZeroFilledUpTo = Kestrel::ipc::UnixDomainSocket::kMaxInlineData;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -1,14 +1,17 @@
 // The send path against whatever a caller can hand it: any data size (also
-// more than one record of the socket can hold), any number of descriptors
-// (also more than the kernel carries in one record), header counts that
-// disagree with the payload, and a small or large send buffer.
+// more than a message carries, and more than one record of the socket can
+// hold), any number of descriptors (also more than the kernel carries in one
+// record), header counts that disagree with the payload, and a small or
+// large send buffer.
 // A send either puts the message's two records on the wire, exactly as the
 // message describes them, or returns a negative errno and puts nothing there:
 // a lone header would make the peer read the next message's payload as a
-// header. The one exception is -103 (ECONNABORTED): the kernel refused the
-// payload record for a reason no check can see before the header goes (a
-// descriptor number that is not open, say) and the connection is out of step. Checked with plain
-// recvmsg calls on the other end, not with the library's receive.
+// header. Counts that disagree with the payload give -22, more data than a
+// message carries -90. The one exception is -103 (ECONNABORTED), with the
+// header alone on the wire: the kernel could not allocate the payload record
+// (ENOBUFS) within the send's bound, which no check can see before the
+// header goes. Checked with plain recvmsg calls on the other end, not with
+// the library's receive.
 #include <errno.h>
 #include <ipc/Message.h>
 #include <ipc/UnixDomainSocket.h>
@@ -33,7 +36,9 @@ using Kestrel::ipc::UnixDomainSocket;
 using Kestrel::utils::sys::FileDescriptor;
 using velacam::fuzz::FuzzInput;
 
-constexpr size_t kMaxData = 320 * 1024;  // above a 256 KiB send buffer's record limit
+// Above the inline maximum, and above a 256 KiB send buffer's record limit.
+constexpr size_t kMaxData = 320 * 1024;
+constexpr size_t kKernelMaxFds = 253;    // per record; more is refused with -22
 constexpr size_t kMaxFds = 300;          // above the kernel's 253 per record
 constexpr size_t kMinSendBuffer = 2048;  // the kernel raises it to its own minimum
 constexpr size_t kMaxSendBuffer = 256 * 1024;
@@ -121,6 +126,21 @@ void expectBothRecords(const Message& message, int peer) {
     }
 }
 
+// The header alone: what -103 leaves.
+void expectLoneHeader(const Message& message, int peer) {
+    std::vector<uint8_t> buffer(kMaxData + 1);
+    const Record header = takeRecord(peer, buffer);
+    closeAll(header);
+    if (header.size != static_cast<ssize_t>(message.header().second)) {
+        fail("-103 without its header on the wire", header.size);
+    }
+    const Record extra = takeRecord(peer, buffer);
+    closeAll(extra);
+    if (extra.size >= 0) {
+        fail("-103 with a record behind the header", extra.size);
+    }
+}
+
 void expectNothingSent(int peer) {
     std::vector<uint8_t> buffer(kMaxData + 1);
     const Record record = takeRecord(peer, buffer);
@@ -155,10 +175,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         message.setHeader(input.take<uint32_t>(), input.take<uint32_t>(), input.take<uint32_t>(),
                           static_cast<uint32_t>(dataSize), static_cast<uint16_t>(fdCount));
         message.setPayload(payload);
+        bool countsDisagree = false;
         if ((shape & 1) != 0) {
             // Counts rewritten after packing, as a careless caller might.
-            message.setHeader(input.take<uint32_t>() % (kMaxData + 1),
-                              static_cast<uint16_t>(input.take<uint16_t>() % (kMaxFds + 1)));
+            const uint32_t announcedData = input.take<uint32_t>() % (kMaxData + 1);
+            const auto announcedFds = static_cast<uint16_t>(input.take<uint16_t>() % (kMaxFds + 1));
+            message.setHeader(announcedData, announcedFds);
+            countsDisagree = size_t{announcedData} + sizeof(int) * announcedFds !=
+                             dataSize + sizeof(int) * fdCount;
         }
 
         int ends[2];
@@ -179,9 +203,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (result > 0) {
             fail("send returned a positive value", result);
         }
+        if (countsDisagree && result != -EINVAL) {
+            fail("counts that disagree with the payload were not refused with -22", result);
+        }
+        if (!countsDisagree && fdCount <= kKernelMaxFds &&
+            dataSize > UnixDomainSocket::kMaxInlineData && result != -EMSGSIZE) {
+            fail("more data than a message carries was not refused with -90", result);
+        }
         if (result == 0) {
             expectBothRecords(message, peer.get());
-        } else if (result != -ECONNABORTED) {
+        } else if (result == -ECONNABORTED) {
+            expectLoneHeader(message, peer.get());
+        } else {
             expectNothingSent(peer.get());
         }
     }

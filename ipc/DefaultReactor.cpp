@@ -306,7 +306,18 @@ void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& e
             continue;
         }
         if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-            IPC_LOGE("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
+            // A peer that closed its end is news to an owner who listens for
+            // it, not a failure; an error or an invalid descriptor still is.
+            bool heard = false;
+            {
+                utils::LockGuard lock(mListenerLock);
+                heard = mHangUpListener != nullptr;
+            }
+            if (heard && (revents & (POLLERR | POLLNVAL)) == 0) {
+                IPC_LOGI("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
+            } else {
+                IPC_LOGE("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
+            }
             notifyHangUp(fd, revents, ascendingActiveHandlers);
             continue;
         }

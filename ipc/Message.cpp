@@ -178,9 +178,9 @@ Message::Wire Message::wire() const {
     checkHeaderPresent();
     if (mStorage.size() == mHeaderSize) {
         IPC_LOGW("no payload exists");
-        return Wire{mStorage.data(), PackedPayload{nullptr, 0, nullptr, 0}};
+        return Wire{mStorage.data(), PackedPayload{nullptr, 0, nullptr, 0}, 0};
     }
-    return Wire{mStorage.data(), packedPayloadLocked()};
+    return Wire{mStorage.data(), packedPayloadLocked(), mStorage.size() - mHeaderSize};
 }
 
 Message::Counts Message::countsOf(const uint8_t* header) {

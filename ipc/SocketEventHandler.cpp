@@ -5,7 +5,13 @@
 #include <cstring>
 #include <utility>
 
+#include "internal/ResultText.h"
+
 namespace Kestrel::ipc {
+
+// Prebuilt modules link against this layout.
+static_assert(sizeof(SocketEventHandler) == (sizeof(void*) == 8 ? 56 : 48) &&
+              alignof(SocketEventHandler) == 8);
 
 namespace {
 constexpr utils::LogSite kLogSite{"SocketEventHandler", "ipc/SocketEventHandler",
@@ -38,10 +44,14 @@ void SocketEventHandler::setPayloadTimeout(std::chrono::milliseconds timeout) {
     mSocket.setPayloadTimeout(timeout);
 }
 
+void SocketEventHandler::setSendTimeout(std::chrono::milliseconds timeout) {
+    mSocket.setSendTimeout(timeout);
+}
+
 int SocketEventHandler::sendMessage(const Message& message) {
     const int result = mSocket.send(message);
     if (result != 0) {
-        IPC_LOGE("send string failed (%s)", std::strerror(-result));
+        IPC_LOGE("send string failed (%s)", resultText(result));
     }
     return result;
 }
@@ -49,7 +59,7 @@ int SocketEventHandler::sendMessage(const Message& message) {
 int SocketEventHandler::receiveMessage(Message* message) {
     const int result = mSocket.recv(message);
     if (result != 0) {
-        IPC_LOGE("receive string failed(%s)", std::strerror(-result));
+        IPC_LOGE("receive string failed(%s)", resultText(result));
     }
     return result;
 }

@@ -15,19 +15,23 @@
 #include "internal/ControlBuffer.h"
 #include "internal/Observation.h"
 #include "internal/OutgoingRecord.h"
+#include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
-#include "internal/SpillRegion.h"
+#include "internal/RoomWait.h"
+#include "internal/ResultText.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
+
+// Prebuilt modules link against this layout, on 32- and 64-bit alike.
+static_assert(sizeof(UnixDomainSocket) == 24 && alignof(UnixDomainSocket) == 8);
 
 using bounded_receive::Clock;
 using bounded_receive::Deadline;
 using bounded_receive::isBlocking;
 using bounded_receive::receiveBy;
 using bounded_receive::receiveOnce;
-using bounded_receive::waitUntilReady;
 using received_control::clearSlots;
 using received_control::closeAllReceived;
 using received_control::takeDescriptors;
@@ -37,16 +41,13 @@ constexpr const utils::LogSite& kLogSite = kTransportLogSite;
 
 constexpr int kNotBound = -ENOENT;              // -2
 constexpr int kOutOfStep = -ECONNABORTED;       // -103: a header went without its payload
+constexpr int kCountsDisagree = -EINVAL;        // -22: the header does not describe the payload
 constexpr unsigned long kMinimalBuffer = 4096;  // each buffer of a one-way pair's reverse direction
 // AF_UNIX refuses a record larger than the sender's SO_SNDBUF less this.
 constexpr size_t kRecordOverhead = 32;
 // Every send buffer holds a record this large (the kernel's smallest send
 // buffer is 4608 bytes), so smaller payloads are sent without asking.
 constexpr size_t kRecordAlwaysFits = 4096;
-// A payload announced above this is measured (MSG_PEEK | MSG_TRUNC) before
-// memory is taken for it; below it one allocation of the announced size is
-// cheaper than the extra call.
-constexpr size_t kMeasureAbove = size_t{1} << 20;
 // The debug lines of a message's records name the single-record operations.
 constexpr const char* kSendRecord = "sendDataAndFileDescriptors";
 constexpr const char* kReceiveRecord = "receiveDataAndFileDescriptors";
@@ -78,6 +79,33 @@ size_t recordLimit(int socketFd) {
         return std::numeric_limits<size_t>::max();
     }
     return static_cast<size_t>(sendBuffer) - kRecordOverhead;
+}
+
+// What follows a send that put nothing on the wire and failed with `error`:
+// 0 to try again (a signal, or room or a hang-up came), else the result.
+// No room is waited for within the send's bound, unless the owner made the
+// socket non-blocking; past the bound the result is -11, as a non-blocking
+// socket gives at once.
+int afterNothingSent(int error, RoomWait& wait) {
+    if (error == EINTR) {
+        return 0;
+    }
+    if (error == EAGAIN && !wait.socketIsNonBlocking()) {
+        const int waited = wait.forRoom();
+        if (waited == 0) {
+            return 0;  // the next call tells which it was
+        }
+        if (waited == -ETIMEDOUT) {
+            IPC_LOGE("no room to send within %lld ms, nothing sent",
+                     static_cast<long long>(wait.timeout().count()));
+            return -EAGAIN;
+        }
+        error = -waited;
+    }
+    if (error != EAGAIN) {
+        IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+    }
+    return -error;
 }
 
 }  // namespace
@@ -126,12 +154,20 @@ void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
 
 bool UnixDomainSocket::isBound() const { return mSocketFd.get() >= 0; }
 
+uint32_t UnixDomainSocket::storedTimeout(std::chrono::milliseconds timeout) {
+    using Stored = std::chrono::duration<uint32_t, std::milli>;
+    return static_cast<uint32_t>(std::clamp(timeout, std::chrono::milliseconds(0),
+                                            std::chrono::milliseconds(Stored::max().count()))
+                                         .count());
+}
+
 void UnixDomainSocket::setPayloadTimeout(std::chrono::milliseconds timeout) {
-    // Clamped so that a deadline (now plus the time-out, in the steady
-    // clock's nanoseconds) and the socket's own time-out never overflow.
-    constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
-    mPayloadTimeout = std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
+    mPayloadTimeoutMs = storedTimeout(timeout);
     applyPayloadTimeout();
+}
+
+void UnixDomainSocket::setSendTimeout(std::chrono::milliseconds timeout) {
+    mSendTimeoutMs = storedTimeout(timeout);
 }
 
 void UnixDomainSocket::applyPayloadTimeout() {
@@ -139,16 +175,43 @@ void UnixDomainSocket::applyPayloadTimeout() {
     if (socketFd < 0) {
         return;
     }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(mPayloadTimeout);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(payloadTimeout());
     timeval limit{};
     limit.tv_sec = static_cast<time_t>(seconds.count());
     limit.tv_usec = static_cast<suseconds_t>(
-            std::chrono::duration_cast<std::chrono::microseconds>(mPayloadTimeout - seconds)
+            std::chrono::duration_cast<std::chrono::microseconds>(payloadTimeout() - seconds)
                     .count());
     if (::setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0) {
         // The bound still holds, at the cost of a ppoll per late record.
         IPC_LOGE("set receive time-out failed (%s)", std::strerror(errno));
     }
+}
+
+int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& payload) const {
+    const Message::Counts counts = Message::countsOf(wire.header);
+    if (wire.storedPayloadBytes != counts.data + sizeof(int) * counts.fds) {
+        // The peer would wait for what the header announces, or be handed
+        // descriptor numbers read from data bytes.
+        IPC_LOGE(
+                "message refused, nothing sent: its header announces %u data bytes and %u fds, "
+                "its payload holds %zu bytes",
+                counts.data, static_cast<unsigned>(counts.fds), wire.storedPayloadBytes);
+        return kCountsDisagree;
+    }
+    int refusal = 0;
+    if (counts.fds > kMaxRecordDescriptors) {
+        refusal = -EINVAL;  // what the kernel says to more
+    } else if (counts.data > kMaxInlineData ||
+               (counts.data > kRecordAlwaysFits && counts.data > recordLimit(mSocketFd.get()))) {
+        refusal = -EMSGSIZE;
+    } else {
+        refusal = payload.checkDescriptors();
+    }
+    if (refusal != 0) {
+        IPC_LOGE("message refused, nothing sent (%s): %u data bytes, %u fds",
+                 std::strerror(-refusal), counts.data, static_cast<unsigned>(counts.fds));
+    }
+    return refusal;
 }
 
 int UnixDomainSocket::send(const Message& message) {
@@ -158,59 +221,54 @@ int UnixDomainSocket::send(const Message& message) {
 int UnixDomainSocket::sendRecords(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
-        IPC_LOGE("send message header failed (%s)", std::strerror(-kNotBound));
+        IPC_LOGE("send message header failed (%s)", resultText(kNotBound));
         return kNotBound;
     }
-    const auto [header, payload] = message.wire();
-    // What the kernel would refuse of the payload record is refused here,
-    // before the header goes, so that a refused message leaves the wire as it
-    // was.
-    int refusal = 0;
-    if (payload.fdCount > kMaxRecordDescriptors) {
-        refusal = -EINVAL;
-    } else if (payload.dataBytes > kRecordAlwaysFits && payload.dataBytes > recordLimit(socketFd)) {
-        refusal = -EMSGSIZE;
-    }
-    if (refusal != 0) {
-        IPC_LOGE("message refused, nothing sent (%s): %zu data bytes, %zu fds",
-                 std::strerror(-refusal), payload.dataBytes, payload.fdCount);
+    const Message::Wire wire = message.wire();
+    const Message::PackedPayload& packed = wire.payload;
+    // Everything the kernel would refuse of the payload record, and counts
+    // that do not describe it, are refused here, before the header goes, so
+    // that a refused message leaves the wire as it was.
+    OutgoingRecord records[] = {{wire.header, Message::kHeaderSize, nullptr, 0},
+                                {packed.data, packed.dataBytes, packed.fds,
+                                 std::min(packed.fdCount, kMaxRecordDescriptors)}};
+    if (const int refusal = refusalOf(wire, records[1]); refusal != 0) {
         return refusal;
     }
-
-    OutgoingRecord records[] = {{header, Message::kHeaderSize, nullptr, 0},
-                                {payload.data, payload.dataBytes, payload.fds, payload.fdCount}};
     mmsghdr both[2] = {};
     for (size_t i = 0; i < 2; ++i) {
         records[i].logBefore(kSendRecord, socketFd);
         both[i].msg_hdr = records[i].header();
     }
-    int sent;
-    do {
+    // Never blocking in the kernel: a full buffer is waited on here, within
+    // the send time-out, and only once it is full.
+    RoomWait wait(socketFd, sendTimeout());
+    for (;;) {
         // MSG_NOSIGNAL: a vanished peer is an error to return (EPIPE), not a
         // reason to kill the process with SIGPIPE.
-        sent = ::sendmmsg(socketFd, both, 2, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) {
-        const int error = errno;
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+        const int sent = ::sendmmsg(socketFd, both, 2, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            records[0].logSent(kSendRecord, both[0].msg_len);
+            if (sent == 2) {
+                records[1].logSent(kSendRecord, both[1].msg_len);
+                return 0;
+            }
+            // Only the header went (the buffer filled up between the two
+            // records, or the kernel could not allocate the payload's): the
+            // payload must follow it.
+            return sendPayloadAfterHeader(both[1].msg_hdr, wait);
         }
-        IPC_LOGE("send message header failed (%s)", std::strerror(error));
-        return -error;
+        // Nothing went.
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            IPC_LOGE("send message header failed (%s)", resultText(result));
+            return result;
+        }
     }
-    records[0].logSent(kSendRecord, both[0].msg_len);
-    if (sent == 2) {
-        records[1].logSent(kSendRecord, both[1].msg_len);
-        return 0;
-    }
-    // Only the header went (a signal, a full buffer of a non-blocking socket,
-    // or an error sendmmsg does not report): the payload must follow it.
-    return sendPayloadAfterHeader(records[1].header());
 }
 
-int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
+int UnixDomainSocket::sendPayloadAfterHeader(msghdr& payload, RoomWait& wait) {
     const int socketFd = mSocketFd.get();
-    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
     for (;;) {
         const ssize_t sent = ::sendmsg(socketFd, &payload, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
@@ -219,7 +277,11 @@ int UnixDomainSocket::sendPayloadAfterHeader(const msghdr& payload) {
         }
         int error = errno;
         if (error == EAGAIN) {
-            error = -waitUntilReady(socketFd, POLLOUT, deadline);
+            error = -wait.forRoom();
+        } else if (error == ENOBUFS || error == ENOMEM) {
+            // The kernel could not allocate the record now; memory may come
+            // back before the bound.
+            error = wait.afterNoMemory() == 0 ? 0 : error;
         }
         if (error != 0 && error != EINTR) {
             IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
@@ -255,12 +317,9 @@ int UnixDomainSocket::receiveRecords(Message* message) {
     // recvmmsg cut short with no time-out set leaves the kernel's ERESTARTSYS
     // (512) in the socket, which a send on another thread would be handed.
     // Unbound, the record-by-record path gives -2 as the header's receive does.
-    SpillRegion* const spill =
-            mLargePayloadsLately == 0 && mPayloadTimeout.count() != 0 && isBound()
-                    ? SpillRegion::forThisThread()
-                    : nullptr;
-    const int result = spill != nullptr ? receiveBoth(message, storage, inPlace != nullptr, *spill)
-                                        : receiveOneByOne(message, storage);
+    const int result = mPayloadTimeoutMs != 0 && isBound()
+                               ? receiveBoth(message, storage, inPlace != nullptr)
+                               : receiveOneByOne(message, storage);
     if (result < 0) {
         return result;
     }
@@ -274,20 +333,18 @@ int UnixDomainSocket::receiveOneByOne(Message* message, Message::Storage& storag
     const auto [header, headerSize] = message->header();
     const int result = receiveDataAndFileDescriptors(nullptr, 0, header, headerSize);
     if (result < 0) {
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(result));
         return result;
     }
-    const Message::Counts counts = Message::countsOf(header);
-    noteReceivedPayload(counts);
-    return receivePayloadAlone(storage, header, counts);
+    return receivePayloadAlone(storage, header, Message::countsOf(header));
 }
 
-int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace,
-                                  SpillRegion& spill) {
+int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, bool inPlace) {
     const int socketFd = mSocketFd.get();
     // The payload record goes behind the header, into room for one as large
     // as the last (at least a new message's reserved bytes), and what does
-    // not fit there into the spill region.
+    // not fit there into the thread's receive buffer: kMaxInlineData bytes in
+    // all.
     const size_t sizeBefore = storage.size();
     try {
         storage.resize(std::max({storage.capacity(), Message::kReservedStorage,
@@ -295,12 +352,17 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     } catch (const std::bad_alloc&) {
         return receiveOneByOne(message, storage);
     }
+    const size_t room = storage.size() - Message::kHeaderSize;
+    unsigned char* const buffer = room < kMaxInlineData ? receive_buffer::forThisThread() : nullptr;
+    if (room < kMaxInlineData && buffer == nullptr) {
+        storage.resize(sizeBefore);
+        return receiveOneByOne(message, storage);
+    }
     // Taken after the growth: the storage may be the message's own, which
     // this call has to itself.
     uint8_t* const header = inPlace ? storage.data() : message->header().first;
     logReceiveBefore(socketFd, 0);  // the header record's
-    RecordPair records(header, storage.data() + Message::kHeaderSize,
-                       storage.size() - Message::kHeaderSize, spill);
+    RecordPair records(header, storage.data() + Message::kHeaderSize, room, buffer);
     int received;
     do {
         received = records.receive(socketFd);
@@ -310,7 +372,7 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
     if (received < 0) {
         storage.resize(sizeBefore);
         const int failure = receiveFailure();
-        IPC_LOGE("recv message header failed (%s)", std::strerror(errno));
+        IPC_LOGE("recv message header failed (%s)", resultText(failure));
         return failure;
     }
     IPC_LOGW("no ancillary data, do not handle the cmsg part");
@@ -318,7 +380,6 @@ int UnixDomainSocket::receiveBoth(Message* message, Message::Storage& storage, b
         std::memcpy(storage.data(), header, Message::kHeaderSize);
     }
     const Message::Counts counts = Message::countsOf(header);
-    noteReceivedPayload(counts);
     if (received == 1) {
         // The header alone: the wait for the payload record ran out or a
         // signal cut it short (which leaves EINTR in the socket for its next
@@ -343,32 +404,55 @@ int UnixDomainSocket::receivePayloadAlone(Message::Storage& storage, const uint8
 }
 
 int UnixDomainSocket::payloadFailed(Message::Storage& storage, int result) {
-    storage.resize(Message::kHeaderSize);  // in place: back to the header alone
-    IPC_LOGE("receive file descriptors and message failed (%s)", std::strerror(errno));
+    // In place: back to the header alone, and no room kept for what was refused.
+    storage.resize(Message::kHeaderSize);
+    if (storage.capacity() > Message::kReservedStorage) {
+        storage.shrink_to_fit();
+    }
+    IPC_LOGE("receive file descriptors and message failed (%s)", resultText(result));
     return result;
 }
 
 void UnixDomainSocket::noteReceivedPayload(const Message::Counts& counts) {
     const size_t bytes = size_t{counts.data} + sizeof(int) * counts.fds;
-    if (bytes >= kOneCallLargest) {
-        mLargePayloadsLately = kOneByOneAfterLarge;
-        return;
-    }
-    mLastPayloadBytes = static_cast<uint16_t>(bytes);
-    if (mLargePayloadsLately > 0) {
-        --mLargePayloadsLately;
-    }
+    mLastPayloadBytes =
+            static_cast<uint16_t>(std::min<size_t>(bytes, std::numeric_limits<uint16_t>::max()));
 }
 
-int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& records,
+int UnixDomainSocket::refusePayload(const Message::Counts& counts, size_t length,
+                                    bool truncated) const {
+    int refusal = 0;
+    if (counts.data > kMaxInlineData) {
+        IPC_LOGE("the header announces %u data bytes, more than the %zu a message carries",
+                 counts.data, kMaxInlineData);
+        refusal = -EMSGSIZE;
+    } else if (truncated) {
+        IPC_LOGE("the payload record is longer than the %zu data bytes a message carries",
+                 kMaxInlineData);
+        refusal = -EMSGSIZE;
+    } else if (length < counts.data && !(length == 0 && peerHasClosed())) {
+        // An empty record at end of stream is the peer gone between the two
+        // records: its data reads as zeros, as it always has.
+        IPC_LOGE("the payload record of %zu bytes is shorter than the %u announced", length,
+                 counts.data);
+        refusal = -EBADMSG;
+    }
+    errno = -refusal;
+    return refusal;
+}
+
+bool UnixDomainSocket::peerHasClosed() const {
+    pollfd entry{mSocketFd.get(), POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) == 1 && (entry.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+int UnixDomainSocket::placePayload(Message::Storage& storage, const RecordPair& records,
                                    const Message::Counts& counts) {
     const size_t received = records.payloadLength();
-    if (received < counts.data && counts.data > kMeasureAbove) {
-        IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced",
-                 static_cast<ssize_t>(received), counts.data);
+    const int refusal = refusePayload(counts, received, records.truncated());
+    if (refusal != 0) {
         closeAllReceived(records.payloadRecord());
-        errno = EBADMSG;
-        return -EBADMSG;
+        return refusal;
     }
     try {
         storage.resize(Message::kHeaderSize + counts.data + sizeof(int) * counts.fds);
@@ -386,11 +470,11 @@ int UnixDomainSocket::placePayload(Message::Storage& storage, RecordPair& record
     uint8_t* const data = storage.data() + Message::kHeaderSize;
     const size_t kept = std::min<size_t>(received, counts.data);
     records.gatherInto(data, kept);
-    // A shorter record (a peer gone between the two records reads as 0
-    // bytes) leaves the rest of the data as zeros; what a longer one brings
-    // past the announced size is dropped.
+    // What a longer record brings past the announced size is dropped; a peer
+    // gone between the two records leaves the data as zeros.
     std::memset(data + kept, 0, counts.data - kept);
     clearSlots(data + counts.data, counts.fds);
+    noteReceivedPayload(counts);
     if (counts.fds == 0) {
         closeAllReceived(records.payloadRecord());  // none announced: none is taken
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
@@ -404,9 +488,10 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     const int socketFd = mSocketFd.get();
     logReceiveBefore(socketFd, fdCount);
     ControlBuffer control(fdCount);
-    const Deadline deadline{mPayloadTimeout.count() != 0, Clock::now() + mPayloadTimeout};
+    const Deadline deadline{mPayloadTimeoutMs != 0, Clock::now() + payloadTimeout()};
     iovec vector{nullptr, 0};
     msghdr record = control.recordHeader(&vector);
+    const Message::Counts counts{dataCount, fdCount};
 
     // Takes the record with no room for data, closing whatever came with it.
     // A record that does not come leaves the connection out of step.
@@ -425,23 +510,15 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
         if (errno == ETIMEDOUT) {
             // NOLINTNEXTLINE(bugprone-lambda-function-name): the line names "operator()"
             IPC_LOGE("the payload record did not follow its header within %lld ms",
-                     static_cast<long long>(mPayloadTimeout.count()));
-            return kOutOfStep;  // errno stays ETIMEDOUT for the caller's line
+                     static_cast<long long>(mPayloadTimeoutMs));
+            return kOutOfStep;  // the line above says why
         }
         return receiveFailure();
     };
 
-    if (dataCount > kMeasureAbove) {
-        msghdr probe{};
-        const ssize_t length = receiveBy(socketFd, &probe, MSG_PEEK | MSG_TRUNC, deadline);
-        if (length < 0) {
-            return waitFailed();
-        }
-        if (static_cast<size_t>(length) < dataCount) {
-            IPC_LOGE("the payload record of %zd bytes is shorter than the %u announced", length,
-                     dataCount);
-            return discard(EBADMSG);
-        }
+    // Refused before memory is taken for it.
+    if (dataCount > kMaxInlineData) {
+        return discard(-refusePayload(counts, 0, false));
     }
     try {
         storage.resize(Message::kHeaderSize + dataCount + sizeof(int) * fdCount);
@@ -454,14 +531,23 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
     clearSlots(data + dataCount, fdCount);
 
     vector = iovec{data, dataCount};
-    const ssize_t received = receiveBy(socketFd, &record, 0, deadline);
+    // MSG_TRUNC: the result is the record's whole length, however much of it
+    // fitted.
+    const ssize_t received = receiveBy(socketFd, &record, MSG_TRUNC, deadline);
     if (received < 0) {
         return waitFailed();
     }
-    // A shorter record (a peer gone between the two records reads as 0
-    // bytes) leaves the rest of the data as zeros; a longer
-    // one is cut to the announced size by the kernel.
-    std::memset(data + received, 0, dataCount - static_cast<size_t>(received));
+    const auto length = static_cast<size_t>(received);
+    const int refusal = refusePayload(counts, length, length > kMaxInlineData);
+    if (refusal != 0) {
+        closeAllReceived(record);
+        return refusal;
+    }
+    // A longer record was cut to the announced size by the kernel; a peer
+    // gone between the two records leaves the data as zeros.
+    const size_t kept = std::min<size_t>(length, dataCount);
+    std::memset(data + kept, 0, dataCount - kept);
+    noteReceivedPayload(counts);
     if (fdCount == 0) {
         IPC_LOGW("no ancillary data, do not handle the cmsg part");
         return 0;
@@ -490,19 +576,18 @@ int UnixDomainSocket::sendDataAndFileDescriptors(const int* fds, size_t fdCount,
     }
     OutgoingRecord record(data, dataSize, fds, fdCount);
     record.logBefore(__func__, socketFd);
-    ssize_t sent;
-    do {
-        sent = ::sendmsg(socketFd, &record.header(), MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) {
-        const int error = errno;
-        if (error != EAGAIN) {
-            IPC_LOGE("sendmsg failed (%s)", std::strerror(error));
+    RoomWait wait(socketFd, sendTimeout());
+    for (;;) {
+        const ssize_t sent = ::sendmsg(socketFd, &record.header(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            record.logSent(__func__, static_cast<size_t>(sent));
+            return 0;
         }
-        return -error;
+        const int result = afterNothingSent(errno, wait);
+        if (result != 0) {
+            return result;
+        }
     }
-    record.logSent(__func__, static_cast<size_t>(sent));
-    return 0;
 }
 
 int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, void* data,
@@ -520,8 +605,7 @@ int UnixDomainSocket::receiveDataAndFileDescriptors(int* fds, size_t fdCount, vo
         received = receiveOnce(socketFd, &header, 0);
         // The payload time-out is the socket's receive time-out: a blocking
         // socket that ran out of it waits on.
-    } while (received < 0 && errno == EAGAIN && mPayloadTimeout.count() != 0 &&
-             isBlocking(socketFd));
+    } while (received < 0 && errno == EAGAIN && mPayloadTimeoutMs != 0 && isBlocking(socketFd));
     if (received < 0) {
         return receiveFailure();
     }

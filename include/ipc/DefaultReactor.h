@@ -37,7 +37,10 @@
 // A peer that dies: its socket reports POLLHUP from then on, so the handler
 // stays registered, is polled again and logged again on every cycle, and the
 // loop never blocks. An owner that wants to hear of it installs a hang-up
-// listener (setHangUpListener) and removes or drops the handler there.
+// listener (setHangUpListener) and removes or drops the handler there. With
+// a listener installed, a hang-up alone (POLLHUP, with or without POLLIN) is
+// logged at info level, since the owner hears of it; an error or an invalid
+// descriptor is logged at error level whether or not anyone listens.
 //
 // Compatibility: kept as existing callers and log readers rely on it. While
 // no handler is registered and no exit was requested, loop() spins, logging

@@ -12,6 +12,8 @@
 #include <functional>
 #include <vector>
 
+#include "ipc/Export.h"
+
 namespace Kestrel::ipc {
 
 // Which server IPCServerFactory hands out. Every value other than these two

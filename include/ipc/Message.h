@@ -174,10 +174,12 @@ class IPC_EXPORT Message {
     // same way for a header-only message.
     PackedPayload packedPayload() const IPC_EXCLUDES(mMutex);
     // What a send puts on the wire, taken under one lock: the header (its
-    // kHeaderSize bytes) and packedPayload().
+    // kHeaderSize bytes), packedPayload(), and how many bytes the storage
+    // holds behind the header (which the header's counts may not describe).
     struct Wire {
         const uint8_t* header;
         PackedPayload payload;
+        size_t storedPayloadBytes;
     };
     Wire wire() const IPC_EXCLUDES(mMutex);
     // The counts a header announces, read from its bytes (a header being

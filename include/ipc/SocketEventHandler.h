@@ -21,6 +21,11 @@
 //
 // Failure: sendMessage() and receiveMessage() return the socket's codes (0 or
 // a negative errno value) and log failures; the string helpers only log.
+// A peer that stops reading costs sendMessage() (and sendString()) at most
+// the send time-out (1 s unless set), then -11 with nothing sent, or -103
+// when the header alone went and the connection is out of step; a peer that
+// stalls between its two records costs receiveMessage() at most the payload
+// time-out. UnixDomainSocket.h says how often each happens.
 //
 // Compatibility: kept as log readers rely on it. sendMessage() and
 // receiveMessage() log their failures as "send string failed" and "receive
@@ -68,6 +73,11 @@ class IPC_EXPORT SocketEventHandler : public EventHandler {
     // UnixDomainSocket::setPayloadTimeout(). Set it before registering the
     // handler with a reactor, or from the thread that receives.
     void setPayloadTimeout(std::chrono::milliseconds timeout);
+    // How long sendMessage() waits for room in the socket's send buffer when
+    // the peer does not read (1 s unless set; 0 waits without limit): the
+    // socket's UnixDomainSocket::setSendTimeout(). Set it before the handler
+    // is in use, or from the thread that sends.
+    void setSendTimeout(std::chrono::milliseconds timeout);
 
     // UnixDomainSocket::send / recv, logging a failure.
     [[nodiscard]] int sendMessage(const Message& message);

@@ -1,5 +1,6 @@
-// Tracing: trace markers around each send, receive, handler run, dispatch and
-// reply callback, carrying the message's id and type.
+// Tracing: trace markers around each send, receive, handler run, dispatch,
+// reply callback (CBRegistry) and reply handed to its call (RequestChannel),
+// carrying the message's id and type.
 //
 // On Android the markers are atrace slices under the camera tag: they appear
 // in a system trace (Perfetto, systrace) beside the rest of the camera stack
@@ -10,8 +11,8 @@
 // (chrome://tracing) open: start() it, or set the environment variable
 // VELACAM_TRACE to the file's path before the process starts (the library
 // then starts it while it is loaded). Each send starts a flow that the
-// receive in the other process continues and its dispatch or reply callback
-// ends, so the viewer draws one arrow through a message's life; a request and
+// receive in the other process continues and its dispatch, reply callback or
+// reply to its call ends, so the viewer draws one arrow through a message's life; a request and
 // its reply, which share an id, make two flows.
 //
 // Several processes may write one file: the one that creates it writes the

@@ -8,6 +8,11 @@
 
 namespace Kestrel::ipc::bounded_receive {
 
+namespace {
+// Set on every descriptor received, atomically with the receive.
+constexpr int kCloseOnExec = MSG_CMSG_CLOEXEC;
+}  // namespace
+
 int waitUntilReady(int socketFd, short events, const Deadline& deadline) {
     pollfd entry{socketFd, events, 0};
     for (;;) {
@@ -35,7 +40,7 @@ int waitUntilReady(int socketFd, short events, const Deadline& deadline) {
 ssize_t receiveOnce(int socketFd, msghdr* header, int flags) {
     ssize_t received;
     do {
-        received = ::recvmsg(socketFd, header, flags);
+        received = ::recvmsg(socketFd, header, flags | kCloseOnExec);
     } while (received < 0 && errno == EINTR);
     return received;
 }

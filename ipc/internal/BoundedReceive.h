@@ -25,7 +25,9 @@ struct Deadline {
 // `deadline` passes: 0, -ETIMEDOUT, or -errno of ppoll.
 int waitUntilReady(int socketFd, short events, const Deadline& deadline);
 
-// recvmsg, taken again when a signal interrupts it.
+// recvmsg, taken again when a signal interrupts it. Descriptors arrive with
+// close-on-exec set (MSG_CMSG_CLOEXEC), whatever `flags` says, so that no
+// fork and exec on another thread can hand them to a stranger.
 ssize_t receiveOnce(int socketFd, msghdr* header, int flags);
 
 // recvmsg that never waits past `deadline`. The socket's own receive

@@ -253,13 +253,14 @@ void DispatchScope::end() {
     traceToFile(TraceKind::kDispatch, mBeginNs, endNs, -1, 0, &mMessage);
 }
 
-void ReplyScope::begin(const void* registry, const Message& reply) {
+void ReplyScope::begin(const void* registry, const Message& reply, TraceKind kind) {
     mActive = true;
+    mKind = kind;
     mMessage = tracedOf(reply);
     mBeginNs = monotonicNanoseconds();
-    platformBegin(TraceKind::kReplyCallback, &mMessage);
+    platformBegin(kind, &mMessage);
     // A reply without a status byte is refused and its callback kept.
-    if (isOn(kCounters) && mMessage.dataBytes != 0) {
+    if (kind == TraceKind::kReplyCallback && isOn(kCounters) && mMessage.dataBytes != 0) {
         if (RegistryRecord* record = SideTable<RegistryRecord>::instance().recordFor(registry)) {
             record->replied(mMessage.id);
         }
@@ -268,8 +269,8 @@ void ReplyScope::begin(const void* registry, const Message& reply) {
 
 void ReplyScope::end() {
     const int64_t endNs = monotonicNanoseconds();
-    platformEnd(TraceKind::kReplyCallback, &mMessage);
-    traceToFile(TraceKind::kReplyCallback, mBeginNs, endNs, -1, 0, &mMessage);
+    platformEnd(mKind, &mMessage);
+    traceToFile(mKind, mBeginNs, endNs, -1, 0, &mMessage);
 }
 
 }  // namespace Kestrel::ipc::observe

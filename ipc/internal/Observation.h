@@ -169,13 +169,15 @@ class DispatchScope {
     int64_t mBeginNs = 0;
 };
 
-// Observes a registry's hand-over of one reply to its callback, from
+// Observes the hand-over of one reply: by a registry to its callback
+// (counted), or by a request channel to its waiting call (traced only), from
 // construction to the end of the scope.
 class ReplyScope {
   public:
-    ReplyScope(const void* registry, const Message& reply) {
+    ReplyScope(const void* registry, const Message& reply,
+               TraceKind kind = TraceKind::kReplyCallback) {
         if (anyOn()) {
-            begin(registry, reply);
+            begin(registry, reply, kind);
         }
     }
     ~ReplyScope() {
@@ -187,10 +189,11 @@ class ReplyScope {
     ReplyScope& operator=(const ReplyScope&) = delete;
 
   private:
-    void begin(const void* registry, const Message& reply);
+    void begin(const void* registry, const Message& reply, TraceKind kind);
     void end();
 
     bool mActive = false;
+    TraceKind mKind = TraceKind::kReplyCallback;
     TracedMessage mMessage;
     int64_t mBeginNs = 0;
 };

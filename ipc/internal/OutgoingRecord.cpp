@@ -1,7 +1,10 @@
 #include "OutgoingRecord.h"
 
+#include <errno.h>
 #include <ipc/utils/Log.h>
+#include <poll.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "TransportLogSite.h"
@@ -32,6 +35,37 @@ OutgoingRecord::OutgoingRecord(const void* data, size_t dataSize, const void* fd
     if (fdCount != 0) {
         std::memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
     }
+}
+
+int OutgoingRecord::checkDescriptors() {
+    const size_t length = controlLength(mHeader);
+    const size_t fdCount = std::min(length > CMSG_LEN(0) ? (length - CMSG_LEN(0)) / sizeof(int) : 0,
+                                    kMaxRecordDescriptors);
+    if (fdCount == 0) {
+        return 0;
+    }
+    // poll() passes over a negative number without a word, and marks one
+    // that is not open POLLNVAL; events 0 and no wait: it only looks.
+    pollfd entries[kMaxRecordDescriptors];
+    const unsigned char* numbers = CMSG_DATA(CMSG_FIRSTHDR(&mHeader));
+    for (size_t i = 0; i < fdCount; ++i) {
+        int fd;
+        std::memcpy(&fd, numbers + i * sizeof(int), sizeof(fd));
+        if (fd < 0) {
+            return -EBADF;
+        }
+        entries[i] = pollfd{fd, 0, 0};
+    }
+    int ready;
+    do {
+        ready = ::poll(entries, static_cast<nfds_t>(fdCount), 0);
+    } while (ready < 0 && errno == EINTR);
+    for (size_t i = 0; ready > 0 && i < fdCount; ++i) {
+        if ((entries[i].revents & POLLNVAL) != 0) {
+            return -EBADF;
+        }
+    }
+    return 0;  // poll() failing otherwise (no memory) leaves the check to the kernel
 }
 
 void OutgoingRecord::logBefore(const char* caller, int socketFd) {

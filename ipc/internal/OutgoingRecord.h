@@ -3,6 +3,8 @@
 // most kMaxRecordDescriptors) 4-byte descriptors copied from `fds`, which may
 // be unaligned. The data and the descriptors stay the caller's; the record
 // must not outlive the data. Not movable: its header points into it.
+// A descriptor that is not open would make the kernel refuse the record
+// (EBADF); checkDescriptors() finds it before anything is sent.
 //
 // Library-internal (the transport). Thread: one thread at a time.
 #pragma once
@@ -23,6 +25,10 @@ class OutgoingRecord {
     OutgoingRecord& operator=(const OutgoingRecord&) = delete;
 
     msghdr& header() { return mHeader; }
+    // 0 when every descriptor the record carries is an open number of this
+    // process, else -EBADF (a negative number, or one not open). One poll()
+    // that does not wait, and only for a record that carries descriptors.
+    [[nodiscard]] int checkDescriptors();
     // The debug lines before and after a send, naming `caller`.
     void logBefore(const char* caller, int socketFd);
     void logSent(const char* caller, size_t sent);

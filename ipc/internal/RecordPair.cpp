@@ -1,15 +1,21 @@
 #include "RecordPair.h"
 
 #include <errno.h>
+#include <ipc/UnixDomainSocket.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace Kestrel::ipc {
 
-RecordPair::RecordPair(uint8_t* header, uint8_t* room, size_t roomSize, SpillRegion& spill)
-    : mSpill(spill),
-      mHeaderVector{header, Message::kHeaderSize},
-      mPayloadVectors{{room, roomSize}, {spill.data(), SpillRegion::kSize}},
+namespace {
+constexpr size_t kMost = UnixDomainSocket::kMaxInlineData;
+}  // namespace
+
+RecordPair::RecordPair(uint8_t* header, uint8_t* room, size_t roomSize, unsigned char* buffer)
+    : mHeaderVector{header, Message::kHeaderSize},
+      mPayloadVectors{{room, std::min(roomSize, kMost)},
+                      {buffer, kMost - std::min(roomSize, kMost)}},
       mHeaderControl{},
       mPayloadControl(kMaxRecordDescriptors, ControlBuffer::Fill::kLeftToTheKernel),
       mRecords{} {
@@ -20,7 +26,7 @@ RecordPair::RecordPair(uint8_t* header, uint8_t* room, size_t roomSize, SpillReg
     headerRecord.msg_controllen = sizeof(mHeaderControl);
     msghdr& payloadRecord = mRecords[1].msg_hdr;
     payloadRecord.msg_iov = mPayloadVectors;
-    payloadRecord.msg_iovlen = 2;
+    payloadRecord.msg_iovlen = mPayloadVectors[1].iov_len != 0 ? 2 : 1;
     payloadRecord.msg_control = mPayloadControl.data();
     payloadRecord.msg_controllen = mPayloadControl.size();
 }
@@ -29,21 +35,16 @@ int RecordPair::receive(int socketFd) {
     int received;
     do {
         // Interrupted before the header came: nothing was taken yet.
-        received = ::recvmmsg(socketFd, mRecords, 2, 0, nullptr);
+        received = ::recvmmsg(socketFd, mRecords, 2, MSG_CMSG_CLOEXEC, nullptr);
     } while (received < 0 && errno == EINTR);
     return received;
 }
 
-void RecordPair::gatherInto(uint8_t* data, size_t kept) {
+void RecordPair::gatherInto(uint8_t* data, size_t kept) const {
     const size_t room = roomBytes();
-    const size_t length = payloadLength();
-    if (length <= room) {
-        return;
-    }
     if (kept > room) {
-        std::memcpy(data + room, mSpill.data(), kept - room);
+        std::memcpy(data + room, mPayloadVectors[1].iov_base, kept - room);
     }
-    mSpill.release(length - room);
 }
 
 }  // namespace Kestrel::ipc

@@ -6,7 +6,14 @@
 
 namespace Kestrel::ipc::observe {
 
-enum class TraceKind : uint8_t { kSend, kReceive, kHandlerRun, kDispatch, kReplyCallback };
+enum class TraceKind : uint8_t {
+    kSend,
+    kReceive,
+    kHandlerRun,
+    kDispatch,
+    kReplyCallback,
+    kReplyToCall,
+};
 
 // The message a traced piece of work concerned, as its header said.
 struct TracedMessage {

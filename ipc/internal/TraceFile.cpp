@@ -65,6 +65,7 @@ const char* flowPhase(TraceKind kind) {
             return "t";
         case TraceKind::kDispatch:
         case TraceKind::kReplyCallback:
+        case TraceKind::kReplyToCall:
             return "f";
         case TraceKind::kHandlerRun:
             break;
@@ -86,6 +87,8 @@ const char* nameOf(TraceKind kind) {
             return "dispatch";
         case TraceKind::kReplyCallback:
             return "reply callback";
+        case TraceKind::kReplyToCall:
+            return "reply to call";
     }
     return "?";
 }

@@ -18,6 +18,25 @@ int32_t readLogLevel() noexcept {
 
 int32_t LogSetting::sLogLevel = readLogLevel();
 
+namespace {
+constexpr LogSite kLogSite{"LogSetting", "ipc/utils/Log", kLogModuleCore};
+
+// A verbosity that asks for debug lines gets none while the property is
+// unset (VELACAM_LOG_LEVEL=5 alone, on a host): say once, at load, what is
+// missing, instead of leaving the reader to wonder. Runs after sLogLevel is
+// set, which is defined above in this file.
+bool hintAtMissingProperty() noexcept {
+    if (LogSetting::sLogLevel < 1 && logging::ULogger::sDetailsLevel >= 5) {
+        IPC_LOGW(
+                "debug lines are off: they also need the property "
+                "vendor.debug.ipc.framework.log >= 1 at start "
+                "(on a host: VENDOR_DEBUG_IPC_FRAMEWORK_LOG=1)");
+    }
+    return true;
+}
+[[maybe_unused]] const bool sDebugHintGiven = hintAtMissingProperty();
+}  // namespace
+
 namespace logging {
 
 namespace {

@@ -5,7 +5,8 @@
 
 The file must parse as JSON (a list of trace events). Every message sent
 (a "send" slice) must start a flow that a "receive" continues and a
-"dispatch" or "reply callback" ends, both in another process than the send.
+"dispatch", "reply to call" or "reply callback" ends, both in another process
+than the send.
 With --requests, the number of requests sent (sends that are not replies)
 must be N, and as many replies must have been sent. Prints a summary; exits 1
 with the reason on the first failure.

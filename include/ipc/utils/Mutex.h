@@ -37,6 +37,7 @@
 #include <shared_mutex>
 #include <utility>
 
+#include "ipc/Export.h"
 #include "ipc/utils/ThreadSafety.h"
 
 namespace Kestrel::ipc::utils {

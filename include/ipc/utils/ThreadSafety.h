@@ -16,6 +16,8 @@
 // and makes its findings errors.
 #pragma once
 
+#include "ipc/Export.h"
+
 #if defined(__clang__)
 #define IPC_THREAD_ANNOTATION(x) __attribute__((x))
 #else

@@ -1,0 +1,61 @@
+// The reasons error lines give: the result the call returns, never a stale
+// errno ("Success" after a failed receive) nor the text of ENOENT for a
+// socket that has no descriptor.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <ipc/Message.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/UnixDomainSocket.h>
+
+#include <string>
+
+#include "support/Messages.h"
+#include "support/SocketPairFixture.h"
+
+namespace {
+
+namespace ipc = Kestrel::ipc;
+using namespace velacam::test;
+using ipc::Message;
+
+class ErrorReasonsTest : public SocketPairFixture {
+  protected:
+    // No line quotes a reason the failure did not have.
+    void expectNoMisleadingReason() {
+        EXPECT_EQ(capture.countContaining("(Success)"), 0u);
+        EXPECT_EQ(capture.countContaining("No such file or directory"), 0u);
+    }
+};
+
+TEST_F(ErrorReasonsTest, UnboundSocket_IsCalledNotBound) {
+    ipc::UnixDomainSocket unbound;
+    Message message;
+    EXPECT_EQ(unbound.send(message), -ENOENT);
+    EXPECT_EQ(unbound.recv(&message), -ENOENT);
+    ipc::SocketEventHandler handler(FileDescriptor(), ipc::EventType::READ);
+    EXPECT_EQ(handler.sendMessage(message), -ENOENT);
+    EXPECT_EQ(handler.receiveMessage(&message), -ENOENT);
+    EXPECT_EQ(capture.count("send string failed (socket not bound)"), 1u);
+    EXPECT_EQ(capture.count("receive string failed(socket not bound)"), 1u);
+    EXPECT_EQ(capture.countContaining("failed (socket not bound)"), 5u);  // the socket's own too
+    expectNoMisleadingReason();
+}
+
+TEST_F(ErrorReasonsTest, RefusedPayloadRecord_QuotesTheRefusal) {
+    ipc::UnixDomainSocket receiver;
+    receiver.bind(std::move(pair.first));
+    // A descriptor announced and none sent: -61.
+    ASSERT_TRUE(writeHeaderRecord(far, 1, 0, 1));
+    ASSERT_EQ(writeRecord(far, nullptr, 0, {}, false), 0);
+    Message message;
+    EXPECT_EQ(receiver.recv(&message), -ENODATA);
+    EXPECT_EQ(capture.count("receive file descriptors and message failed (No data available)"), 1u);
+    // Two descriptors where one was announced: -90, both closed.
+    ASSERT_TRUE(writeHeaderRecord(far, 2, 0, 1));
+    ASSERT_EQ(writeRecord(far, nullptr, 0, {file.get(), file.get()}), 0);
+    EXPECT_EQ(receiver.recv(&message), -EMSGSIZE);
+    EXPECT_EQ(capture.count("receive file descriptors and message failed (Message too long)"), 1u);
+    expectNoMisleadingReason();
+}
+
+}  // namespace
