@@ -19,7 +19,7 @@
 // figures are copied).
 //
 // Cost: off, each send and receive pays one load and a branch (7
-// instructions) and each reactor cycle 14: at most 42 of the 3,232
+// instructions) and each reactor cycle 16: at most 44 of the 3,485
 // instructions of a 64-byte round trip (docs/performance.md). On, a send or
 // receive adds a few relaxed atomic additions (about 200 instructions each),
 // a dispatch and a handler run two clock reads, an enqueue and a reply
