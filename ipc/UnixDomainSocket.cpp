@@ -18,8 +18,8 @@
 #include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
-#include "internal/RoomWait.h"
 #include "internal/ResultText.h"
+#include "internal/RoomWait.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
