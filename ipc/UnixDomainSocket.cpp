@@ -13,6 +13,7 @@
 
 #include "internal/BoundedReceive.h"
 #include "internal/ControlBuffer.h"
+#include "internal/Observation.h"
 #include "internal/OutgoingRecord.h"
 #include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
@@ -147,6 +148,7 @@ UnixDomainSocket::~UnixDomainSocket() = default;
 
 void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
     mSocketFd = std::move(fd);
+    observe::bound(mSocketFd.get());
     applyPayloadTimeout();
 }
 
@@ -213,6 +215,10 @@ int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& paylo
 }
 
 int UnixDomainSocket::send(const Message& message) {
+    return observe::send(this, &UnixDomainSocket::sendRecords, mSocketFd.get(), message);
+}
+
+int UnixDomainSocket::sendRecords(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
         IPC_LOGE("send message header failed (%s)", resultText(kNotBound));
@@ -294,6 +300,10 @@ int UnixDomainSocket::send(const Message::Payload& payload) {
 }
 
 int UnixDomainSocket::recv(Message* message) {
+    return observe::receive(this, &UnixDomainSocket::receiveRecords, mSocketFd.get(), message);
+}
+
+int UnixDomainSocket::receiveRecords(Message* message) {
     if (message == nullptr) {
         IPC_LOGE("invalid message");
         return -EFAULT;

@@ -1,0 +1,178 @@
+// Trace markers to a JSON trace file: two processes write one file, which
+// parses, and whose flows link each message's send to its receive and
+// dispatch (or reply callback) in the other process.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <ipc/CBRegistry.h>
+#include <ipc/DefaultReactor.h>
+#include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
+#include <ipc/MessageLoop.h>
+#include <ipc/SocketEventHandler.h>
+#include <ipc/SocketPair.h>
+#include <ipc/Tracing.h>
+#include <ipc/UnixDomainSocket.h>
+#include <ipc/utils/FunctionRunnable.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "support/Descriptors.h"
+#include "support/Messages.h"
+#include "support/RawPeer.h"
+#include "support/ReactorThread.h"
+#include "support/Waiting.h"
+
+namespace velacam::test {
+namespace {
+
+using Kestrel::ipc::CBRegistry;
+using Kestrel::ipc::DefaultReactor;
+using Kestrel::ipc::EventHandler;
+using Kestrel::ipc::EventType;
+using Kestrel::ipc::Message;
+using Kestrel::ipc::MessageHandler;
+using Kestrel::ipc::MessageLoop;
+using Kestrel::ipc::SocketEventHandler;
+using Kestrel::ipc::Tracing;
+using Kestrel::ipc::UnixDomainSocket;
+using Kestrel::ipc::utils::FunctionRunnable;
+
+constexpr uint32_t kRequests = 3;
+constexpr uint32_t kRequestType = 7;
+constexpr uint32_t kReplyType = 8;
+
+class Answer : public MessageHandler {
+  public:
+    explicit Answer(std::shared_ptr<SocketEventHandler> socket) : mSocket(std::move(socket)) {}
+    using MessageHandler::handleMessage;
+    void handleMessage(std::unique_ptr<Message> request) override {
+        auto reply = makeMessage(request->id(), {0}, {}, nullptr, kReplyType);
+        reply->setHeader(request->id(), kReplyType, Message::kFlagReply, 1, 0);
+        (void)mSocket->sendMessage(*reply);
+        MessageHandler::handleMessage(*request);
+    }
+
+  private:
+    std::shared_ptr<SocketEventHandler> mSocket;
+};
+
+// The serving process: a reactor receives, a loop answers, until the client
+// hangs up. It appends to the file the client created.
+int serve(FileDescriptor&& end, const std::string& path) {
+    Tracing::finish();  // the client's file, inherited: this process did not create it
+    if (!Tracing::start(path.c_str())) {
+        return 2;
+    }
+    auto server = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
+    auto answer = std::make_shared<Answer>(server);
+    MessageLoop loop;
+    std::thread loopThread([&loop] { loop.dispatchMessages(); });
+    server->setRunnable(std::make_shared<FunctionRunnable>([&] {
+        auto request = std::make_unique<Message>(answer);
+        if (server->receiveMessage(request.get()) == 0) {
+            loop.messageQueue().enqueueMessage(std::move(request), std::chrono::milliseconds(0));
+        }
+    }));
+    DefaultReactor reactor;
+    reactor.setHangUpListener([&](int fd, short, std::shared_ptr<EventHandler>) {
+        (void)reactor.removeEventHandlerByFd(fd);
+        reactor.requestExit();
+    });
+    {
+        ReactorThread reactorThread(reactor);
+        if (!reactor.registerEventHandler(server)) {
+            return 3;
+        }
+        reactorThread.thread().join();
+    }
+    loop.requestExit();
+    loopThread.join();
+    Tracing::finish();
+    return 0;
+}
+
+std::string contentsOfPath(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// No thread may run when the serving process is forked (it starts threads of
+// its own, which a sanitizer refuses after a multi-threaded fork): the
+// watchdog starts after the fork.
+class TracingTest : public ::testing::Test {
+  protected:
+    TracingTest() {
+        char pattern[] = "/tmp/velacam-trace-XXXXXX";
+        directory = ::mkdtemp(pattern);
+        path = directory + "/trace.json";
+    }
+    ~TracingTest() override {
+        Tracing::finish();
+        ::unlink(path.c_str());
+        ::rmdir(directory.c_str());
+    }
+    ScopedLeakCheck leaks;  // checked last
+    std::string directory;
+    std::string path;
+    Kestrel::ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
+};
+
+TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSide) {
+    ASSERT_FALSE(Tracing::toFile());
+    ASSERT_TRUE(Tracing::start(path.c_str()));
+    EXPECT_FALSE(Tracing::start(path.c_str()));
+    EXPECT_EQ(errno, EBUSY);
+
+    const pid_t peer = forkPeer([&] {
+        pair.second = FileDescriptor();  // the client's end stays the client's alone
+        return serve(std::move(pair.first), path);
+    });
+    pair.first = FileDescriptor();
+    Watchdog watchdog("tracing case", std::chrono::seconds(60));
+    UnixDomainSocket client;
+    client.bind(std::move(pair.second));
+    CBRegistry registry(1);
+    int answered = 0;
+    for (uint32_t id = 1; id <= kRequests; ++id) {
+        auto request = makeMessage(id, {1, 2, 3, 4}, {}, nullptr, kRequestType);
+        registry.registerCB(*request, [&answered](uint8_t) { ++answered; });
+        ASSERT_EQ(client.send(*request), 0);
+        auto reply = std::make_unique<Message>();
+        ASSERT_EQ(client.recv(reply.get()), 0);
+        registry.unRegisterCB(std::move(reply));
+    }
+    EXPECT_EQ(answered, 3);
+    client.bind(FileDescriptor());
+    ASSERT_EQ(waitPeer(peer), 0);
+    Tracing::finish();
+    EXPECT_FALSE(Tracing::toFile());
+
+    const std::string text = contentsOfPath(path);
+    ASSERT_GT(text.size(), 4u);
+    EXPECT_EQ(text.substr(0, 2), "[\n");
+    EXPECT_EQ(text.substr(text.size() - 3), "\n]\n");
+    const std::string check = std::string("python3 ") + VELACAM_TRACE_CHECK + " " + path +
+                              " --requests " + std::to_string(kRequests);
+    const int status = std::system(check.c_str());
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+        GTEST_SKIP() << "python3 is not installed: the file was not parsed";
+    }
+    EXPECT_EQ(status, 0) << text;
+}
+
+TEST_F(TracingTest, Start_OnAPathThatCannotBeOpened_FailsAndTracesNothing) {
+    EXPECT_FALSE(Tracing::start((directory + "/missing/trace.json").c_str()));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(Tracing::toFile());
+}
+
+}  // namespace
+}  // namespace velacam::test
