@@ -275,7 +275,9 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
         message.setHeader(static_cast<uint32_t>(round), 0, Message::kFlagReply, 0, 0);
         message.signalResponse();
         waiter.join();
-        ASSERT_LT(waited, std::chrono::milliseconds(500)) << "wake-up lost in round " << round;
+        // A lost wake-up waits out the full second; a loaded machine can
+        // delay a kept one by more than half of that.
+        ASSERT_LT(waited, std::chrono::milliseconds(900)) << "wake-up lost in round " << round;
     }
 }
 
