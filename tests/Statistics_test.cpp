@@ -33,13 +33,7 @@ class StatisticsTest : public SocketPairFixture {
 std::string dumpOf(const std::function<int(int)>& write) {
     FileDescriptor out = memoryFile();
     EXPECT_EQ(write(out.get()), 0);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::pread(out.get(), buffer, sizeof(buffer), static_cast<off_t>(text.size()))) > 0) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
+    return contentsOf(out.get());
 }
 
 TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
