@@ -2,6 +2,7 @@
 // parses, and whose flows link each message's send to its receive and
 // dispatch (or reply callback) in the other process.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/Message.h>
@@ -12,8 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/AnsweringServer.h"
@@ -47,13 +46,6 @@ int serve(FileDescriptor&& end, const std::string& path) {
     }
     Tracing::finish();
     return 0;
-}
-
-std::string contentsOfPath(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // No thread may run when the serving process is forked (it starts threads of
@@ -102,7 +94,8 @@ TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSi
     Tracing::finish();
     EXPECT_FALSE(Tracing::toFile());
 
-    const std::string text = contentsOfPath(path);
+    const std::string text =
+            contentsOf(FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC), 0).get());
     ASSERT_GT(text.size(), 4u);
     EXPECT_EQ(text.substr(0, 2), "[\n");
     EXPECT_EQ(text.substr(text.size() - 3), "\n]\n");
