@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
 #include <ipc/EventHandler.h>
@@ -6,7 +5,6 @@
 #include <ipc/SlowDispatchWarning.h>
 #include <ipc/StateDump.h>
 #include <ipc/Statistics.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cinttypes>
@@ -15,6 +13,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "internal/WriteAll.h"
 
 namespace Kestrel::ipc {
 
@@ -37,20 +37,7 @@ double millis(std::chrono::nanoseconds duration) {
 }
 
 int writeReport(int fd, const std::string& report) {
-    const char* text = report.data();
-    size_t left = report.size();
-    while (left > 0) {
-        const ssize_t written = ::write(fd, text, left);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            return -errno;
-        }
-        text += written;
-        left -= static_cast<size_t>(written);
-    }
-    return 0;
+    return observe::writeAll(fd, report.data(), report.size());
 }
 
 const char* kindOf(const std::shared_ptr<EventHandler>& handler) {
@@ -70,6 +57,14 @@ const char* kindOf(const std::shared_ptr<EventHandler>& handler) {
 
 void appendCounting(std::string& report) {
     append(report, "  counting: %s\n", Statistics::enabled() ? "on" : "off");
+}
+
+// The first lines of an object's report: what it is, and whether counting is on.
+std::string heading(const char* what, const void* object) {
+    std::string report;
+    append(report, "%s %p\n", what, object);
+    appendCounting(report);
+    return report;
 }
 
 void appendConnection(std::string& report, const char* indent, int socketFd) {
@@ -104,9 +99,7 @@ int StateDump::write(int fd, const DefaultReactor& constReactor) {
         registered.assign(reactor.mEventHandlers.begin(), reactor.mEventHandlers.end());
     }
     const ReactorStatistics figures = Statistics::of(reactor);
-    std::string report;
-    append(report, "DefaultReactor %p\n", static_cast<const void*>(&reactor));
-    appendCounting(report);
+    std::string report = heading("DefaultReactor", &reactor);
     append(report,
            "  cycles %" PRIu64 ", dispatches %" PRIu64 ", hang-ups %" PRIu64
            ", longest handler run %.3f ms\n",
@@ -122,9 +115,7 @@ int StateDump::write(int fd, const DefaultReactor& constReactor) {
 int StateDump::write(int fd, MessageLoop& loop) {
     const LoopStatistics figures = Statistics::of(loop);
     const std::chrono::milliseconds threshold = SlowDispatchWarning::thresholdOf(loop);
-    std::string report;
-    append(report, "MessageLoop %p\n", static_cast<const void*>(&loop));
-    appendCounting(report);
+    std::string report = heading("MessageLoop", &loop);
     const uint64_t waiting =
             figures.enqueued > figures.dispatched ? figures.enqueued - figures.dispatched : 0;
     append(report,
@@ -154,9 +145,7 @@ int StateDump::write(int fd, const CBRegistry& constRegistry) {
     }
     std::sort(pending.begin(), pending.end());
     const RegistryStatistics figures = Statistics::of(registry);
-    std::string report;
-    append(report, "CBRegistry %p\n", static_cast<const void*>(&registry));
-    appendCounting(report);
+    std::string report = heading("CBRegistry", &registry);
     append(report,
            "  registered %" PRIu64 ", replied %" PRIu64 ", pending %" PRIu64
            ", oldest pending %.3f ms\n",

@@ -44,6 +44,21 @@ class Sleeper : public MessageHandler {
     std::promise<void> mLast;
 };
 
+// Queues messages of `types` for `handler` (the last of kLast), dispatches
+// them on a thread of its own, and returns once the last was handled.
+void dispatchAll(MessageLoop& loop, const std::shared_ptr<Sleeper>& handler,
+                 std::initializer_list<uint32_t> types) {
+    for (uint32_t type : types) {
+        loop.messageQueue().enqueueMessage(makeMessage(1, {}, {}, handler, type),
+                                           std::chrono::milliseconds(0));
+    }
+    std::thread dispatcher([&loop] { loop.dispatchMessages(); });
+    EXPECT_EQ(handler->mLast.get_future().wait_for(std::chrono::seconds(30)),
+              std::future_status::ready);
+    loop.requestExit();
+    dispatcher.join();
+}
+
 TEST(SlowDispatchWarningTest, Episodes_LogOneLineAtTheStartAndOneBackUnder) {
     Watchdog watchdog("slow dispatch case", std::chrono::seconds(60));
     LogCapture capture;
@@ -54,15 +69,7 @@ TEST(SlowDispatchWarningTest, Episodes_LogOneLineAtTheStartAndOneBackUnder) {
     EXPECT_EQ(SlowDispatchWarning::thresholdOf(loop), kThreshold);
 
     // fast, slow, slow, fast, slow, last(fast): two episodes.
-    for (uint32_t type : {kFast, kSlow, kSlow, kFast, kSlow, kLast}) {
-        loop.messageQueue().enqueueMessage(makeMessage(1, {}, {}, handler, type),
-                                           std::chrono::milliseconds(0));
-    }
-    std::thread dispatcher([&loop] { loop.dispatchMessages(); });
-    ASSERT_EQ(handler->mLast.get_future().wait_for(std::chrono::seconds(30)),
-              std::future_status::ready);
-    loop.requestExit();
-    dispatcher.join();
+    dispatchAll(loop, handler, {kFast, kSlow, kSlow, kFast, kSlow, kLast});
 
     EXPECT_EQ(capture.countContaining("slow dispatch: message type 2 took "), 2u);
     EXPECT_EQ(capture.countContaining("(threshold 100.000 ms)"), 2u);
@@ -82,15 +89,7 @@ TEST(SlowDispatchWarningTest, Unwatched_ThresholdZero_LogsNothing) {
     MessageLoop loop;
     SlowDispatchWarning::watch(loop, kThreshold);
     SlowDispatchWarning::watch(loop, std::chrono::milliseconds(0));
-    loop.messageQueue().enqueueMessage(makeMessage(1, {}, {}, handler, kSlow),
-                                       std::chrono::milliseconds(0));
-    loop.messageQueue().enqueueMessage(makeMessage(1, {}, {}, handler, kLast),
-                                       std::chrono::milliseconds(0));
-    std::thread dispatcher([&loop] { loop.dispatchMessages(); });
-    ASSERT_EQ(handler->mLast.get_future().wait_for(std::chrono::seconds(30)),
-              std::future_status::ready);
-    loop.requestExit();
-    dispatcher.join();
+    dispatchAll(loop, handler, {kSlow, kLast});
     EXPECT_EQ(capture.countContaining("dispatch"), 0u);
 }
 

@@ -5,40 +5,23 @@
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
 #include <ipc/Message.h>
-#include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
-#include <ipc/SocketEventHandler.h>
 #include <ipc/StateDump.h>
 #include <ipc/Statistics.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/FunctionRunnable.h>
 #include <unistd.h>
 
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/AnsweringServer.h"
 #include "support/Messages.h"
-#include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 
 namespace velacam::test {
 namespace {
 
-using Kestrel::ipc::CBRegistry;
-using Kestrel::ipc::ConnectionStatistics;
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventHandler;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::StateDump;
-using Kestrel::ipc::Statistics;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::FunctionRunnable;
+using namespace Kestrel::ipc;
 
 // Counting is process-wide: on for each case, off after it.
 class StatisticsTest : public SocketPairFixture {
@@ -50,13 +33,7 @@ class StatisticsTest : public SocketPairFixture {
 std::string dumpOf(const std::function<int(int)>& write) {
     FileDescriptor out = memoryFile();
     EXPECT_EQ(write(out.get()), 0);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::pread(out.get(), buffer, sizeof(buffer), static_cast<off_t>(text.size()))) > 0) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
+    return contentsOf(out.get());
 }
 
 TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
@@ -132,57 +109,21 @@ TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
     EXPECT_EQ(Statistics::connection(far).largestRecord, 0u);
 }
 
-// The serving side of the scenario: answers each request with a one-byte
-// status through the server's socket.
-class Answer : public MessageHandler {
-  public:
-    explicit Answer(std::shared_ptr<SocketEventHandler> socket) : mSocket(std::move(socket)) {}
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> request) override {
-        auto reply = makeMessage(request->id(), {0});
-        EXPECT_EQ(mSocket->sendMessage(*reply), 0);
-        MessageHandler::handleMessage(*request);
-    }
-
-  private:
-    std::shared_ptr<SocketEventHandler> mSocket;
-};
-
 TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) {
-    auto server = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    AnsweringServer server(std::move(pair.first));
     UnixDomainSocket client;
     client.bind(std::move(pair.second));
-    auto answer = std::make_shared<Answer>(server);
-
-    MessageLoop loop;
-    std::thread loopThread([&loop] { loop.dispatchMessages(); });
-    server->setRunnable(std::make_shared<FunctionRunnable>([&] {
-        auto request = std::make_unique<Message>(answer);
-        if (server->receiveMessage(request.get()) == 0) {
-            loop.messageQueue().enqueueMessage(std::move(request), std::chrono::milliseconds(0));
-        }
-    }));
-    DefaultReactor reactor;
-    std::promise<void> hungUp;
-    reactor.setHangUpListener([&](int fd, short, std::shared_ptr<EventHandler>) {
-        EXPECT_TRUE(reactor.removeEventHandlerByFd(fd));
-        reactor.requestExit();
-        hungUp.set_value();
-    });
-    ReactorThread reactorThread(reactor);
-    ASSERT_TRUE(reactor.registerEventHandler(server));
+    ASSERT_TRUE(server.start());
+    DefaultReactor& reactor = server.reactor();
+    MessageLoop& loop = server.loop();
 
     // Three round trips, one at a time; a fourth request is registered and
     // never sent, twice (the second registration is refused).
     CBRegistry registry(1);
     std::vector<uint8_t> statuses;
     for (uint32_t id = 1; id <= 3; ++id) {
-        auto request = makeMessage(id, {1, 2, 3, 4}, {}, nullptr, 7);
-        registry.registerCB(*request, [&statuses](uint8_t status) { statuses.push_back(status); });
-        ASSERT_EQ(client.send(*request), 0);
-        auto reply = std::make_unique<Message>();
-        ASSERT_EQ(client.recv(reply.get()), 0);
-        registry.unRegisterCB(std::move(reply));
+        roundTrip(client, registry, id, 7,
+                  [&statuses](uint8_t status) { statuses.push_back(status); });
     }
     EXPECT_EQ(statuses, std::vector<uint8_t>({0, 0, 0}));
     auto unanswered = makeMessage(99);
@@ -212,10 +153,7 @@ TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) 
 
     // The client goes: one hang-up, after which the listener ends the loop.
     client.bind(FileDescriptor());
-    ASSERT_EQ(hungUp.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    reactorThread.stop();
-    loop.requestExit();
-    loopThread.join();
+    ASSERT_TRUE(server.waitForHangUp(std::chrono::seconds(10)));
 
     const auto reactorFigures = Statistics::of(reactor);
     EXPECT_EQ(reactorFigures.cycles, 5u);  // three requests, the hang-up, the exit

@@ -2,106 +2,50 @@
 // parses, and whose flows link each message's send to its receive and
 // dispatch (or reply callback) in the other process.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
-#include <ipc/DefaultReactor.h>
 #include <ipc/Message.h>
-#include <ipc/MessageHandler.h>
-#include <ipc/MessageLoop.h>
-#include <ipc/SocketEventHandler.h>
 #include <ipc/SocketPair.h>
 #include <ipc/Tracing.h>
 #include <ipc/UnixDomainSocket.h>
-#include <ipc/utils/FunctionRunnable.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <thread>
 
+#include "support/AnsweringServer.h"
 #include "support/Descriptors.h"
 #include "support/Messages.h"
 #include "support/RawPeer.h"
-#include "support/ReactorThread.h"
 #include "support/Waiting.h"
 
 namespace velacam::test {
 namespace {
 
-using Kestrel::ipc::CBRegistry;
-using Kestrel::ipc::DefaultReactor;
-using Kestrel::ipc::EventHandler;
-using Kestrel::ipc::EventType;
-using Kestrel::ipc::Message;
-using Kestrel::ipc::MessageHandler;
-using Kestrel::ipc::MessageLoop;
-using Kestrel::ipc::SocketEventHandler;
-using Kestrel::ipc::Tracing;
-using Kestrel::ipc::UnixDomainSocket;
-using Kestrel::ipc::utils::FunctionRunnable;
+using namespace Kestrel::ipc;
 
 constexpr uint32_t kRequests = 3;
 constexpr uint32_t kRequestType = 7;
 constexpr uint32_t kReplyType = 8;
 
-class Answer : public MessageHandler {
-  public:
-    explicit Answer(std::shared_ptr<SocketEventHandler> socket) : mSocket(std::move(socket)) {}
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> request) override {
-        auto reply = makeMessage(request->id(), {0}, {}, nullptr, kReplyType);
-        reply->setHeader(request->id(), kReplyType, Message::kFlagReply, 1, 0);
-        (void)mSocket->sendMessage(*reply);
-        MessageHandler::handleMessage(*request);
-    }
-
-  private:
-    std::shared_ptr<SocketEventHandler> mSocket;
-};
-
-// The serving process: a reactor receives, a loop answers, until the client
-// hangs up. It appends to the file the client created.
+// The serving process: answers until the client hangs up, appending to the
+// file the client created.
 int serve(FileDescriptor&& end, const std::string& path) {
     Tracing::finish();  // the client's file, inherited: this process did not create it
     if (!Tracing::start(path.c_str())) {
         return 2;
     }
-    auto server = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
-    auto answer = std::make_shared<Answer>(server);
-    MessageLoop loop;
-    std::thread loopThread([&loop] { loop.dispatchMessages(); });
-    server->setRunnable(std::make_shared<FunctionRunnable>([&] {
-        auto request = std::make_unique<Message>(answer);
-        if (server->receiveMessage(request.get()) == 0) {
-            loop.messageQueue().enqueueMessage(std::move(request), std::chrono::milliseconds(0));
-        }
-    }));
-    DefaultReactor reactor;
-    reactor.setHangUpListener([&](int fd, short, std::shared_ptr<EventHandler>) {
-        (void)reactor.removeEventHandlerByFd(fd);
-        reactor.requestExit();
-    });
-    {
-        ReactorThread reactorThread(reactor);
-        if (!reactor.registerEventHandler(server)) {
-            return 3;
-        }
-        reactorThread.thread().join();
+    AnsweringServer server(std::move(end), kReplyType);
+    if (!server.start()) {
+        return 3;
     }
-    loop.requestExit();
-    loopThread.join();
+    if (!server.waitForHangUp(std::chrono::seconds(30))) {
+        return 4;
+    }
     Tracing::finish();
     return 0;
-}
-
-std::string contentsOfPath(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // No thread may run when the serving process is forked (it starts threads of
@@ -142,12 +86,7 @@ TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSi
     CBRegistry registry(1);
     int answered = 0;
     for (uint32_t id = 1; id <= kRequests; ++id) {
-        auto request = makeMessage(id, {1, 2, 3, 4}, {}, nullptr, kRequestType);
-        registry.registerCB(*request, [&answered](uint8_t) { ++answered; });
-        ASSERT_EQ(client.send(*request), 0);
-        auto reply = std::make_unique<Message>();
-        ASSERT_EQ(client.recv(reply.get()), 0);
-        registry.unRegisterCB(std::move(reply));
+        roundTrip(client, registry, id, kRequestType, [&answered](uint8_t) { ++answered; });
     }
     EXPECT_EQ(answered, 3);
     client.bind(FileDescriptor());
@@ -155,7 +94,8 @@ TEST_F(TracingTest, TwoProcesses_WriteOneFile_WhoseFlowsLinkEachSendToTheOtherSi
     Tracing::finish();
     EXPECT_FALSE(Tracing::toFile());
 
-    const std::string text = contentsOfPath(path);
+    const std::string text =
+            contentsOf(FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC), 0).get());
     ASSERT_GT(text.size(), 4u);
     EXPECT_EQ(text.substr(0, 2), "[\n");
     EXPECT_EQ(text.substr(text.size() - 3), "\n]\n");

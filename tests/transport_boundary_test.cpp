@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "support/Messages.h"
+#include "support/ProcessStatus.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 #include "support/Waiting.h"
@@ -34,18 +35,6 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::ipc::utils::FunctionRunnable;
 using Clock = std::chrono::steady_clock;
-
-// A field of /proc/self/status in kB ("VmHWM", "VmSize").
-long statusKiB(const std::string& field) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(field + ":", 0) == 0) {
-            return std::stol(line.substr(field.size() + 1));
-        }
-    }
-    return -1;
-}
 
 Message messageOf(uint32_t id, size_t dataBytes, const std::vector<int>& fds) {
     return std::move(*makeMessage(id, std::vector<uint8_t>(dataBytes, 'd'), fds));

@@ -13,6 +13,7 @@
 
 #include "JsonLine.h"
 #include "ObserveSwitches.h"
+#include "WriteAll.h"
 
 namespace Kestrel::ipc::observe {
 
@@ -41,19 +42,8 @@ void sanitise(char* text) {
     }
 }
 
-void writeAll(int fd, const char* text, size_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(fd, text, length);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return;  // a trace that cannot be written is given up, not reported
-        }
-        text += written;
-        length -= static_cast<size_t>(written);
-    }
-}
+// A trace that cannot be written is given up, not reported.
+void put(int fd, const char* text, size_t length) { static_cast<void>(writeAll(fd, text, length)); }
 
 // The flow phase of a kind: a send starts the flow, a receive steps it, a
 // dispatch or a reply callback ends it. A handler run has none.
@@ -149,7 +139,7 @@ void TraceFile::writeProcessName(const char* before, int pid, const char* name) 
             text, sizeof(text),
             "%s{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":%d,\"args\":{\"name\":\"%s\"}}",
             before, pid, safe);
-    writeAll(mFd, text, static_cast<size_t>(length));
+    put(mFd, text, static_cast<size_t>(length));
 }
 
 void TraceFile::finish() {
@@ -160,7 +150,7 @@ void TraceFile::finish() {
     turnOff(kTraceFile);
     // A child forked without exec shares the file but did not create it.
     if (mCreator && ::getpid() == mPid) {
-        writeAll(mFd, "\n]\n", 3);
+        put(mFd, "\n]\n", 3);
     }
     ::close(mFd);
     mFd = -1;
@@ -190,7 +180,7 @@ void TraceFile::writeThreadName(int pid, int tid) {
             ",\n{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":%d,\"tid\":%d,\"args\":{\"name\":"
             "\"%s\"}}",
             pid, tid, name);
-    writeAll(mFd, text, static_cast<size_t>(length));
+    put(mFd, text, static_cast<size_t>(length));
 }
 
 void TraceFile::write(const TraceEvent& event) {
@@ -230,7 +220,7 @@ void TraceFile::write(const TraceEvent& event) {
         line.text(",\"pid\":").signedNumber(pid).text(",\"tid\":").signedNumber(tid);
         line.text(",\"ts\":").micros(at).text(",\"bp\":\"e\"}");
     }
-    writeAll(mFd, line.data(), line.size());
+    put(mFd, line.data(), line.size());
 }
 
 }  // namespace Kestrel::ipc::observe
