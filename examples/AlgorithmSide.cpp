@@ -7,6 +7,7 @@
 #include <ipc/MessageLoop.h>
 #include <ipc/MessageQueue.h>
 #include <ipc/SocketEventHandler.h>
+#include <ipc/Tracing.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <signal.h>
@@ -19,6 +20,7 @@
 #include <future>
 #include <memory>
 
+#include "DemoObservation.h"
 #include "DemoProtocol.h"
 #include "SharedBuffer.h"
 
@@ -83,6 +85,7 @@ int AlgorithmSide::run() {
     sigaddset(&stopSignals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+    Kestrel::ipc::Tracing::nameProcess("algorithm");  // if the camera asked for a trace
     auto socket = std::make_shared<SocketEventHandler>(
             Kestrel::utils::sys::FileDescriptor(mSocketFd, 0), EventType::READ);
     auto requests = std::make_shared<RequestHandler>(socket);
@@ -131,6 +134,7 @@ int AlgorithmSide::run() {
 
     reactor.requestExit();
     reactorThread.wait();
+    printStatistics("algorithm", socket->fd(), &reactor, loop);
     loop->requestExit();
     loopThread.wait();
     return 0;

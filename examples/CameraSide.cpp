@@ -68,6 +68,9 @@ int CameraSide::run() {
             return 1;
         }
 
+        if (!startObservation(mOptions.observation)) {
+            return 1;
+        }
         // The child keeps its end (not close-on-exec) and closes everything else
         // it inherited as soon as it starts.
         Process self;
@@ -93,6 +96,7 @@ int CameraSide::run() {
         // Replies are matched to their requests by the channel; when the
         // algorithm process goes, its hang-up fails the waiting call at once
         // (instead of after the reply time-out).
+        const int cameraEnd = pair.first.get();  // for the counters at the end
         RequestChannel channel(std::move(pair.first));
 
         const auto start = Clock::now();
@@ -175,6 +179,8 @@ int CameraSide::run() {
         }
         report.algorithmStatus = waitForChild(child.pid(), std::chrono::seconds(5));
         self.removeFromObservation(child.pid());
+        printStatistics("camera", cameraEnd, nullptr, nullptr);
+        finishObservation(mOptions.observation);
     }
     report.leakedDescriptors = countOpenDescriptors() - descriptorsBefore;
     report.print();

@@ -19,6 +19,8 @@
 #include <optional>
 #include <string>
 
+#include "DemoObservation.h"
+
 namespace demo {
 
 struct DemoOptions {
@@ -34,6 +36,7 @@ struct DemoOptions {
     // Where the algorithm's pid is written (4 bytes) once it is started; -1
     // for nowhere.
     int algorithmPidFd = -1;
+    ObservationOptions observation;  // --trace FILE, --stats
 };
 
 // The exit status of a camera process that ended on purpose (cameraDiesAfter).

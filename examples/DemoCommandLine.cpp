@@ -43,6 +43,7 @@ std::string range(unsigned long long low, unsigned long long high) {
 const char* demoUsage() {
     return "usage: velacam_demo [--requests N] [--buffer-size BYTES] [--fds-per-request K]\n"
            "                    [--verbose] [--kill-algorithm-after N | --camera-dies-after N]\n"
+           "                    [--trace FILE] [--stats]\n"
            "  --requests N               1 to 1000000000 (default 2000)\n"
            "  --buffer-size BYTES        a multiple of 4 from 4 to 67108864, 64 MiB (default "
            "4096)\n"
@@ -51,7 +52,10 @@ const char* demoUsage() {
            "  --kill-algorithm-after N   0 to requests - 1\n"
            "  --camera-dies-after N      0 to requests - 1\n"
            "  --verbose                  the library's warning, info and debug lines on\n"
-           "                             standard error\n";
+           "                             standard error\n"
+           "  --trace FILE               writes a trace of both processes to FILE (JSON, for\n"
+           "                             ui.perfetto.dev or chrome://tracing)\n"
+           "  --stats                    prints both processes' counters at the end\n";
 }
 
 std::optional<DemoCommandLine> parseDemoCommandLine(int argc, const char* const* argv,
@@ -74,6 +78,16 @@ std::optional<DemoCommandLine> parseDemoCommandLine(int argc, const char* const*
             high = kMaxRequests - 1;  // checked against --requests below
         } else if (option == "--verbose") {
             line.verbose = true;
+            continue;
+        } else if (option == "--stats") {
+            options.observation.stats = true;
+            continue;
+        } else if (option == "--trace") {
+            if (i + 1 == argc || argv[i + 1][0] == '\0') {
+                *error = "--trace needs a file name";
+                return std::nullopt;
+            }
+            options.observation.traceFile = argv[++i];
             continue;
         } else if (option == "-h" || option == "--help") {
             line.helpWanted = true;

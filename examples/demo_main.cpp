@@ -3,6 +3,7 @@
 //
 //   velacam_demo [--requests N] [--buffer-size BYTES] [--fds-per-request K]
 //                [--verbose] [--kill-algorithm-after N | --camera-dies-after N]
+//                [--trace FILE] [--stats]
 //
 // The options and their ranges are in DemoCommandLine.cpp; anything out of
 // range is refused with exit status 2 before a process starts.
@@ -10,7 +11,8 @@
 // after N requests; the run stops at once, reports the lost requests and
 // exits 1. --camera-dies-after N: the camera process ends abruptly after N
 // requests; the algorithm process must notice and exit 0 by itself, which
-// this program (the camera's parent) checks.
+// this program (the camera's parent) checks. --trace FILE and --stats: see
+// DemoObservation.h.
 //
 // A correct run prints its table on standard output and nothing on standard
 // error. Library lines above errors follow VELACAM_LOG_LEVEL; debug lines also

@@ -4,6 +4,7 @@
 #include <ipc/utils/Log.h>
 
 #include "internal/DroppedMessage.h"
+#include "internal/Observation.h"
 
 namespace Kestrel::ipc {
 
@@ -17,9 +18,13 @@ CBRegistry::CBRegistry(unsigned long waiterCount) : mWaiterCount(waiterCount) {
     mCBList = std::make_unique<CBList>(*this);
 }
 
-CBRegistry::~CBRegistry() { mCallbacks.clear(); }
+CBRegistry::~CBRegistry() {
+    observe::forgetRegistry(this);
+    mCallbacks.clear();
+}
 
 void CBRegistry::registerCB(const Message& message, const std::function<void(uint8_t)>& callback) {
+    observe::registered(this, message);
     const uint32_t id = message.id();
     utils::LockGuard lock(mMutex);
     if (!mCallbacks.try_emplace(id, callback).second) {
@@ -28,6 +33,7 @@ void CBRegistry::registerCB(const Message& message, const std::function<void(uin
 }
 
 void CBRegistry::unRegisterCB(std::unique_ptr<Message> message) {
+    const observe::ReplyScope observed(this, *message);
     const Message::Payload payload = message->payload();
     const uint32_t id = message->id();
     if (payload.data.empty()) {

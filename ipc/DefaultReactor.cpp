@@ -13,6 +13,8 @@
 #include <cstring>
 #include <string>
 
+#include "internal/Observation.h"
+
 namespace Kestrel::ipc {
 
 namespace {
@@ -70,7 +72,7 @@ DefaultReactor::DefaultReactor() {
     mSemaphore = std::make_unique<CountingSemaphore>(1);
 }
 
-DefaultReactor::~DefaultReactor() = default;
+DefaultReactor::~DefaultReactor() { observe::forgetReactor(this); }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the exported virtual signature
 bool DefaultReactor::registerEventHandler(std::weak_ptr<EventHandler> handler) {
@@ -292,6 +294,7 @@ bool DefaultReactor::handleExitEvent(const std::pair<int, short>& event) {
 
 void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& events,
                                      const HandlerList& ascendingActiveHandlers) {
+    observe::cycle(this);
     if (!std::is_sorted(ascendingActiveHandlers.begin(), ascendingActiveHandlers.end(),
                         byDescriptor)) {
         IPC_FATAL("ascendingActiveHandlers is not in ascending order: %s",
@@ -326,6 +329,7 @@ void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& e
         const short wanted = pollEventsOf(handler.type());
         if ((wanted & ~revents) == 0) {
             IPC_LOGD("[%s] dispatch to event handler(fd:%d)", __func__, fd);
+            const observe::HandlerRunScope run(this, fd);
             handler.handleEvent();
         } else {
             IPC_LOGE("event handler (fd:%d) cannot handle poll events (%hd)", fd, revents);
@@ -346,6 +350,7 @@ void DefaultReactor::setHangUpListener(HangUpListener listener) {
 
 void DefaultReactor::notifyHangUp(int fd, short revents,
                                   const HandlerList& ascendingActiveHandlers) {
+    observe::hangUp(this, revents);
     std::shared_ptr<const HangUpListener> listener;
     {
         utils::LockGuard lock(mListenerLock);

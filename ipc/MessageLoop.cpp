@@ -6,6 +6,7 @@
 #include <cinttypes>
 
 #include "internal/DroppedMessage.h"
+#include "internal/Observation.h"
 
 namespace Kestrel::ipc {
 
@@ -44,6 +45,7 @@ void MessageLoop::dispatchMessages() {
             continue;
         }
         ++dispatched;
+        const observe::DispatchScope observed(&mMessageQueue, *next.message);
         const std::shared_ptr<MessageHandler>& handler = next.message->messageHandler();
         if (handler) {
             if (held != handler) {

@@ -4,6 +4,7 @@
 #include <ipc/utils/Log.h>
 
 #include "internal/DroppedMessage.h"
+#include "internal/Observation.h"
 
 namespace Kestrel::ipc {
 
@@ -16,6 +17,7 @@ MessageQueue::MessageQueue()
       mSemaphore(std::make_unique<CountingSemaphore>(1)) {}
 
 MessageQueue::~MessageQueue() {
+    observe::forgetQueue(this);
     mSemaphore.reset();
     dropMessages(*mTaken);
     dropMessages(mMessages);
@@ -28,6 +30,7 @@ void MessageQueue::enqueueMessage(std::unique_ptr<Message> message,
         dropMessage(std::move(message));
         return;
     }
+    observe::enqueued(this, message.get());
     // Two pointers in the capture: small enough for std::function to keep
     // them without allocating.
     struct {

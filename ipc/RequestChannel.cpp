@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "internal/DroppedMessage.h"
+#include "internal/Observation.h"
 #include "internal/ResultText.h"
 
 namespace Kestrel::ipc {
@@ -220,6 +221,7 @@ void RequestChannel::receiveOne() {
 }
 
 void RequestChannel::deliver(std::unique_ptr<Message> reply, int result) {
+    const observe::ReplyScope observed(this, *reply, observe::TraceKind::kReplyToCall);
     const uint32_t id = reply->id();
     {
         utils::LockGuard lock(mLock);

@@ -13,12 +13,13 @@
 
 #include "internal/BoundedReceive.h"
 #include "internal/ControlBuffer.h"
+#include "internal/Observation.h"
 #include "internal/OutgoingRecord.h"
 #include "internal/ReceiveBuffer.h"
 #include "internal/ReceivedControl.h"
 #include "internal/RecordPair.h"
-#include "internal/RoomWait.h"
 #include "internal/ResultText.h"
+#include "internal/RoomWait.h"
 #include "internal/TransportLogSite.h"
 
 namespace Kestrel::ipc {
@@ -147,6 +148,7 @@ UnixDomainSocket::~UnixDomainSocket() = default;
 
 void UnixDomainSocket::bind(Kestrel::utils::sys::FileDescriptor&& fd) {
     mSocketFd = std::move(fd);
+    observe::bound(mSocketFd.get());
     applyPayloadTimeout();
 }
 
@@ -213,6 +215,10 @@ int UnixDomainSocket::refusalOf(const Message::Wire& wire, OutgoingRecord& paylo
 }
 
 int UnixDomainSocket::send(const Message& message) {
+    return observe::send(this, &UnixDomainSocket::sendRecords, mSocketFd.get(), message);
+}
+
+int UnixDomainSocket::sendRecords(const Message& message) {
     const int socketFd = mSocketFd.get();
     if (socketFd < 0) {
         IPC_LOGE("send message header failed (%s)", resultText(kNotBound));
@@ -294,6 +300,10 @@ int UnixDomainSocket::send(const Message::Payload& payload) {
 }
 
 int UnixDomainSocket::recv(Message* message) {
+    return observe::receive(this, &UnixDomainSocket::receiveRecords, mSocketFd.get(), message);
+}
+
+int UnixDomainSocket::receiveRecords(Message* message) {
     if (message == nullptr) {
         IPC_LOGE("invalid message");
         return -EFAULT;
@@ -503,7 +513,11 @@ int UnixDomainSocket::receivePayload(Message::Storage& storage, const uint8_t* h
                      static_cast<long long>(mPayloadTimeoutMs));
             return kOutOfStep;  // the line above says why
         }
-        return receiveFailure();
+        // Whether the failed call took the record or left it queued is not
+        // known, so the next header cannot be trusted to be one: out of step,
+        // whatever the reason.
+        receiveFailure();
+        return kOutOfStep;
     };
 
     // Refused before memory is taken for it.

@@ -167,37 +167,6 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     EXPECT_EQ(capture.lines()[0].length, 2000);
 }
 
-TEST_F(LogSinks, DefaultHandlerLogsThePayloadItReadsThenEachClose) {
-    ULogger::sDetailsLevel = 5;
-    const int a = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const int b = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    Message message;
-    Message::Payload payload;
-    payload.data = {1, 2};
-    payload.fds = {a, b};
-    message.setPayload(payload);
-    capture.clear();
-    MessageHandler().handleMessage(message);
-    std::vector<std::string> texts;
-    for (const LogLine& line : capture.lines()) {
-        texts.push_back(line.text);
-    }
-    EXPECT_EQ(texts, (std::vector<std::string>{
-                             "[payload] num_data(2) num_fds(2)",
-                             "[Payload] data_offset(2)",
-                             "[Payload] fds_offset(8)",
-                             "[operator()] close fd(" + std::to_string(a) + ")",
-                             "[operator()] close fd(" + std::to_string(b) + ")",
-                     }));
-    EXPECT_EQ(::fcntl(a, F_GETFD), -1);
-    EXPECT_EQ(::fcntl(b, F_GETFD), -1);
-
-    capture.clear();  // nothing carried: the warning, and nothing closed
-    MessageHandler().handleMessage(*std::make_unique<Message>());
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0].text, "no payload exists");
-}
-
 // One call of each operation whose lines begin "[%s]", with the class that
 // logs them and the name the first of its debug lines gives (unregistering
 // dumps the set first, so its own line is picked by its text). Whatever helper

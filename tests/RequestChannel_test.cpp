@@ -14,7 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/Messages.h"
@@ -75,6 +74,20 @@ class RequestChannelTest : public SocketPairFixture {
         ipc::MessageHandler().handleMessage(*request);
         return result;
     }
+    // Calls `client` on a thread of its own with a request carrying `text`;
+    // the call's result. A reply's descriptors are closed.
+    static std::future<int> callAsync(RequestChannel& client, const std::string& text,
+                                      milliseconds timeout = kLong) {
+        return std::async(std::launch::async, [&client, text, timeout] {
+            auto request = requestOf(text);
+            std::unique_ptr<Message> reply;
+            const int result = client.call(*request, timeout, &reply);
+            if (reply) {
+                ipc::MessageHandler().handleMessage(*reply);
+            }
+            return result;
+        });
+    }
 };
 
 TEST_F(RequestChannelTest, ConcurrentCalls_EachGetTheirOwnWholeReply) {
@@ -122,19 +135,11 @@ TEST_F(RequestChannelTest, NoReplyInTime_TimesOutAndTheLateReplyIsDroppedWithIts
 
     // The next call reads the late reply first and drops it; the leak check
     // of the fixture sees its descriptor closed.
-    auto next = requestOf("next");
-    std::promise<int> result;
-    std::thread caller([&] {
-        std::unique_ptr<Message> answer;
-        result.set_value(client.call(*next, kLong, &answer));
-        if (answer) {
-            ipc::MessageHandler().handleMessage(*answer);
-        }
-    });
+    std::future<int> next = callAsync(client, "next");
     ASSERT_TRUE(waitForRequests(2));
     EXPECT_EQ(answerWithFile(1), 0);
-    caller.join();
-    EXPECT_EQ(result.get_future().get(), 0);
+    ASSERT_EQ(next.wait_for(kLong), std::future_status::ready);
+    EXPECT_EQ(next.get(), 0);
     EXPECT_EQ(capture.count("reply(id: 1) came after its call ended, dropped"), 1u);
 }
 
@@ -142,21 +147,9 @@ TEST_F(RequestChannelTest, ReadingCallThatTimesOut_HandsTheSocketToTheNextCall) 
     startServer();
     RequestChannel client(std::move(pair.first));
     // The first call reads for both and gives up first.
-    std::future<int> first = std::async(std::launch::async, [&client] {
-        auto request = requestOf("given up");
-        std::unique_ptr<Message> reply;
-        return client.call(*request, milliseconds(300), &reply);
-    });
+    std::future<int> first = callAsync(client, "given up", milliseconds(300));
     ASSERT_TRUE(waitForRequests(1));
-    std::future<int> second = std::async(std::launch::async, [&client] {
-        auto request = requestOf("patient");
-        std::unique_ptr<Message> reply;
-        const int result = client.call(*request, kLong, &reply);
-        if (reply) {
-            ipc::MessageHandler().handleMessage(*reply);
-        }
-        return result;
-    });
+    std::future<int> second = callAsync(client, "patient");
     ASSERT_TRUE(waitForRequests(2));
     ASSERT_EQ(first.wait_for(kLong), std::future_status::ready);
     EXPECT_EQ(first.get(), RequestChannel::kTimedOut);
@@ -171,11 +164,7 @@ TEST_F(RequestChannelTest, PeerHangUp_FailsEveryWaitingCallAtOnceAndEveryLaterOn
     constexpr int kCallers = 4;
     std::vector<std::future<int>> callers;
     for (int i = 0; i < kCallers; ++i) {
-        callers.push_back(std::async(std::launch::async, [&client] {
-            auto request = requestOf("never answered");
-            std::unique_ptr<Message> reply;
-            return client.call(*request, kLong, &reply);
-        }));
+        callers.push_back(callAsync(client, "never answered"));
     }
     // Every request is on the wire before the peer goes.
     for (int i = 0; i < kCallers; ++i) {
@@ -237,11 +226,7 @@ TEST_F(RequestChannelTest, ReplySentJustBeforeTheHangUp_IsStillDelivered) {
 
 TEST_F(RequestChannelTest, PeerStalledBetweenTheRecordsOfAReply_FailsTheCallsOutOfStep) {
     RequestChannel client(std::move(pair.first));
-    auto request = requestOf("stalled");
-    std::future<int> caller = std::async(std::launch::async, [&] {
-        std::unique_ptr<Message> reply;
-        return client.call(*request, kLong, &reply);
-    });
+    std::future<int> caller = callAsync(client, "stalled");
     (void)readRecord(far);
     (void)readRecord(far);
     ASSERT_TRUE(writeHeaderRecord(far, 1, 16, 0));  // and no payload record: 1 s, then -103

@@ -35,6 +35,7 @@
 #include "support/EventFdHandler.h"
 #include "support/LogCapture.h"
 #include "support/Messages.h"
+#include "support/ProcessStatus.h"
 #include "support/RawPeer.h"
 #include "support/ReactorThread.h"
 #include "support/Waiting.h"
@@ -55,18 +56,6 @@ class ExitingHandler : public MessageHandler {
   private:
     MessageLoop& mLoop;
 };
-
-// A field of /proc/self/status in kB ("VmHWM").
-long statusKiB(const std::string& field) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(field + ":", 0) == 0) {
-            return std::stol(line.substr(field.size() + 1));
-        }
-    }
-    return -1;
-}
 
 // A reply of `id` with status byte 0 that carries a fresh eventfd.
 std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
@@ -275,7 +264,9 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
         message.setHeader(static_cast<uint32_t>(round), 0, Message::kFlagReply, 0, 0);
         message.signalResponse();
         waiter.join();
-        ASSERT_LT(waited, std::chrono::milliseconds(500)) << "wake-up lost in round " << round;
+        // A lost wake-up waits out the full second; a loaded machine can
+        // delay a kept one by more than half of that.
+        ASSERT_LT(waited, std::chrono::milliseconds(900)) << "wake-up lost in round " << round;
     }
 }
 

@@ -8,6 +8,7 @@
 #include <ipc/UnixDomainSocket.h>
 
 #include <string>
+#include <vector>
 
 #include "support/Messages.h"
 #include "support/SocketPairFixture.h"
@@ -27,11 +28,22 @@ class ErrorReasonsTest : public SocketPairFixture {
     }
 };
 
+// Every send and receive of an unbound socket gives -2; those of a whole
+// message log the reason.
 TEST_F(ErrorReasonsTest, UnboundSocket_IsCalledNotBound) {
     ipc::UnixDomainSocket unbound;
+    EXPECT_FALSE(unbound.isBound());
     Message message;
-    EXPECT_EQ(unbound.send(message), -ENOENT);
-    EXPECT_EQ(unbound.recv(&message), -ENOENT);
+    Message::Payload payload;
+    int fd = -1;
+    uint8_t byte = 0;
+    EXPECT_EQ(std::vector<int>({unbound.send(payload), unbound.recv(&payload),
+                                unbound.sendDataAndFileDescriptors(&fd, 1, &byte, 1),
+                                unbound.receiveDataAndFileDescriptors(&fd, 1, &byte, 1),
+                                unbound.send(message), unbound.recv(&message)}),
+              std::vector<int>(6, -ENOENT));
+    EXPECT_EQ(capture.count("send message header failed (socket not bound)"), 1u);
+    EXPECT_EQ(capture.count("recv message header failed (socket not bound)"), 1u);
     ipc::SocketEventHandler handler(FileDescriptor(), ipc::EventType::READ);
     EXPECT_EQ(handler.sendMessage(message), -ENOENT);
     EXPECT_EQ(handler.receiveMessage(&message), -ENOENT);

@@ -16,13 +16,13 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/Messages.h"
+#include "support/ProcessStatus.h"
 #include "support/SocketPairFixture.h"
 #include "support/interpose/ReceiveCalls.h"
 
@@ -47,18 +47,6 @@ constexpr bool kUnderAddressSanitizer = false;
 #else
 constexpr bool kUnderAddressSanitizer = false;
 #endif
-
-// A field of /proc/self/status in KiB ("VmRSS", "VmSize").
-long statusKiB(const std::string& field) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(field + ":", 0) == 0) {
-            return std::stol(line.substr(field.size() + 1));
-        }
-    }
-    return -1;
-}
 
 Bytes patterned(size_t size, uint8_t seed) {
     Bytes bytes(size);

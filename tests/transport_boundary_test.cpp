@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "support/Messages.h"
+#include "support/ProcessStatus.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 #include "support/Waiting.h"
@@ -34,18 +35,6 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::ipc::utils::FunctionRunnable;
 using Clock = std::chrono::steady_clock;
-
-// A field of /proc/self/status in kB ("VmHWM", "VmSize").
-long statusKiB(const std::string& field) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(field + ":", 0) == 0) {
-            return std::stol(line.substr(field.size() + 1));
-        }
-    }
-    return -1;
-}
 
 Message messageOf(uint32_t id, size_t dataBytes, const std::vector<int>& fds) {
     return std::move(*makeMessage(id, std::vector<uint8_t>(dataBytes, 'd'), fds));
@@ -173,6 +162,21 @@ TEST(TransportStallTest, StalledPeer_CostsTheReactorABoundedWaitAndItsNeighbourI
     EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(800));
     EXPECT_EQ(stalledResult.get_future().get(), -ECONNABORTED);
     thread.stop();
+}
+
+// Nothing sets the payload time-out here: the default bound is behaviour too.
+TEST_F(TransportBoundaryTest, StalledPeer_AtTheDefaultBound_CostsAboutASecondThenOutOfStep) {
+    ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, 3, 0));
+    const auto started = Clock::now();
+    auto result = startBlocked([&] {
+        Message message;
+        return receiver.recv(&message);
+    });
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    const auto waited = Clock::now() - started;
+    EXPECT_EQ(result.get(), -ECONNABORTED);
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::seconds(5));  // 1 s, twice that at most, and a loaded machine
 }
 
 TEST_F(TransportBoundaryTest, PeerClosingDuringTheWait_EndsItAtOnce) {

@@ -66,6 +66,16 @@ class TransportSendBoundaryTest : public ::testing::Test {
             records.push_back(std::move(record));
         }
     }
+    // Every record on the wire before and after `send` returns (it waits for
+    // the room the first drain makes); the send's result must be 0.
+    std::vector<RawRecord> drainAround(std::future<int>& send) {
+        std::vector<RawRecord> records = drain();
+        EXPECT_EQ(resultOf(send), 0);
+        for (RawRecord& record : drain()) {
+            records.push_back(std::move(record));
+        }
+        return records;
+    }
     // The next `count` records must be fillers.
     static void expectFillers(const std::vector<RawRecord>& records, size_t count) {
         ASSERT_GE(records.size(), count);
@@ -170,11 +180,7 @@ TEST_F(TransportSendBoundaryTest, LoneHeader_IsOnlyEverReportedAsOutOfStep) {
         const uint32_t id = peerReads ? 1 : 2;
         auto result = startBlocked([this, id] { return sender.send(messageOf(id)); });
         if (peerReads) {
-            std::vector<RawRecord> all = drain();  // makes room for the payload
-            ASSERT_EQ(resultOf(result), 0);
-            for (RawRecord& record : drain()) {
-                all.push_back(std::move(record));
-            }
+            const std::vector<RawRecord> all = drainAround(result);
             expectFillers(all, fillers - 1);
             ASSERT_EQ(all.size(), fillers + 1);
             expectMessage(all, fillers - 1, id);
@@ -210,11 +216,7 @@ TEST_F(TransportSendBoundaryTest, UnboundedSendTimeout_WaitsUntilThePeerReads) {
     handler.setSendTimeout(std::chrono::milliseconds(0));
     auto result = startBlocked([&handler] { return handler.sendMessage(messageOf(1)); });
     EXPECT_EQ(result.wait_for(std::chrono::milliseconds(1500)), std::future_status::timeout);
-    std::vector<RawRecord> records = drain();
-    ASSERT_EQ(resultOf(result), 0);
-    for (RawRecord& record : drain()) {
-        records.push_back(std::move(record));
-    }
+    const std::vector<RawRecord> records = drainAround(result);
     expectFillers(records, fillers);
     ASSERT_EQ(records.size(), fillers + 2);
     expectMessage(records, fillers, 1);

@@ -40,6 +40,10 @@
 // Compatibility: kept as existing callers rely on it. notifyCB() and
 // CBList::notify() notify a condition variable that nothing waits on: they
 // wake nobody (updates and requestExit() wake the workers).
+//
+// Observation (ipc/Statistics.h, ipc/Tracing.h, ipc/StateDump.h):
+// registrations and reply callbacks are counted and traced while that is on;
+// off, each costs one test.
 #pragma once
 
 #include <atomic>
@@ -126,6 +130,8 @@ class IPC_EXPORT CBRegistry {
     [[nodiscard]] bool waitCB();
 
   private:
+    friend class StateDump;  // copies the pending ids under mMutex
+
     utils::Mutex mMutex;
     std::unordered_map<uint32_t, std::function<void(uint8_t)>> mCallbacks IPC_GUARDED_BY(mMutex);
     std::unique_ptr<CBList> mCBList;

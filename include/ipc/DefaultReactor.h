@@ -50,6 +50,10 @@
 // descriptor warns "does not registered before". requestExit() compares
 // errno with -11, which never matches: every failed write of the eventfd is
 // fatal. mCond is never used: it keeps the object layout.
+//
+// Observation (ipc/Statistics.h, ipc/Tracing.h, ipc/StateDump.h): cycles,
+// handler runs and hang-ups are counted and traced while that is on; off, a
+// cycle costs 16 instructions more.
 #pragma once
 
 #include <sysutils/FileDescriptor.h>
@@ -148,6 +152,8 @@ class IPC_EXPORT DefaultReactor {
             IPC_EXCLUDES(mMutex, mListenerLock);
 
   private:
+    friend class StateDump;  // copies the registered descriptors under mMutex
+
     // A registered handler as the loop polls it, kept across cycles until the
     // registrations change: its descriptor, the poll events of its type() and
     // the weak reference (locked only once its descriptor is ready).

@@ -4,12 +4,15 @@
 
 #include <cstring>
 
+#include "Observation.h"
+
 namespace Kestrel::ipc {
 
 ReceivedDescriptors::ReceivedDescriptors(const cmsghdr* rights, size_t count)
     : mRights(rights), mCount(rights != nullptr ? count : 0) {}
 
 ReceivedDescriptors::~ReceivedDescriptors() {
+    observe::dropped(mCount);
     for (size_t i = 0; i < mCount; ++i) {
         int fd;
         std::memcpy(&fd, CMSG_DATA(mRights) + i * sizeof(int), sizeof(fd));

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../internal/TraceFile.h"
+
 namespace Kestrel::ipc::utils {
 
 namespace {
@@ -117,6 +119,7 @@ void Process::closeOpenFileDescriptors(const std::vector<int>& fdsToKeep) {
     IPC_LOGD("[%s] (1)", __func__);
     const int ownFd = dirfd(dir);
     std::vector<int> keep(fdsToKeep);
+    observe::TraceFile::instance().keepOpen(keep);
     std::sort(keep.begin(), keep.end());
     IPC_LOGD("[%s] dirfd(%d) (2)", __func__, ownFd);
     while (const dirent* entry = readdir(dir)) {

@@ -85,9 +85,13 @@ FileDescriptor memoryFile(const std::string& contents) {
 }
 
 std::string contentsOf(int fd) {
-    char buffer[256];
-    const ssize_t n = ::pread(fd, buffer, sizeof(buffer), 0);
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::pread(fd, buffer, sizeof(buffer), static_cast<off_t>(text.size()))) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
 }
 
 pid_t forkPeer(const std::function<int()>& body, unsigned limitSeconds) {

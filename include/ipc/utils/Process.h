@@ -65,7 +65,8 @@ class IPC_EXPORT Process {
     void removeFromObservation(int pid);
 
     // Closes every descriptor of the calling process listed in /proc/self/fd
-    // except those in `fdsToKeep` and the listing's own.
+    // except those in `fdsToKeep`, the listing's own and, while the process
+    // writes a trace file (ipc/Tracing.h), that file's.
     // Meant for a single-threaded moment, such as a freshly forked child.
     static void closeOpenFileDescriptors(const std::vector<int>& fdsToKeep);
 
