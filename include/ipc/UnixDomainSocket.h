@@ -85,8 +85,8 @@
 // buffers from empty with messages of one size, it did for 25 of 177 payload
 // sizes from 0 to 4 KiB (the other 152 gave -11). A sender whose messages
 // are all of such a size meets it far more often: in a 30-minute chaos soak,
-// replies to clients that never read ran out of time 258 times, 252 of them
-// as -103 (docs/reliability.md). It ends in -103 only when the peer then
+// 252 replies to clients that never read ran out of time, every one as -103
+// (docs/reliability.md). It ends in -103 only when the peer then
 // frees less than three quarters of its buffer within the bound (the kernel
 // reports room only then). Avoiding it would cost a system call per message
 // (a poll for room before the header) and, for bursts, three quarters of the
