@@ -32,15 +32,33 @@ RecentLinesLogger sRecentLines;
 
 constexpr const char* kLevelVariable = "VELACAM_LOG_LEVEL";
 
-// Reads kLevelVariable: unset or empty means errors only; otherwise exactly
+// The camera stack's debug property, as the host's property stand-in reads
+// it (the environment, under its own name or upper-cased with underscores):
+// a value of 1 or more asks for debug lines.
+bool debugPropertySet() {
+    for (const char* name : {"vendor.debug.ipc.framework.log", "VENDOR_DEBUG_IPC_FRAMEWORK_LOG"}) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && value[0] != '\0') {
+            char* end = nullptr;
+            const long level = std::strtol(value, &end, 10);
+            return *end == '\0' && level >= 1;
+        }
+    }
+    return false;
+}
+
+// Reads kLevelVariable: unset or empty means errors only, or every level
+// when the debug property asks for debug lines (so that one variable turns
+// them on); otherwise exactly
 // one digit from 1 to 5 (4 passes what 3 does). Anything else is
 // reported once on standard error and leaves errors only, so that a typing
 // mistake is seen instead of silently opening or closing the gate.
 uint32_t detailsLevelFromEnvironment() {
     constexpr uint32_t kErrorsOnly = 1;
+    constexpr uint32_t kEverything = 5;
     const char* value = std::getenv(kLevelVariable);
     if (value == nullptr || value[0] == '\0') {
-        return kErrorsOnly;
+        return debugPropertySet() ? kEverything : kErrorsOnly;
     }
     if (std::strlen(value) == 1 && value[0] >= '1' && value[0] <= '5') {
         return static_cast<uint32_t>(value[0] - '0');

@@ -8,10 +8,11 @@
 // Host defaults: `sMode` 1 (standard error), `sDetailsLevel` 1 (errors only,
 // so a correct run prints nothing), every module in `sNormalDetailsMask`, and
 // a logger that keeps the last lines in memory. The environment variable
-// VELACAM_LOG_LEVEL, read once when this library is loaded, raises the level:
+// VELACAM_LOG_LEVEL, read once when this library is loaded, sets the level:
 // 2 warnings, 3 info, 5 debug (debug lines also need the property
 // "vendor.debug.ipc.framework.log" set to 1). Any other value is reported on
-// standard error and ignored.
+// standard error and ignored. Unset, the level is 5 when the property asks
+// for debug lines, so that the property alone turns them on.
 #pragma once
 
 #include <cstdint>
