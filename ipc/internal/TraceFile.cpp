@@ -87,7 +87,7 @@ TraceFile& TraceFile::instance() {
     // Never destroyed: threads may still trace while the process exits.
     static TraceFile* const sInstance = [] {
         auto* file = new TraceFile;
-        std::atexit([] { TraceFile::instance().finish(); });
+        static_cast<void>(std::atexit([] { TraceFile::instance().finish(); }));
         return file;
     }();
     return *sInstance;
@@ -116,7 +116,7 @@ bool TraceFile::start(const char* path) {
         if (std::fgets(name, sizeof(name), comm) != nullptr) {
             name[std::strcspn(name, "\n")] = '\0';
         }
-        std::fclose(comm);
+        static_cast<void>(std::fclose(comm));
     }
     writeProcessName(creator ? "[\n" : ",\n", mPid, name);
     turnOn(kTraceFile);
@@ -132,13 +132,13 @@ void TraceFile::nameProcess(const char* name) {
 
 void TraceFile::writeProcessName(const char* before, int pid, const char* name) {
     char safe[64] = {};
-    std::snprintf(safe, sizeof(safe), "%s", name);
+    static_cast<void>(std::snprintf(safe, sizeof(safe), "%s", name));
     sanitise(safe);
     char text[kEventRoom];
-    const int length = std::snprintf(
-            text, sizeof(text),
-            "%s{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":%d,\"args\":{\"name\":\"%s\"}}",
-            before, pid, safe);
+    const int length =
+            std::snprintf(text, sizeof(text),
+                          R"(%s{"name":"process_name","ph":"M","pid":%d,"args":{"name":"%s"}})",
+                          before, pid, safe);
     put(mFd, text, static_cast<size_t>(length));
 }
 
@@ -171,7 +171,7 @@ void TraceFile::writeThreadName(int pid, int tid) {
     sNamedFor = pid;
     char name[32] = {};
     if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) {
-        std::snprintf(name, sizeof(name), "thread %d", tid);
+        static_cast<void>(std::snprintf(name, sizeof(name), "thread %d", tid));
     }
     sanitise(name);
     char text[kEventRoom];
@@ -192,13 +192,13 @@ void TraceFile::write(const TraceEvent& event) {
     const int tid = threadId(pid);
     writeThreadName(pid, tid);
     JsonLine line;
-    line.text(",\n{\"name\":\"").text(nameOf(event.kind)).text("\",\"cat\":\"ipc\",\"ph\":\"X\"");
+    line.text(",\n{\"name\":\"").text(nameOf(event.kind)).text(R"(","cat":"ipc","ph":"X")");
     line.text(",\"pid\":").signedNumber(pid).text(",\"tid\":").signedNumber(tid);
     line.text(",\"ts\":")
             .micros(event.beginNs)
             .text(",\"dur\":")
             .micros(event.endNs - event.beginNs);
-    line.text(",\"args\":{\"fd\":").signedNumber(event.fd);
+    line.text(R"(,"args":{"fd":)").signedNumber(event.fd);
     const TracedMessage& m = event.message;
     if (event.hasMessage) {
         line.text(",\"id\":").number(m.id).text(",\"type\":").number(m.type);
@@ -216,9 +216,9 @@ void TraceFile::write(const TraceEvent& event) {
         // wait long before its message comes).
         const int64_t at = *phase == 't' ? event.endNs - 1 : event.beginNs + 1;
         line.text(",\n{\"name\":\"message\",\"cat\":\"ipc\",\"ph\":\"").text(phase);
-        line.text("\",\"id\":").hexString(flowOf(m, kReplyFlag));
+        line.text(R"(","id":)").hexString(flowOf(m, kReplyFlag));
         line.text(",\"pid\":").signedNumber(pid).text(",\"tid\":").signedNumber(tid);
-        line.text(",\"ts\":").micros(at).text(",\"bp\":\"e\"}");
+        line.text(",\"ts\":").micros(at).text(R"(,"bp":"e"})");
     }
     put(mFd, line.data(), line.size());
 }
