@@ -1,42 +1,29 @@
 // A reactor serving one end of a socket pair whose peer answers requests under
 // signals, is killed, or hangs up.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
-#include <ipc/Message.h>
-#include <ipc/MessageHandler.h>
 #include <ipc/SocketEventHandler.h>
-#include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
-#include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
-#include "support/LogCapture.h"
 #include "support/Messages.h"
-#include "support/RawPeer.h"
 #include "support/ReactorThread.h"
-#include "support/Waiting.h"
+#include "support/SocketPairFixture.h"
 
 namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::ipc::utils::FunctionRunnable;
 
 constexpr uint32_t kQuit = 1;  // requests are of type 0
 constexpr uint32_t kFirstId = 100;
@@ -66,7 +53,7 @@ std::string failureLine(int fd, const char* flags) {
     return "fd(" + std::to_string(fd) + "): output event failed: " + flags;
 }
 
-class PeerTest : public ::testing::Test {
+class PeerTest : public SocketPairFixture {
   protected:
     // Records each call of the hang-up listener, then runs `then` inside it.
     void listen(std::function<void(int fd, std::shared_ptr<EventHandler>&)> then) {
@@ -86,10 +73,7 @@ class PeerTest : public ::testing::Test {
         return notices.size();
     }
 
-    ScopedLeakCheck leaks;  // when the whole fixture is gone
-    LogCapture capture;
     DefaultReactor reactor;
-    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     std::mutex noticesLock;
     std::vector<Notice> notices;  // guarded by noticesLock
 };
@@ -101,7 +85,7 @@ std::atomic<int> gSignalsHandled{0};
 
 // Signals without SA_RESTART hit the reactor's thread and the sender.
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    // Forked before any thread starts; writes each answer into the request's pipe.
+    // Forked before the loop starts; writes each answer into the request's pipe.
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         UnixDomainSocket socket;
@@ -128,13 +112,12 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
         }
     });
     pair.second = FileDescriptor();
-    Watchdog watchdog("requests across processes", 60s);
     CBRegistry registry(1);
     std::mutex lock;
     std::condition_variable replied;  // not waitUntil(): signals stretch its sleeps
     std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
     auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-    socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+    socket->setRunnable(std::make_shared<utils::FunctionRunnable>([&, raw = socket.get()] {
         auto reply = std::make_unique<Message>();
         if (raw->receiveMessage(reply.get()) == 0) {
             registry.unRegisterCB(std::move(reply));
@@ -196,7 +179,6 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
 
 // A listener installed while the loop runs.
 TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
-    Watchdog watchdog("peer case", 60s);
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         pause();
@@ -234,7 +216,6 @@ TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
 }
 
 TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds) {
-    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     const int fd = handler->fd();
     listen([&handler](int, std::shared_ptr<EventHandler>& notified) {
@@ -252,7 +233,6 @@ TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds
 
 // A number nobody holds reports POLLNVAL on every cycle.
 TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
-    Watchdog watchdog("peer case", 60s);
     const int stale = pair.first.get();
     pair.first = FileDescriptor();
     listen([this](int, std::shared_ptr<EventHandler>&) {
@@ -274,7 +254,6 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
 
 // A listener installed and taken away leaves the default.
 TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
-    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     listen([](int, std::shared_ptr<EventHandler>&) {});
     reactor.setHangUpListener({});
