@@ -1,14 +1,11 @@
 // SocketEventHandler: the descriptor, the runnable, the fixed-length string.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <ipc/Message.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/FunctionRunnable.h>
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "support/Messages.h"
 #include "support/SocketPairFixture.h"
