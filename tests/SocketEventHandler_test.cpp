@@ -12,18 +12,16 @@
 
 namespace {
 
-namespace ipc = Kestrel::ipc;
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using ipc::EventType;
-using ipc::Message;
-using Kestrel::ipc::utils::FunctionRunnable;
+using utils::FunctionRunnable;
 
 class SocketEventHandlerTest : public SocketPairFixture {
   protected:
-    std::shared_ptr<ipc::SocketEventHandler> receiver =
-            std::make_shared<ipc::SocketEventHandler>(std::move(pair.first), EventType::READ);
-    std::shared_ptr<ipc::SocketEventHandler> sender =
-            std::make_shared<ipc::SocketEventHandler>(std::move(pair.second), EventType::WRITE);
+    std::shared_ptr<SocketEventHandler> receiver =
+            std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    std::shared_ptr<SocketEventHandler> sender =
+            std::make_shared<SocketEventHandler>(std::move(pair.second), EventType::WRITE);
 };
 
 TEST_F(SocketEventHandlerTest, RunsItsRunnableOncePerEventAndOwnsItsDescriptor) {

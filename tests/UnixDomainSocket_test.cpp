@@ -14,10 +14,8 @@
 
 namespace {
 
-namespace ipc = Kestrel::ipc;
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using ipc::Message;
-using ipc::UnixDomainSocket;
 using Bytes = std::vector<uint8_t>;
 
 int socketOption(int fd, int option) {
@@ -40,7 +38,7 @@ TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBuffer
     const int send = kernelBufferSize(98304, "/proc/sys/net/core/wmem_max");
     for (const bool oneWay : {false, true}) {
         SCOPED_TRACE(oneWay ? "one way" : "both ways");
-        const ipc::SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 98304, oneWay);
+        const SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 98304, oneWay);
         const int s0 = pair.first.get();
         const int s1 = pair.second.get();
         EXPECT_EQ(socketOption(s0, SO_RCVBUF), receive);
@@ -54,7 +52,7 @@ TEST(SocketPairTest, CreatePairedSocket_MakesConnectedSeqpacketEndsWithTheBuffer
             EXPECT_EQ(fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
             EXPECT_EQ(fcntl(end, F_GETFL) & O_NONBLOCK, 0);
         }
-        const ipc::SocketPair copy(pair);  // owns duplicates of both ends
+        const SocketPair copy(pair);  // owns duplicates of both ends
         EXPECT_NE(copy.first.get(), s0);
         EXPECT_TRUE(sameFile(copy.first.get(), s0));
         EXPECT_TRUE(sameFile(copy.second.get(), s1));
@@ -69,8 +67,8 @@ class UnixDomainSocketTest : public RawPeerTest {
 };
 
 TEST_F(UnixDomainSocketTest, WireFormat_IsAHeaderRecordThenADataRecordWithTheDescriptors) {
-    const std::vector<ipc::Poller::PollEvent> readable{{near, POLLIN}};
-    ipc::Poller poller = receiver.getPoller(POLLIN);
+    const std::vector<Poller::PollEvent> readable{{near, POLLIN}};
+    Poller poller = receiver.getPoller(POLLIN);
     EXPECT_EQ(poller.registeredPollEvents(), readable);
     FileDescriptor second = memoryFile("second");
     const auto message = makeMessage(7, {'a', 'b', 'c'}, {file.get(), second.get()});
@@ -111,7 +109,7 @@ TEST_F(UnixDomainSocketTest, RoundTrip_DeliversHeaderDataAndNewDescriptorsForThe
     ASSERT_EQ(payload.fds.size(), 1u);
     EXPECT_NE(payload.fds[0], file.get());
     EXPECT_TRUE(sameFile(payload.fds[0], file.get()));
-    ipc::MessageHandler().handleMessage(received);  // closes what arrived
+    MessageHandler().handleMessage(received);  // closes what arrived
 
     // The same message object takes the next one: the old payload goes.
     ASSERT_EQ(receiver.recv(&received), 0);

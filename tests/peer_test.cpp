@@ -92,22 +92,17 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
         socket.bind(std::move(pair.second));
         for (uint32_t served = 0;; ++served) {
             Message request;
-            if (socket.recv(&request) != 0) {
-                return 1;
-            }
-            if (request.type() == kQuit) {
-                return served == kRequests ? 0 : 2;
+            if (socket.recv(&request) != 0 || request.type() == kQuit) {
+                return request.type() == kQuit && served == kRequests ? 0 : 1;
             }
             const Message::Payload payload = request.payload();
             const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
-            if (payload.fds.size() != 1 || write(payload.fds[0], &answer, 1) != 1) {
-                return 3;
-            }
             const auto reply = makeMessage(request.id(), {answer});
             reply->setHeader(request.id(), 0, Message::kFlagReply, 1, 0);
-            MessageHandler().handleMessage(request);
-            if (socket.send(*reply) != 0) {
-                return 4;
+            const bool written = payload.fds.size() == 1 && write(payload.fds[0], &answer, 1) == 1;
+            MessageHandler().handleMessage(request);  // closed before the reply goes
+            if (!written || socket.send(*reply) != 0) {
+                return 2;
             }
         }
     });
