@@ -45,11 +45,11 @@ void expectMessageAt(const std::vector<RawRecord>& records, size_t at, uint32_t 
     EXPECT_EQ(records[at + 1].result, static_cast<ssize_t>(dataBytes));
 }
 
-// Both ends of a pair with 16 KiB buffers (the kernel doubles them). The
-// library sends on `sender`; the test reads the other end raw.
-class TransportSendBoundaryTest : public ::testing::Test {
+// 16 KiB buffers: the library sends on `sender` (the far end), the test reads
+// the near end raw.
+class TransportSendBoundaryTest : public SocketPairFixture {
   protected:
-    TransportSendBoundaryTest() { sender.bind(std::move(pair.second)); }
+    TransportSendBoundaryTest() : SocketPairFixture(16384) { sender.bind(std::move(pair.second)); }
 
     // Fills the send buffer until the kernel takes no more record of any size.
     size_t fill() {
@@ -82,12 +82,6 @@ class TransportSendBoundaryTest : public ::testing::Test {
         return records;
     }
 
-    ScopedLeakCheck leaks;  // first member: checked last
-    LogCapture capture;
-    Watchdog watchdog{"send boundary case", std::chrono::seconds(60)};
-    FileDescriptor file = memoryFile("payload");
-    SocketPair pair = UnixDomainSocket::createPairedSocket(16384, 16384, false);
-    const int far = pair.second.get();  // the sending end: its send buffer is 16 KiB
     FileDescriptor& peer = pair.first;
     UnixDomainSocket sender;
 };

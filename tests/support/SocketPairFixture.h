@@ -18,12 +18,15 @@ namespace velacam::test {
 
 class SocketPairFixture : public ::testing::Test {
   protected:
+    // Both ends' buffers are asked for `bufferSize` bytes (the kernel doubles them).
+    explicit SocketPairFixture(int bufferSize = 65536)
+        : pair(Kestrel::ipc::UnixDomainSocket::createPairedSocket(bufferSize, bufferSize, false)) {}
+
     ScopedLeakCheck leaks;  // first member: checked last
     LogCapture capture;     // before any thread starts
     Watchdog watchdog{"socket pair case", std::chrono::seconds(60)};
     FileDescriptor file = memoryFile("payload");
-    Kestrel::ipc::SocketPair pair =
-            Kestrel::ipc::UnixDomainSocket::createPairedSocket(65536, 65536, false);
+    Kestrel::ipc::SocketPair pair;
     const int near = pair.first.get();
     const int far = pair.second.get();
 };
