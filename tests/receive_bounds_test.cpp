@@ -1,7 +1,5 @@
-// What a receive may cost and hand over, whatever the peer sends: the buffers
-// offered to the kernel, the memory a receiving thread keeps, records longer
-// or shorter than announced, a receive during the thread's teardown, and
-// close-on-exec on every descriptor received.
+// What a receive may cost and hand over, whatever the peer sends: buffers
+// offered to the kernel, memory kept, teardown, close-on-exec.
 #include <errno.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -38,9 +36,8 @@ auto onFreshThread(Body body) {
     return result.get();
 }
 
-// Every receive of every case is watched: a 32-bit kernel fails a vector
-// longer than 2 GiB, so none may offer more than the inline maximum, and a
-// one-call receive offers a header record and one payload record.
+// Every receive is watched: none may offer more than the inline maximum (a
+// 32-bit kernel fails a vector over 2 GiB); a one-call one offers two records.
 class ReceiveBoundsTest : public RawPeerTest {
   protected:
     ~ReceiveBoundsTest() override { EXPECT_EQ(oversized.load(), 0); }
@@ -59,9 +56,8 @@ class ReceiveBoundsTest : public RawPeerTest {
             }};
 };
 
-// Small, past a new message's room, the largest, longer than announced, small
-// for long enough to be taken two at a time, mid-sized ones (given room the
-// size of the last), long ones: each arrives whole, and the next in step.
+// Records small, past a new message's room, longest, longer than announced,
+// taken two at a time, mid-sized: each arrives whole, the next in step.
 TEST_F(ReceiveBoundsTest, NoReceiveOffersTheKernelMoreThanTheInlineMaximum) {
     std::vector<std::pair<uint32_t, size_t>> sequence = {{0, 0},     {64, 64},       {232, 232},
                                                          {233, 233}, {kMost, kMost}, {10, kMost}};
@@ -160,10 +156,8 @@ struct TeardownReceiver {
 
 thread_local TeardownReceiver tReceiverAfterTheBuffer;
 
-// From a thread_local destroyed after the library's per-thread state, a
-// thread-exit destructor run after the library's, and an exit handler, each
-// with a payload that does not fit its message's room: none may write into
-// memory the thread no longer has.
+// From a late thread_local destructor, a late thread-exit key destructor and
+// an exit handler: none may write into memory the thread no longer has.
 TEST_F(ReceiveBoundsTest, ReceivesDuringTeardown_StillTakeWholeMessages) {
     const auto queueTwo = [this](uint32_t id) {
         sendRaw(id, 8, patterned(8, 1));
@@ -210,9 +204,8 @@ TEST_F(ReceiveBoundsTest, ReceivesDuringTeardown_StillTakeWholeMessages) {
     EXPECT_EQ(waitPeer(child), 0);
 }
 
-// Refused with the descriptors closed (the fixture checks) and the stream in
-// step, on both ways of reading a message; descriptors a header did not
-// announce are closed whatever the record's length.
+// Refused, or unannounced descriptors dropped, with every descriptor closed
+// (the fixture checks) and the stream in step, on both ways of reading.
 TEST_F(ReceiveBoundsTest, RecordsLongerThanTheMaximumOrShorterThanAnnounced_AreRefused) {
     struct Case {
         const char* what;
@@ -252,9 +245,8 @@ TEST_F(ReceiveBoundsTest, RecordsLongerThanTheMaximumOrShorterThanAnnounced_AreR
     }
 }
 
-// A receive keeps little beyond the thread's buffer, however large the
-// records or the announcements (1 GiB for 3 bytes once cost 2 GiB at its
-// peak). Measured in a child, where nothing else runs.
+// Little is kept beyond the thread's buffer, whatever the records or the
+// announcements (1 GiB for 3 bytes once peaked at 2 GiB). Measured in a child.
 TEST_F(ReceiveBoundsTest, ResidentMemory_StaysNearWhatWellFormedMessagesHold) {
     const int status = onFreshThread([this] {
         return waitPeer(forkPeer([this] {

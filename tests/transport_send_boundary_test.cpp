@@ -1,7 +1,5 @@
-// The send side of the transport against a peer that stops reading or goes
-// away, and against a careless caller: a message leaves whole or not at all,
-// a full buffer is waited on within the send time-out, and a lone header is
-// only ever reported as out of step (-103).
+// The send against a peer that stops reading or goes away, and a careless
+// caller: a message leaves whole or not at all, within the send time-out.
 #include <errno.h>
 #include <ipc/SocketEventHandler.h>
 #include <unistd.h>
@@ -86,8 +84,7 @@ class TransportSendBoundaryTest : public SocketPairFixture {
     UnixDomainSocket sender;
 };
 
-// The send time-out as it ships: a peer that stops reading (a stopped or
-// hung process) costs a sender about 1 s, then the send gives up.
+// At the default time-out a peer that stops reading costs a sender about 1 s.
 TEST_F(TransportSendBoundaryTest, PeerThatNeverReads_ReturnsWithinTheDefaultBound) {
     struct Outcome {
         int result;
@@ -128,9 +125,8 @@ TEST_F(TransportSendBoundaryTest, PeerThatNeverReads_ReturnsWithinTheDefaultBoun
     expectMessageAt(again, 0, last.failedId);
 }
 
-// The header went and the payload record found no room: the send waits for
-// room for the payload within its bound; past it, the result is -103 and
-// never success, since the peer now holds a header without its payload.
+// The header went, its payload found no room: the send waits within its bound,
+// then says -103 (out of step), never success.
 TEST_F(TransportSendBoundaryTest, LoneHeader_IsOnlyEverReportedAsOutOfStep) {
     for (const bool peerReads : {true, false}) {
         SCOPED_TRACE(peerReads ? "the peer reads during the wait" : "the peer never reads");
@@ -158,8 +154,7 @@ TEST_F(TransportSendBoundaryTest, LoneHeader_IsOnlyEverReportedAsOutOfStep) {
     }
 }
 
-// The peer leaves records unread, which the kernel reports once as a reset;
-// every send after that finds the pipe broken.
+// Records left unread: the kernel reports a reset once, then a broken pipe.
 TEST_F(TransportSendBoundaryTest, PeerClosingDuringTheWaitForRoom_EndsItAtOnce) {
     fill();
     sender.setSendTimeout(std::chrono::seconds(30));
@@ -169,8 +164,7 @@ TEST_F(TransportSendBoundaryTest, PeerClosingDuringTheWaitForRoom_EndsItAtOnce) 
     EXPECT_EQ(sender.send(messageOf(2)), -EPIPE);
 }
 
-// 0 keeps the wait of a blocking socket: as long as the peer takes, here
-// longer than the default bound. Set through the handler that owns a socket.
+// 0, set through the owning handler, waits as long as the peer takes.
 TEST_F(TransportSendBoundaryTest, UnboundedSendTimeout_WaitsUntilThePeerReads) {
     SocketEventHandler handler(FileDescriptor(::dup(far), 0), EventType::WRITE);
     const size_t fillers = fill();
