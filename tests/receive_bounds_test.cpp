@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -147,19 +148,17 @@ int receivePatterned(UnixDomainSocket& socket) {
     return received != 0 ? received : message.payload().data == patterned(50000, 9) ? 0 : 1;
 }
 
-// Receives on the destruction of a thread_local copy.
-struct TeardownReceiver {
-    UnixDomainSocket* socket = nullptr;
-    std::promise<int>* result = nullptr;
-
-    ~TeardownReceiver() {
-        if (socket != nullptr) {
-            result->set_value(receivePatterned(*socket));
+// Runs `run` when destroyed: as a thread_local, at its thread's exit.
+struct AtDestruction {
+    std::function<void()> run;
+    ~AtDestruction() {
+        if (run) {
+            run();
         }
     }
 };
 
-thread_local TeardownReceiver tReceiverAfterTheBuffer;
+thread_local AtDestruction tAfterTheBuffer;
 
 // From a late thread_local destructor, a late thread-exit key destructor and
 // an exit handler: none may write into memory the thread no longer has.
@@ -169,31 +168,26 @@ TEST_F(ReceiveBoundsTest, ReceivesDuringTeardown_StillTakeWholeMessages) {
         sendRaw(id + 1, 50000, patterned(50000, 9));
     };
     std::promise<int> fromThreadLocal;
+    std::promise<int> fromKey;
+    std::function<void()> receiveIntoKey = [&] { fromKey.set_value(receivePatterned(receiver)); };
     queueTwo(1);
     std::thread([&] {
-        tReceiverAfterTheBuffer.socket = &receiver;  // constructed before the first receive
-        tReceiverAfterTheBuffer.result = &fromThreadLocal;
-        Message first;
+        tAfterTheBuffer.run = [&] { fromThreadLocal.set_value(receivePatterned(receiver)); };
+        Message first;  // the thread_local was constructed before this first receive
         EXPECT_EQ(receiver.recv(&first), 0);
     }).join();
     EXPECT_EQ(fromThreadLocal.get_future().get(), 0);
-
-    static std::promise<int>* fromKey = nullptr;
-    static UnixDomainSocket* keySocket = nullptr;
-    std::promise<int> keyResult;
-    fromKey = &keyResult;
-    keySocket = &receiver;
     queueTwo(3);
     std::thread([&] {
         Message first;
         EXPECT_EQ(receiver.recv(&first), 0);
         pthread_key_t key;  // created after the library's: its destructor runs later
         ASSERT_EQ(pthread_key_create(
-                          &key, [](void*) { fromKey->set_value(receivePatterned(*keySocket)); }),
+                          &key, [](void* run) { (*static_cast<std::function<void()>*>(run))(); }),
                   0);
-        pthread_setspecific(key, &key);
+        pthread_setspecific(key, &receiveIntoKey);
     }).join();
-    EXPECT_EQ(keyResult.get_future().get(), 0);
+    EXPECT_EQ(fromKey.get_future().get(), 0);
 
     // An exit handler runs after the thread_local destructors of exit()'s thread.
     const pid_t child = forkPeer([this] {
