@@ -1,32 +1,27 @@
 // SocketEventHandler: the descriptor, the runnable, the fixed-length string.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <ipc/Message.h>
 #include <ipc/SocketEventHandler.h>
 #include <ipc/utils/FunctionRunnable.h>
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "support/Messages.h"
 #include "support/SocketPairFixture.h"
 
 namespace {
 
-namespace ipc = Kestrel::ipc;
+using namespace Kestrel::ipc;
 using namespace velacam::test;
-using ipc::EventType;
-using ipc::Message;
-using Kestrel::ipc::utils::FunctionRunnable;
+using utils::FunctionRunnable;
 
 class SocketEventHandlerTest : public SocketPairFixture {
   protected:
-    std::shared_ptr<ipc::SocketEventHandler> receiver =
-            std::make_shared<ipc::SocketEventHandler>(std::move(pair.first), EventType::READ);
-    std::shared_ptr<ipc::SocketEventHandler> sender =
-            std::make_shared<ipc::SocketEventHandler>(std::move(pair.second), EventType::WRITE);
+    std::shared_ptr<SocketEventHandler> receiver =
+            std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
+    std::shared_ptr<SocketEventHandler> sender =
+            std::make_shared<SocketEventHandler>(std::move(pair.second), EventType::WRITE);
 };
 
 TEST_F(SocketEventHandlerTest, RunsItsRunnableOncePerEventAndOwnsItsDescriptor) {

@@ -2,49 +2,36 @@
 // handed out, stays stoppable, keeps alive what still runs and ends the
 // process only saying why.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/CountingSemaphore.h>
 #include <ipc/DefaultReactor.h>
 #include <ipc/DequeHandler.h>
-#include <ipc/Message.h>
-#include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
-#include <ipc/MessageQueue.h>
 #include <ipc/MessageTable.h>
 #include <ipc/SocketEventHandler.h>
-#include <ipc/SocketPair.h>
-#include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <ipc/utils/Thread.h>
 #include <ipc/utils/ThreadPool.h>
 #include <sys/eventfd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <list>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
-#include "support/LogCapture.h"
 #include "support/Messages.h"
 #include "support/ProcessStatus.h"
-#include "support/RawPeer.h"
 #include "support/ReactorThread.h"
-#include "support/Waiting.h"
+#include "support/SocketPairFixture.h"
 
 namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::ipc::utils::FunctionRunnable;
+// With a leak check, a log capture and a watchdog; the raw peer is for the payload wait.
+using CarelessCallerTest = RawPeerTest;
 
 // Ends its loop when it handles a message.
 class ExitingHandler : public MessageHandler {
@@ -64,8 +51,7 @@ std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
     return message;
 }
 
-TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTheirDescriptors) {
-    const ScopedLeakCheck leaks;
+TEST_F(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTheirDescriptors) {
     CBRegistry registry(1);
     registry.unRegisterCB(replyWithDescriptor(7));  // nobody registered 7
     int status = -1;
@@ -75,7 +61,6 @@ TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTh
     MessageQueue exited;
     exited.requestExit();
     exited.enqueueMessage(replyWithDescriptor(9), 0ms);
-
     MessageQueue queue;
     queue.enqueueMessage(replyWithDescriptor(1), 0ms);
     registry.updateCBList(replyWithDescriptor(2));
@@ -84,8 +69,7 @@ TEST(CarelessCallerTest, DroppedRepliesLateEnqueuesAndContainersGoingAwayCloseTh
     table.update(replyWithDescriptor(5));
 }
 
-TEST(CarelessCallerTest, ReusedOutParameters_LeaveTheDescriptorsTakenFromThemOpen) {
-    const ScopedLeakCheck leaks;
+TEST_F(CarelessCallerTest, ReusedOutParameters_LeaveTheDescriptorsTakenFromThemOpen) {
     MessageTable table(1);
     CBRegistry registry(1);
     table.update(replyWithDescriptor(1));
@@ -97,7 +81,6 @@ TEST(CarelessCallerTest, ReusedOutParameters_LeaveTheDescriptorsTakenFromThemOpe
     // The consumer takes the descriptors: from now on they are its own.
     const FileDescriptor fromTable(list.front()->payload().fds.at(0), 0);
     const FileDescriptor fromList(pointer->payload().fds.at(0), 0);
-
     table.update(makeMessage(2));
     registry.updateCBList(makeMessage(2));
     ASSERT_TRUE(table.extract(list));
@@ -106,30 +89,23 @@ TEST(CarelessCallerTest, ReusedOutParameters_LeaveTheDescriptorsTakenFromThemOpe
     EXPECT_TRUE(isOpen(fromList.get()));
 }
 
-TEST(CarelessCallerTest, MovedFromMessagesDroppedByAQueueLoopOrTable_DoNotEndTheProcess) {
+TEST_F(CarelessCallerTest, MovedFromMessagesDroppedByAQueueLoopOrTable_DoNotEndTheProcess) {
     const auto movedFrom = [] {
         auto message = makeMessage(1, {1}, {eventfd(0, EFD_CLOEXEC)});
         Message taken = std::move(*message);
         const FileDescriptor descriptor(taken.payload().fds.at(0), 0);
         return message;
     };
-    const ScopedLeakCheck leaks;
-    Watchdog watchdog("moved-from messages", 20s);
     MessageQueue exited;
     exited.requestExit();
     exited.enqueueMessage(movedFrom(), 0ms);
-    {
-        MessageQueue queue;
-        queue.enqueueMessage(movedFrom(), 0ms);
-    }
-    // A moved-from message has no handler: the loop drops it, then the
-    // next message ends the loop.
+    MessageQueue().enqueueMessage(movedFrom(), 0ms);
+    // Having no handler, it is dropped; the next message ends the loop.
     MessageLoop loop;
     loop.messageQueue().enqueueMessage(movedFrom(), 0ms);
     loop.messageQueue().enqueueMessage(
             makeMessage(2, {}, {}, std::make_shared<ExitingHandler>(loop)), 0ms);
     loop.dispatchMessages();
-
     MessageTable table(1);
     table.update(makeMessage(3));
     std::list<std::unique_ptr<Message>> list;
@@ -141,7 +117,7 @@ TEST(CarelessCallerTest, MovedFromMessagesDroppedByAQueueLoopOrTable_DoNotEndThe
     ASSERT_TRUE(registry.extractCBList(pointer));
 }
 
-TEST(CarelessCallerTest, DroppingAMessage_ClosesItsDescriptorsWithoutCopyingItsPayload) {
+TEST_F(CarelessCallerTest, DroppingAMessage_ClosesItsDescriptorsWithoutCopyingItsPayload) {
     constexpr long kPayloadKiB = 16 * 1024;
     auto message = makeMessage(1, std::vector<uint8_t>(kPayloadKiB * 1024, 'd'),
                                {eventfd(0, EFD_CLOEXEC)});
@@ -155,7 +131,7 @@ TEST(CarelessCallerTest, DroppingAMessage_ClosesItsDescriptorsWithoutCopyingItsP
     EXPECT_FALSE(isOpen(descriptor));
 }
 
-TEST(CarelessCallerTest, AcquireAllWithAnEmptyFunction_TakesTheUnitsWithoutThrowing) {
+TEST_F(CarelessCallerTest, AcquireAllWithAnEmptyFunction_TakesTheUnitsWithoutThrowing) {
     CountingSemaphore semaphore(1);
     semaphore.release(2);
     EXPECT_NO_THROW(semaphore.acquireAllWith({}));
@@ -164,35 +140,24 @@ TEST(CarelessCallerTest, AcquireAllWithAnEmptyFunction_TakesTheUnitsWithoutThrow
     blocked.get();
 }
 
-TEST(CarelessCallerTest, HugePayloadTimeout_StillWaitsForALatePayload) {
-    const ScopedLeakCheck leaks;
-    Watchdog watchdog("late payload", 20s);
-    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
-    // Non-blocking: the wait for the payload is the library's own, up to its
-    // deadline.
-    ASSERT_EQ(fcntl(pair.first.get(), F_SETFL, O_NONBLOCK), 0);
-    UnixDomainSocket receiver;
-    receiver.bind(std::move(pair.first));
+// Non-blocking: the wait for the payload is the library's own, up to its deadline.
+TEST_F(CarelessCallerTest, HugePayloadTimeout_StillWaitsForALatePayload) {
+    ASSERT_EQ(fcntl(near, F_SETFL, O_NONBLOCK), 0);
     receiver.setPayloadTimeout(std::chrono::milliseconds::max());
-    const int peer = pair.second.get();
-    ASSERT_TRUE(writeHeaderRecord(peer, 7, 3, 0));
-    std::thread late([peer, self = gettid()] {
+    ASSERT_TRUE(writeHeaderRecord(peer.get(), 7, 3, 0));
+    std::thread late([this, self = gettid()] {
         waitUntilAsleep(self);
-        EXPECT_EQ(writeRecord(peer, "abc", 3, {}), 3);
+        EXPECT_EQ(writeRecord(peer.get(), "abc", 3, {}), 3);
     });
     Message received;
     EXPECT_EQ(receiver.recv(&received), 0);
     late.join();
-    EXPECT_EQ(received.id(), 7u);
     EXPECT_EQ(received.payload().data, (std::vector<uint8_t>{'a', 'b', 'c'}));
 }
 
-TEST(CarelessCallerTest, LoopWithFailingWaitsStillReturnsAfterRequestExit) {
-    LogCapture capture;
+TEST_F(CarelessCallerTest, LoopWithFailingWaitsStillReturnsAfterRequestExit) {
     DefaultReactor reactor;
-    auto handler = std::make_shared<EventFdHandler>();
-    ASSERT_TRUE(reactor.registerEventHandler(handler));
-    Watchdog watchdog("loop with a negative time-out", 10s);
+    ASSERT_TRUE(reactor.registerEventHandler(std::make_shared<EventFdHandler>()));
     ReactorThread loop(reactor, std::chrono::milliseconds(-1));
     ASSERT_TRUE(capture.waitFor("poll failed(Invalid argument) errno(22)"));
     loop.stop();  // hangs, and the watchdog fires, if the loop keeps turning
@@ -205,8 +170,7 @@ class SelfReplacingRunnable : public utils::Runnable {
         : mHandler(handler), mDestroyed(destroyed) {}
     ~SelfReplacingRunnable() override { mDestroyed = true; }
     void run() override {
-        std::shared_ptr<utils::Runnable> none;
-        mHandler.setRunnable(std::move(none));
+        mHandler.setRunnable(std::shared_ptr<utils::Runnable>());
         EXPECT_FALSE(mDestroyed) << "destroyed while it ran";
         ++mRuns;  // touches itself: a heap-use-after-free under ASan otherwise
     }
@@ -217,16 +181,14 @@ class SelfReplacingRunnable : public utils::Runnable {
     int mRuns = 0;
 };
 
-TEST(CarelessCallerTest, RunnableReplacingItselfLivesUntilItReturns) {
+TEST_F(CarelessCallerTest, RunnableReplacingItselfLivesUntilItReturns) {
     std::atomic<bool> destroyed{false};
     DequeHandler deque(1);
     deque.setRunnable(std::make_shared<SelfReplacingRunnable<DequeHandler>>(deque, destroyed));
     deque.handleDeque();
     EXPECT_TRUE(destroyed);
-
     destroyed = false;
-    SocketEventHandler socket(Kestrel::utils::sys::FileDescriptor(eventfd(0, EFD_CLOEXEC), 0),
-                              EventType::READ);
+    SocketEventHandler socket(FileDescriptor(eventfd(0, EFD_CLOEXEC), 0), EventType::READ);
     socket.setRunnable(
             std::make_shared<SelfReplacingRunnable<SocketEventHandler>>(socket, destroyed));
     socket.handleEvent();
@@ -237,16 +199,13 @@ TEST(CarelessCallerTest, RunnableReplacingItselfLivesUntilItReturns) {
 class ResponseCheckCounter : public LogCapture {
   public:
     void record(uint32_t, const char*, uint32_t, const char* text, int) override {
-        if (std::strstr(text, "waitResponse timed out") != nullptr) {
-            ++checks;
-        }
+        checks += std::strstr(text, "waitResponse timed out") != nullptr;
     }
     std::atomic<int> checks{0};
 };
 
-TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
+TEST_F(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
     ResponseCheckCounter counter;
-    Watchdog watchdog("reply rounds", 60s);
     for (int round = 0; round < 3000; ++round) {
         Message message;
         message.setHeader(static_cast<uint32_t>(round), 0, 0, 0, 0);
@@ -264,8 +223,8 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
         message.setHeader(static_cast<uint32_t>(round), 0, Message::kFlagReply, 0, 0);
         message.signalResponse();
         waiter.join();
-        // A lost wake-up waits out the full second; a loaded machine can
-        // delay a kept one by more than half of that.
+        // A lost wake-up waits out the full second; a kept one, on a loaded
+        // machine, up to half of that.
         ASSERT_LT(waited, std::chrono::milliseconds(900)) << "wake-up lost in round " << round;
     }
 }
@@ -273,12 +232,8 @@ TEST(CarelessCallerTest, ReplySignalledRightAfterTheWaitersCheckIsNotLost) {
 using CarelessCallerDeathTest = ::testing::Test;
 
 TEST_F(CarelessCallerDeathTest, ThrowingTaskOrRunnableEndsTheProcessNamingTheException) {
-    EXPECT_DEATH(
-            {
-                utils::ThreadPool pool(1);
-                pool.addTask([] { throw std::runtime_error("careless task"); });
-            },
-            "thread pool task threw an exception: careless task");
+    EXPECT_DEATH(utils::ThreadPool(1).addTask([] { throw std::runtime_error("careless task"); }),
+                 "thread pool task threw an exception: careless task");
     EXPECT_DEATH(
             {
                 utils::Thread thread(

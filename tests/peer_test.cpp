@@ -1,42 +1,29 @@
 // A reactor serving one end of a socket pair whose peer answers requests under
 // signals, is killed, or hangs up.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
-#include <ipc/Message.h>
-#include <ipc/MessageHandler.h>
 #include <ipc/SocketEventHandler.h>
-#include <ipc/UnixDomainSocket.h>
 #include <ipc/utils/FunctionRunnable.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
-#include "support/Descriptors.h"
 #include "support/EventFdHandler.h"
-#include "support/LogCapture.h"
 #include "support/Messages.h"
-#include "support/RawPeer.h"
 #include "support/ReactorThread.h"
-#include "support/Waiting.h"
+#include "support/SocketPairFixture.h"
 
 namespace {
 
 using namespace Kestrel::ipc;
 using namespace velacam::test;
-using Kestrel::ipc::utils::FunctionRunnable;
 
 constexpr uint32_t kQuit = 1;  // requests are of type 0
 constexpr uint32_t kFirstId = 100;
@@ -66,7 +53,7 @@ std::string failureLine(int fd, const char* flags) {
     return "fd(" + std::to_string(fd) + "): output event failed: " + flags;
 }
 
-class PeerTest : public ::testing::Test {
+class PeerTest : public SocketPairFixture {
   protected:
     // Records each call of the hang-up listener, then runs `then` inside it.
     void listen(std::function<void(int fd, std::shared_ptr<EventHandler>&)> then) {
@@ -86,10 +73,7 @@ class PeerTest : public ::testing::Test {
         return notices.size();
     }
 
-    ScopedLeakCheck leaks;  // when the whole fixture is gone
-    LogCapture capture;
     DefaultReactor reactor;
-    SocketPair pair = UnixDomainSocket::createPairedSocket(65536, 65536, false);
     std::mutex noticesLock;
     std::vector<Notice> notices;  // guarded by noticesLock
 };
@@ -101,40 +85,34 @@ std::atomic<int> gSignalsHandled{0};
 
 // Signals without SA_RESTART hit the reactor's thread and the sender.
 TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSignals) {
-    // Forked before any thread starts; writes each answer into the request's pipe.
+    // Forked before the loop starts; writes each answer into the request's pipe.
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         UnixDomainSocket socket;
         socket.bind(std::move(pair.second));
         for (uint32_t served = 0;; ++served) {
             Message request;
-            if (socket.recv(&request) != 0) {
-                return 1;
-            }
-            if (request.type() == kQuit) {
-                return served == kRequests ? 0 : 2;
+            if (socket.recv(&request) != 0 || request.type() == kQuit) {
+                return request.type() == kQuit && served == kRequests ? 0 : 1;
             }
             const Message::Payload payload = request.payload();
             const uint8_t answer = payload.data.empty() ? 0 : answerFor(payload.data[0]);
-            if (payload.fds.size() != 1 || write(payload.fds[0], &answer, 1) != 1) {
-                return 3;
-            }
             const auto reply = makeMessage(request.id(), {answer});
             reply->setHeader(request.id(), 0, Message::kFlagReply, 1, 0);
-            MessageHandler().handleMessage(request);
-            if (socket.send(*reply) != 0) {
-                return 4;
+            const bool written = payload.fds.size() == 1 && write(payload.fds[0], &answer, 1) == 1;
+            MessageHandler().handleMessage(request);  // closed before the reply goes
+            if (!written || socket.send(*reply) != 0) {
+                return 2;
             }
         }
     });
     pair.second = FileDescriptor();
-    Watchdog watchdog("requests across processes", 60s);
     CBRegistry registry(1);
     std::mutex lock;
     std::condition_variable replied;  // not waitUntil(): signals stretch its sleeps
     std::map<uint32_t, std::vector<uint8_t>> statuses;  // guarded by lock
     auto socket = std::make_shared<SocketEventHandler>(std::move(pair.first), EventType::READ);
-    socket->setRunnable(std::make_shared<FunctionRunnable>([&, raw = socket.get()] {
+    socket->setRunnable(std::make_shared<utils::FunctionRunnable>([&, raw = socket.get()] {
         auto reply = std::make_unique<Message>();
         if (raw->receiveMessage(reply.get()) == 0) {
             registry.unRegisterCB(std::move(reply));
@@ -196,7 +174,6 @@ TEST_F(PeerTest, RequestsWithDescriptorsAreAnsweredOnceAcrossProcessesUnderSigna
 
 // A listener installed while the loop runs.
 TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
-    Watchdog watchdog("peer case", 60s);
     const pid_t child = forkPeer([this] {
         pair.first = FileDescriptor();
         pause();
@@ -234,7 +211,6 @@ TEST_F(PeerTest, KilledPeer_IsNoticedOnceOnTheLoopThreadAndTheLoopBlocksAgain) {
 }
 
 TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds) {
-    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     const int fd = handler->fd();
     listen([&handler](int, std::shared_ptr<EventHandler>& notified) {
@@ -252,7 +228,6 @@ TEST_F(PeerTest, ListenerThatDropsTheHandler_EndsItsRegistrationWhenTheCycleEnds
 
 // A number nobody holds reports POLLNVAL on every cycle.
 TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNothing) {
-    Watchdog watchdog("peer case", 60s);
     const int stale = pair.first.get();
     pair.first = FileDescriptor();
     listen([this](int, std::shared_ptr<EventHandler>&) {
@@ -274,7 +249,6 @@ TEST_F(PeerTest, InvalidDescriptor_IsNoticedOnEveryCycleWhileTheListenerDoesNoth
 
 // A listener installed and taken away leaves the default.
 TEST_F(PeerTest, WithoutAListener_TheHangUpIsLoggedOnEveryCycleAndNotDispatched) {
-    Watchdog watchdog("peer case", 60s);
     auto handler = std::make_shared<Watched>(std::move(pair.first));
     listen([](int, std::shared_ptr<EventHandler>&) {});
     reactor.setHangUpListener({});

@@ -1,27 +1,21 @@
-// What a receive may cost and hand over, whatever the peer sends: the buffers
-// offered to the kernel, the memory a receiving thread keeps, records longer
-// or shorter than announced, a receive during the thread's teardown, and
-// close-on-exec on every descriptor received.
+// What a receive may cost and hand over, whatever the peer sends: buffers
+// offered to the kernel, memory kept, teardown, close-on-exec.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <ipc/Message.h>
-#include <ipc/UnixDomainSocket.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <functional>
 #include <future>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
-#include "support/Messages.h"
 #include "support/ProcessStatus.h"
 #include "support/SocketPairFixture.h"
 #include "support/interpose/ReceiveCalls.h"
@@ -33,31 +27,10 @@ using namespace velacam::test;
 using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kMost = UnixDomainSocket::kMaxInlineData;
+// Both records in one call, and a record at a time.
+const std::chrono::milliseconds kPayloadTimeouts[] = {1000ms, 0ms};
 
-// AddressSanitizer keeps freed memory (its quarantine) and stack frames (its
-// fake stacks) resident: there the resident size says nothing of the library.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kUnderAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kUnderAddressSanitizer = true;
-#else
-constexpr bool kUnderAddressSanitizer = false;
-#endif
-#else
-constexpr bool kUnderAddressSanitizer = false;
-#endif
-
-Bytes patterned(size_t size, uint8_t seed) {
-    Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 13 + seed);
-    }
-    return bytes;
-}
-
-// Runs `body` on a new thread and returns its result: a thread that has not
-// received yet.
+// Runs `body` on a thread that has not received yet, and returns its result.
 template <typename Body>
 auto onFreshThread(Body body) {
     auto result = std::async(std::launch::async, body);
@@ -65,73 +38,55 @@ auto onFreshThread(Body body) {
     return result.get();
 }
 
-class ReceiveBoundsTest : public SocketPairFixture {
+// Every receive is watched: each asks for close-on-exec, none may offer more
+// than the inline maximum (a 32-bit kernel fails a vector over 2 GiB), and a
+// one-call receive offers two records.
+class ReceiveBoundsTest : public RawPeerTest {
   protected:
-    ReceiveBoundsTest() { receiver.bind(std::move(pair.first)); }
-
-    // Queues a message of `data` (announcing `announced` bytes) on the peer's end.
-    void sendRaw(uint32_t id, uint32_t announced, const Bytes& data,
-                 const std::vector<int>& fds = {}) {
-        ASSERT_TRUE(
-                writeHeaderRecord(peer.get(), id, announced, static_cast<uint16_t>(fds.size())));
-        ASSERT_EQ(writeRecord(peer.get(), data.data(), data.size(), fds),
-                  static_cast<ssize_t>(data.size()));
-    }
-    // Receives message `id` and checks that it carries `data`.
-    void expectMessage(uint32_t id, const Bytes& data) {
-        Message message;
-        ASSERT_EQ(receiver.recv(&message), 0);
-        EXPECT_EQ(message.id(), id);
-        EXPECT_EQ(message.payload().data, data);
+    ~ReceiveBoundsTest() override {
+        EXPECT_EQ(faults.load(), 0) << "receives without close-on-exec or offering too much";
     }
 
-    UnixDomainSocket receiver;
-    FileDescriptor& peer = pair.second;
-};
-
-// A 32-bit process's kernel fails a vector longer than 2 GiB (and thereby the
-// message's payload record) where a 64-bit one takes it: so no receive offers
-// more than it has memory for, whichever way it reads a message.
-TEST_F(ReceiveBoundsTest, NoReceiveOffersTheKernelMoreThanTheInlineMaximum) {
     std::atomic<int> oneCallReceives{0};
-    std::atomic<int> oversized{0};
-    ScopedReceiveObserver observer(
-            [&](ReceiveCall call, const msghdr* const* records, size_t count, int) {
+    std::atomic<int> faults{0};
+    ScopedReceiveObserver observer{
+            [this](ReceiveCall call, const msghdr* const* records, size_t count, int flags) {
+                faults += (flags & MSG_CMSG_CLOEXEC) == 0;
                 for (size_t i = 0; i < count; ++i) {
-                    if (offeredBytes(*records[i]) > kMost) {
-                        ++oversized;
-                    }
+                    faults += offeredBytes(*records[i]) > kMost;
                 }
                 if (call == ReceiveCall::kRecvmmsg) {
                     ++oneCallReceives;
-                    if (count != 2 || offeredBytes(*records[0]) != Message::kHeaderSize) {
-                        ++oversized;
-                    }
+                    faults += count != 2 || offeredBytes(*records[0]) != Message::kHeaderSize;
                 }
-            });
-    for (const auto timeout : {std::chrono::milliseconds(1000), std::chrono::milliseconds(0)}) {
-        SCOPED_TRACE("payload time-out " + std::to_string(timeout.count()) + " ms");
+            }};
+};
+
+// Records small, past a new message's room, longest, longer than announced,
+// taken two at a time, mid-sized: each arrives whole, the next in step.
+TEST_F(ReceiveBoundsTest, NoReceiveOffersTheKernelMoreThanTheInlineMaximum) {
+    std::vector<std::pair<uint32_t, size_t>> sequence = {{0, 0},     {64, 64},       {232, 232},
+                                                         {233, 233}, {kMost, kMost}, {10, kMost}};
+    sequence.insert(sequence.end(), 10, {48, 48});
+    sequence.insert(sequence.end(),
+                    {{3000, 3000}, {3000, 3000}, {100, 100}, {5000, 5000}, {60000, 60000}});
+    sequence.push_back({5, 50000});
+    for (const auto timeout : kPayloadTimeouts) {
         receiver.setPayloadTimeout(timeout);
-        uint32_t id = 0;
-        for (const size_t size : {size_t{0}, size_t{64}, size_t{5000}, kMost, size_t{100}}) {
-            sendRaw(++id, static_cast<uint32_t>(size), patterned(size, 1));
-            expectMessage(id, patterned(size, 1));
+        uint8_t id = 0;
+        for (const auto& [announced, sent] : sequence) {
+            SCOPED_TRACE("message " + std::to_string(++id) + ", payload time-out " +
+                         std::to_string(timeout.count()) + " ms");
+            sendRaw(id, announced, patterned(sent, id));
+            Bytes expected = patterned(sent, id);
+            expected.resize(announced);
+            expectMessage(id, expected);
         }
-        // Lying headers and over-long records cost refusals, never a larger offer.
-        sendRaw(++id, 1u << 30, patterned(3, 2));
-        Message refused;
-        EXPECT_EQ(receiver.recv(&refused), -EMSGSIZE);
-        sendRaw(++id, 3, patterned(kMost + 1, 3));
-        EXPECT_EQ(receiver.recv(&refused), -EMSGSIZE);
-        sendRaw(++id, 7, patterned(7, 4));
-        expectMessage(id, patterned(7, 4));
     }
-    EXPECT_EQ(oversized.load(), 0);
     EXPECT_GT(oneCallReceives.load(), 0);
 }
 
-// The one-call receive's buffer is what a thread reserves: the inline maximum,
-// not a share of the address space that a later mapping may need.
+// Its buffer is what a thread reserves, not a share of the address space.
 TEST_F(ReceiveBoundsTest, AReceivingThreadReservesNoMoreThanTheInlineMaximum) {
     sendRaw(1, 64, patterned(64, 1));
     sendRaw(2, 60000, patterned(60000, 2));  // past its room: through the buffer
@@ -150,23 +105,18 @@ TEST_F(ReceiveBoundsTest, AReceivingThreadReservesNoMoreThanTheInlineMaximum) {
     EXPECT_LE(grownKiB, 1024) << "KiB of address space taken by one receiving thread";
 }
 
-// Where the buffer cannot be had, every message is read a record at a time,
-// and arrives all the same.
+// Forked from a fresh thread: the child's only thread has not received yet.
 TEST_F(ReceiveBoundsTest, WithoutAddressSpaceForTheBuffer_MessagesArriveARecordAtATime) {
     if (underEmulation()) {
         GTEST_SKIP() << "qemu-user's address-space limit is the emulator's own";
     }
     sendRaw(1, 64, patterned(64, 1));
     sendRaw(2, 200, patterned(200, 2), {file.get()});
-    // Forked from a fresh thread: the child's only thread has not received
-    // yet, and needs no new thread of its own.
     const int status = onFreshThread([this] {
-        const pid_t child = forkPeer([this] {
-            std::atomic<int> oneCall{0};
-            ScopedReceiveObserver observer([&](ReceiveCall call, const msghdr* const*, size_t,
-                                               int) { oneCall += call == ReceiveCall::kRecvmmsg; });
+        return waitPeer(forkPeer([this] {
             Message first;  // fresh messages receive in their own reserved room
             Message second;
+            Message huge;
             const rlim_t now = static_cast<rlim_t>(statusKiB("VmSize")) * 1024;
             const rlimit limit{now, now};
             if (setrlimit(RLIMIT_AS, &limit) != 0 ||
@@ -174,81 +124,72 @@ TEST_F(ReceiveBoundsTest, WithoutAddressSpaceForTheBuffer_MessagesArriveARecordA
                         MAP_FAILED) {
                 return 1;  // no limit to test under
             }
-            if (receiver.recv(&first) != 0 || first.payload().data != patterned(64, 1)) {
+            if (receiver.recv(&first) != 0 || first.payload().data != patterned(64, 1) ||
+                receiver.recv(&second) != 0 || second.payload().data != patterned(200, 2) ||
+                !sameFile(second.payload().fds.at(0), file.get())) {
                 return 2;
             }
-            if (receiver.recv(&second) != 0 || second.payload().data != patterned(200, 2) ||
-                !sameFile(second.payload().fds.at(0), file.get())) {
-                return 3;
+            // 4 GiB - 1 announced: refused, where an allocation would end the process.
+            if (!writeHeaderRecord(peer.get(), 3, ~0u, 0) ||
+                writeRecord(peer.get(), "abc", 3, {}) != 3 || receiver.recv(&huge) >= 0) {
+                return 4;
             }
-            return oneCall.load() == 0 ? 0 : 4;
-        });
-        return waitPeer(child);
+            return oneCallReceives.load() == 0 ? 0 : 3;
+        }));
     });
-    EXPECT_EQ(status, 0) << "1: no limit, 2 and 3: a message lost, 4: the buffer was used";
+    EXPECT_EQ(status, 0) << "1: no limit, 2: a message lost, 3: the buffer was used, "
+                            "4: a lying header taken";
 }
 
 // Receives a message of 50000 patterned bytes: 0, or what went wrong.
 int receivePatterned(UnixDomainSocket& socket) {
     Message message;
     const int received = socket.recv(&message);
-    if (received != 0) {
-        return received;
-    }
-    return message.payload().data == patterned(50000, 9) ? 0 : 1;
+    return received != 0 ? received : message.payload().data == patterned(50000, 9) ? 0 : 1;
 }
 
-// Receives on the destruction of a thread_local copy.
-struct TeardownReceiver {
-    UnixDomainSocket* socket = nullptr;
-    std::promise<int>* result = nullptr;
-
-    ~TeardownReceiver() {
-        if (socket != nullptr) {
-            result->set_value(receivePatterned(*socket));
+// Runs `run` when destroyed: as a thread_local, at its thread's exit.
+struct AtDestruction {
+    std::function<void()> run;
+    ~AtDestruction() {
+        if (run) {
+            run();
         }
     }
 };
 
-thread_local TeardownReceiver tReceiverAfterTheBuffer;
+thread_local AtDestruction tAfterTheBuffer;
 
-// A receive from a thread_local destroyed after the library's per-thread
-// state, from a thread-exit destructor that runs after the library's, and
-// from an exit handler, each with a payload that does not fit its message's
-// room: none may write into memory the thread no longer has.
+// From a late thread_local destructor, a late thread-exit key destructor and
+// an exit handler: none may write into memory the thread no longer has.
 TEST_F(ReceiveBoundsTest, ReceivesDuringTeardown_StillTakeWholeMessages) {
+    const auto queueTwo = [this](uint32_t id) {
+        sendRaw(id, 8, patterned(8, 1));
+        sendRaw(id + 1, 50000, patterned(50000, 9));
+    };
     std::promise<int> fromThreadLocal;
-    sendRaw(1, 8, patterned(8, 1));
-    sendRaw(2, 50000, patterned(50000, 9));
+    std::promise<int> fromKey;
+    std::function<void()> receiveIntoKey = [&] { fromKey.set_value(receivePatterned(receiver)); };
+    queueTwo(1);
     std::thread([&] {
-        tReceiverAfterTheBuffer.socket = &receiver;  // constructed before the first receive
-        tReceiverAfterTheBuffer.result = &fromThreadLocal;
-        Message first;
+        tAfterTheBuffer.run = [&] { fromThreadLocal.set_value(receivePatterned(receiver)); };
+        Message first;  // the thread_local was constructed before this first receive
         EXPECT_EQ(receiver.recv(&first), 0);
     }).join();
     EXPECT_EQ(fromThreadLocal.get_future().get(), 0);
-
-    static std::promise<int>* fromKey = nullptr;
-    static UnixDomainSocket* keySocket = nullptr;
-    std::promise<int> keyResult;
-    fromKey = &keyResult;
-    keySocket = &receiver;
-    sendRaw(3, 8, patterned(8, 1));
-    sendRaw(4, 50000, patterned(50000, 9));
+    queueTwo(3);
     std::thread([&] {
         Message first;
         EXPECT_EQ(receiver.recv(&first), 0);
-        // Created after the library's key: its destructor runs after the library's.
-        pthread_key_t key;
+        pthread_key_t key;  // created after the library's: its destructor runs later
         ASSERT_EQ(pthread_key_create(
-                          &key, [](void*) { fromKey->set_value(receivePatterned(*keySocket)); }),
+                          &key, [](void* run) { (*static_cast<std::function<void()>*>(run))(); }),
                   0);
-        pthread_setspecific(key, &key);
+        pthread_setspecific(key, &receiveIntoKey);
     }).join();
-    EXPECT_EQ(keyResult.get_future().get(), 0);
+    EXPECT_EQ(fromKey.get_future().get(), 0);
 
-    // A static destructor or exit handler: after the thread_local destructors
-    // of the thread that calls exit().
+    // An exit handler runs after the thread_local destructors of exit()'s thread.
     const pid_t child = forkPeer([this] {
         Message first;
         if (receiver.recv(&first) != 0) {
@@ -258,49 +199,56 @@ TEST_F(ReceiveBoundsTest, ReceivesDuringTeardown_StillTakeWholeMessages) {
         std::atexit([] { _exit(receivePatterned(*exitSocket) == 0 ? 0 : 2); });
         std::exit(3);
     });
-    sendRaw(5, 8, patterned(8, 1));
-    sendRaw(6, 50000, patterned(50000, 9));
+    queueTwo(5);
     EXPECT_EQ(waitPeer(child), 0);
 }
 
-// Longer than the inline maximum, or shorter than announced: refused with the
-// descriptors closed (the fixture checks), the stream still in step, on both
-// ways of reading a message.
+// Refused, or unannounced descriptors dropped, with every descriptor closed
+// (the fixture checks) and the stream in step, on both ways of reading.
 TEST_F(ReceiveBoundsTest, RecordsLongerThanTheMaximumOrShorterThanAnnounced_AreRefused) {
     struct Case {
         const char* what;
         uint32_t announced;
         size_t sent;
+        uint16_t announcedFds;
+        size_t sentFds;
         int result;
     };
     const Case cases[] = {
-            {"a header announcing more than the maximum", kMost + 1, 3, -EMSGSIZE},
-            {"a record longer than the maximum", 10, kMost + 1, -EMSGSIZE},
-            {"a record shorter than announced", 100, 50, -EBADMSG},
-            {"an empty record from a peer still there", kMost, 0, -EBADMSG},
+            {"a header announcing more than the maximum", kMost + 1, 3, 2, 2, -EMSGSIZE},
+            {"a header announcing 1 GiB", 1u << 30, 3, 2, 2, -EMSGSIZE},
+            {"a record longer than the maximum", 10, kMost + 1, 2, 2, -EMSGSIZE},
+            {"a record shorter than announced", 100, 50, 2, 2, -EBADMSG},
+            {"an empty record from a peer still there", kMost, 0, 2, 2, -EBADMSG},
+            {"a short record with unannounced descriptors", 3, 3, 0, 3, 0},
+            {"a long record with unannounced descriptors", 50000, 50000, 0, 3, 0},
     };
-    for (const auto timeout : {std::chrono::milliseconds(1000), std::chrono::milliseconds(0)}) {
+    for (const auto timeout : kPayloadTimeouts) {
         receiver.setPayloadTimeout(timeout);
         for (const Case& c : cases) {
             SCOPED_TRACE(std::string(c.what) + ", payload time-out " +
                          std::to_string(timeout.count()) + " ms");
-            sendRaw(1, c.announced, patterned(c.sent, 5), {file.get(), file.get()});
+            ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, c.announced, c.announcedFds));
+            const Bytes sent = patterned(c.sent, 5);
+            ASSERT_EQ(writeRecord(peer.get(), sent.data(), sent.size(),
+                                  std::vector<int>(c.sentFds, file.get())),
+                      static_cast<ssize_t>(c.sent));
             Message message;
             EXPECT_EQ(receiver.recv(&message), c.result);
             EXPECT_EQ(message.dataCount(), c.announced);
-            EXPECT_EQ(message.payload().data, Bytes());
+            EXPECT_EQ(message.payload().data, c.result == 0 ? sent : Bytes());
+            EXPECT_EQ(message.fileDescriptorCount(), c.result == 0 ? 0u : c.announcedFds);
             sendRaw(2, 4, patterned(4, 6));
             expectMessage(2, patterned(4, 6));
         }
     }
 }
 
-// What a receive keeps of a peer's records: little beyond the thread's
-// buffer, however large the records or the announcements. Measured in a child
-// so that nothing else moves its resident size.
+// Little is kept beyond the thread's buffer, whatever the records or the
+// announcements (1 GiB for 3 bytes once peaked at 2 GiB). Measured in a child.
 TEST_F(ReceiveBoundsTest, ResidentMemory_StaysNearWhatWellFormedMessagesHold) {
     const int status = onFreshThread([this] {
-        const pid_t child = forkPeer([this] {
+        return waitPeer(forkPeer([this] {
             const int large = 2 * 1024 * 1024;
             if (setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUF, &large, sizeof(large)) != 0) {
                 return 1;
@@ -319,6 +267,7 @@ TEST_F(ReceiveBoundsTest, ResidentMemory_StaysNearWhatWellFormedMessagesHold) {
                     return 1;
                 }
             }
+            std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM
             const long start = statusKiB("VmRSS");
             for (int i = 0; i < 3; ++i) {  // through the buffer, then dropped
                 Message small;
@@ -328,14 +277,14 @@ TEST_F(ReceiveBoundsTest, ResidentMemory_StaysNearWhatWellFormedMessagesHold) {
                 }
             }
             const long afterSpills = statusKiB("VmRSS");
-            for (const uint32_t announced : {10u, 4u << 20}) {  // 2 MiB sent: cut, refused
-                Message refused;
-                if (roundTrip(announced, 2 << 20, refused) != -EMSGSIZE) {
-                    return 3;
-                }
-            }
-            Message small;  // the room for the next one is small again
-            if (roundTrip(64, 64, small) != 0) {
+            Message huge;     // 3 bytes sent, 1 GiB announced
+            Message cut;      // 2 MiB sent, 10 bytes announced
+            Message refused;  // 2 MiB sent, 4 MiB announced
+            Message small;    // the room for the next one is small again
+            if (roundTrip(1u << 30, 3, huge) != -EMSGSIZE ||
+                roundTrip(10, 2 << 20, cut) != -EMSGSIZE ||
+                roundTrip(4u << 20, 2 << 20, refused) != -EMSGSIZE ||
+                roundTrip(64, 64, small) != 0) {
                 return 3;
             }
             const long afterRefusals = statusKiB("VmRSS");
@@ -349,81 +298,46 @@ TEST_F(ReceiveBoundsTest, ResidentMemory_StaysNearWhatWellFormedMessagesHold) {
             std::fprintf(stderr, "resident KiB: %ld, +%ld spills, +%ld refusals, +%ld lies\n",
                          start, afterSpills - start, afterRefusals - afterSpills,
                          afterLies - afterRefusals);
-            if (kUnderAddressSanitizer) {
-                return 0;
+            if (statusKiB("VmHWM") - start > 64 * 1024) {
+                return 8;
             }
-            if (afterSpills - start > 1024) {
-                return 5;
+            const long grown[] = {afterSpills - start, afterRefusals - afterSpills,
+                                  afterLies - afterRefusals};
+            for (int i = 0; i < 3 && !underAddressSanitizer(); ++i) {
+                if (grown[i] > 1024) {
+                    return 5 + i;
+                }
             }
-            if (afterRefusals - afterSpills > 1024) {
-                return 6;
-            }
-            return afterLies - afterRefusals > 1024 ? 7 : 0;
-        });
-        return waitPeer(child);
+            return 0;
+        }));
     });
-    EXPECT_EQ(status, 0) << "5, 6, 7: more than 1 MiB kept after spills, refusals, lying headers";
+    EXPECT_EQ(status, 0) << "5, 6, 7: more than 1 MiB kept after spills, refusals, lying headers; "
+                            "8: a peak of more than 64 MiB";
 }
 
-// Another thread forks and executes a program listing its descriptors while
-// messages with descriptors arrive: none may be among what the program sees.
-TEST_F(ReceiveBoundsTest, ReceivedDescriptors_NeverReachAProgramExecutedMeanwhile) {
-    const FileDescriptor probe(memfd_create("velacam-cloexec-probe", MFD_CLOEXEC), 0);
-    ASSERT_GE(probe.get(), 0);
-    constexpr int kMessages = 60;
-    std::atomic<bool> received{false};
-    // Lists /proc/self/fd of a new program; its output.
-    const auto listing = [] {
-        int out[2];
-        if (pipe2(out, O_CLOEXEC) != 0) {
-            return std::string("pipe failed");
-        }
-        const pid_t child = fork();
-        if (child == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            execl("/bin/ls", "ls", "-l", "/proc/self/fd", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(out[1]);
-        std::string text;
-        char chunk[4096];
-        ssize_t got;
-        while ((got = read(out[0], chunk, sizeof(chunk))) > 0) {
-            text.append(chunk, static_cast<size_t>(got));
-        }
-        close(out[0]);
-        return waitPeer(child) == 0 ? text : "ls failed: " + text;
-    };
-    auto lister = std::async(std::launch::async, [&] {
-        std::string seen;
-        do {
-            seen += listing();
-        } while (!received.load());
-        return seen + listing();  // once more with every received descriptor open
-    });
-    std::vector<int> taken;
-    for (int i = 0; i < kMessages; ++i) {
-        ASSERT_EQ(writeRecord(peer.get(), "p", 1, {probe.get()}), 1);  // a bare record
+// Each descriptor arrives close-on-exec, set by the receive itself (the
+// fixture sees the flag on every call): no exec elsewhere can inherit it.
+TEST_F(ReceiveBoundsTest, ReceivedDescriptors_AreCloseOnExecOnEveryReceivePath) {
+    std::vector<FileDescriptor> received;
+    for (const auto timeout : kPayloadTimeouts) {
+        ASSERT_EQ(writeRecord(peer.get(), "p", 1, {file.get()}), 1);  // a bare record
         int fd = -1;
         char data = 0;
         ASSERT_EQ(receiver.receiveDataAndFileDescriptors(&fd, 1, &data, 1), 0);
-        taken.push_back(fd);
-        receiver.setPayloadTimeout(std::chrono::milliseconds(i % 2 == 0 ? 1000 : 0));
-        sendRaw(static_cast<uint32_t>(i), 1, {'m'}, {probe.get(), probe.get()});
+        received.emplace_back(fd, 0);
+        receiver.setPayloadTimeout(timeout);
+        sendRaw(1, 1, {'m'}, {file.get(), file.get()});
         Message message;
         ASSERT_EQ(receiver.recv(&message), 0);
-        for (int received : message.payload().fds) {
-            taken.push_back(received);
+        for (int arrived : message.payload().fds) {
+            received.emplace_back(arrived, 0);
         }
     }
-    received.store(true);
-    ASSERT_EQ(lister.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    const std::string seen = lister.get();
-    for (int fd : taken) {
-        close(fd);
+    ASSERT_EQ(received.size(), 6u);
+    for (const FileDescriptor& fd : received) {
+        EXPECT_TRUE(sameFile(fd.get(), file.get()));
+        EXPECT_NE(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd.get();
     }
-    EXPECT_EQ(seen.find("ls failed"), std::string::npos) << seen;
-    EXPECT_EQ(seen.find("velacam-cloexec-probe"), std::string::npos) << seen;
 }
 
 }  // namespace
