@@ -60,18 +60,7 @@ struct Ends {
     }
 };
 
-int finish(const char* name, const ContractJudge& judge, size_t descriptorsBefore) {
-    const size_t after = openDescriptorCount();
-    const bool leakFree = after == descriptorsBefore;
-    std::printf("%s: %s; faults planted %llu; descriptors %zu before, %zu after%s\n", name,
-                judge.summary().c_str(), static_cast<unsigned long long>(faultsPlanted()),
-                descriptorsBefore, after, leakFree ? "" : "; VIOLATION: descriptors leaked");
-    std::fflush(stdout);
-    return judge.kept() && leakFree ? 0 : 1;
-}
-
-}  // namespace
-
+// Descriptors open in this process.
 size_t openDescriptorCount() {
     DIR* listing = ::opendir("/proc/self/fd");
     size_t count = 0;
@@ -83,6 +72,18 @@ size_t openDescriptorCount() {
     }
     return count;
 }
+
+int finish(const char* name, const ContractJudge& judge, size_t descriptorsBefore) {
+    const size_t after = openDescriptorCount();
+    const bool leakFree = after == descriptorsBefore;
+    std::printf("%s: %s; faults planted %llu; descriptors %zu before, %zu after%s\n", name,
+                judge.summary().c_str(), static_cast<unsigned long long>(faultsPlanted()),
+                descriptorsBefore, after, leakFree ? "" : "; VIOLATION: descriptors leaked");
+    std::fflush(stdout);
+    return judge.kept() && leakFree ? 0 : 1;
+}
+
+}  // namespace
 
 int transportScenario(uint32_t messages) {
     const size_t before = openDescriptorCount();

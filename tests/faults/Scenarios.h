@@ -3,7 +3,6 @@
 // returns 0 when the contract held (ContractJudge), 1 otherwise.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace velacam::faults {
@@ -16,8 +15,5 @@ int transportScenario(uint32_t messages);
 // The same messages received by a SocketEventHandler on a DefaultReactor's
 // thread; then requestExit() must end the loop within 5 s.
 int reactorScenario(uint32_t messages);
-
-// Descriptors open in this process.
-size_t openDescriptorCount();
 
 }  // namespace velacam::faults

@@ -9,10 +9,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -25,34 +27,23 @@ constexpr const char* kDocumentedFatal[] = {"create event notification failed",
                                             "handle exit event failed",
                                             "request Reactor to exit failed"};
 
-std::string tailOf(const char* path) {
-    std::string text;
-    if (std::FILE* file = std::fopen(path, "r")) {
-        char line[512];
-        while (std::fgets(line, sizeof(line), file) != nullptr) {
-            text = line;  // keeps the last line
-        }
-        std::fclose(file);
-    }
-    return text;
-}
-
-bool documented(const char* path) {
+// The standard error of a child, whole, and its last line.
+std::string contentsOf(const char* path) {
     std::string all;
     if (std::FILE* file = std::fopen(path, "r")) {
         char chunk[4096];
-        size_t got;
-        while ((got = std::fread(chunk, 1, sizeof(chunk), file)) > 0) {
+        for (size_t got; (got = std::fread(chunk, 1, sizeof(chunk), file)) > 0;) {
             all.append(chunk, got);
         }
         std::fclose(file);
     }
-    for (const char* line : kDocumentedFatal) {
-        if (all.find(line) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return all;
+}
+
+std::string lastLineOf(const std::string& text) {
+    const size_t end = text.size() > 0 && text.back() == '\n' ? text.size() - 1 : text.size();
+    const size_t start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+    return text.substr(start == std::string::npos ? 0 : start + 1);
 }
 
 // Runs `scenario` in a child; prints its outcome; true when the contract held.
@@ -78,18 +69,22 @@ bool runChild(const char* name, int (*scenario)(uint32_t), uint32_t messages) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    const std::string errorText = contentsOf(errors);
+    const bool documented = std::any_of(
+            std::begin(kDocumentedFatal), std::end(kDocumentedFatal),
+            [&](const char* line) { return errorText.find(line) != std::string::npos; });
     bool held = false;
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         std::printf("%s: OUTCOME kept\n", name);
         held = true;
     } else if (WIFEXITED(status)) {
         std::printf("%s: OUTCOME violation (exit %d)\n", name, WEXITSTATUS(status));
-    } else if (WTERMSIG(status) == SIGABRT && documented(errors)) {
-        std::printf("%s: OUTCOME fatal, documented: %s", name, tailOf(errors).c_str());
+    } else if (WTERMSIG(status) == SIGABRT && documented) {
+        std::printf("%s: OUTCOME fatal, documented: %s", name, lastLineOf(errorText).c_str());
         held = true;
     } else {
         std::printf("%s: OUTCOME crash (signal %d): %s", name, WTERMSIG(status),
-                    tailOf(errors).c_str());
+                    lastLineOf(errorText).c_str());
     }
     ::unlink(errors);
     return held;
