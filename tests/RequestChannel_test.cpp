@@ -75,17 +75,22 @@ class RequestChannelTest : public SocketPairFixture {
         return result;
     }
     // Calls `client` on a thread of its own with a request carrying `text`;
-    // the call's result. A reply's descriptors are closed.
+    // the call's result, or -1000 for a reply other than answerWithFile's.
     static std::future<int> callAsync(RequestChannel& client, const std::string& text,
                                       milliseconds timeout = kLong) {
         return std::async(std::launch::async, [&client, text, timeout] {
             auto request = requestOf(text);
             std::unique_ptr<Message> reply;
             const int result = client.call(*request, timeout, &reply);
-            if (reply) {
-                ipc::MessageHandler().handleMessage(*reply);
+            if (!reply) {
+                return result;
             }
-            return result;
+            const Message::Payload payload = reply->payload();
+            const bool whole = reply->isReply() && reply->id() == request->id() &&
+                               reply->type() == 3 && dataOf(*reply) == text &&
+                               payload.fds.size() == 1 && contentsOf(payload.fds[0]) == text;
+            ipc::MessageHandler().handleMessage(*reply);  // the reply's descriptor is ours
+            return whole ? result : -1000;
         });
     }
 };
@@ -94,22 +99,9 @@ TEST_F(RequestChannelTest, ConcurrentCalls_EachGetTheirOwnWholeReply) {
     startServer();
     RequestChannel client(std::move(pair.first));
     constexpr int kCallers = 6;
-    std::vector<std::future<bool>> callers;
+    std::vector<std::future<int>> callers;
     for (int i = 0; i < kCallers; ++i) {
-        callers.push_back(std::async(std::launch::async, [&client, i] {
-            const std::string text = "call " + std::to_string(i);
-            auto request = requestOf(text);
-            std::unique_ptr<Message> reply;
-            if (client.call(*request, kLong, &reply) != 0) {
-                return false;
-            }
-            const Message::Payload payload = reply->payload();
-            const bool whole = reply->isReply() && reply->id() == request->id() &&
-                               reply->type() == 3 && dataOf(*reply) == text &&
-                               payload.fds.size() == 1 && contentsOf(payload.fds[0]) == text;
-            ipc::MessageHandler().handleMessage(*reply);  // the reply's descriptor is ours
-            return whole;
-        }));
+        callers.push_back(callAsync(client, "call " + std::to_string(i)));
     }
     ASSERT_TRUE(waitForRequests(kCallers));
     for (int i = kCallers - 1; i >= 0; --i) {  // answered in the reverse order of arrival
@@ -117,7 +109,7 @@ TEST_F(RequestChannelTest, ConcurrentCalls_EachGetTheirOwnWholeReply) {
     }
     for (auto& caller : callers) {
         ASSERT_EQ(caller.wait_for(kLong), std::future_status::ready);
-        EXPECT_TRUE(caller.get());
+        EXPECT_EQ(caller.get(), 0);
     }
 }
 
