@@ -51,13 +51,7 @@ using Kestrel::utils::sys::FileDescriptor;
 using Kestrel::Utils::ULog::ULogger;
 
 // Logs "[Payload] data_offset(3)" (among other debug lines) from ipc/Message.
-void logOneDebugLine() {
-    Message message;
-    Message::Payload payload;
-    payload.data = {1, 2, 3};
-    message.setPayload(payload);
-    (void)message.payload();
-}
+void logOneDebugLine() { (void)makeMessage(0, {1, 2, 3})->payload(); }
 
 // Logs the warning "no payload exists" from ipc/Message.
 void logOneWarning() { (void)Message().payload(); }
