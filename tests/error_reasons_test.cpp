@@ -7,7 +7,6 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 
-#include <string>
 #include <vector>
 
 #include "support/Messages.h"
