@@ -5,6 +5,7 @@
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
 #include <ipc/Message.h>
+#include <ipc/MessageHandler.h>
 #include <ipc/MessageLoop.h>
 #include <ipc/StateDump.h>
 #include <ipc/Statistics.h>
@@ -69,9 +70,7 @@ TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
     for (int i = 0; i < 2; ++i) {
         Message received;
         ASSERT_EQ(receiver.recv(&received), 0);
-        for (int fd : received.payload().fds) {
-            ::close(fd);
-        }
+        MessageHandler().handleMessage(received);  // closes its descriptors
     }
     // A peer that sends three descriptors where one was announced: all three
     // are closed. Then a header whose payload never comes.
@@ -92,8 +91,7 @@ TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
     EXPECT_NE(dump.find("received 2 messages, 10 bytes, 2 fds"), std::string::npos) << dump;
     EXPECT_NE(dump.find("out of step 1, fds dropped 3"), std::string::npos) << dump;
 
-    // Counting off: nothing moves. A socket bound again to the number starts
-    // from zero.
+    // Counting off: nothing moves. A socket bound again to the number starts from zero.
     Statistics::enable(false);
     EXPECT_EQ(sender.send(*makeMessage(7)), 0);
     EXPECT_EQ(Statistics::connection(far).sentMessages, 2u);

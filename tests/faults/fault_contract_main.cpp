@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -26,22 +27,9 @@ constexpr const char* kDocumentedFatal[] = {"create event notification failed",
                                             "handle exit event failed",
                                             "request Reactor to exit failed"};
 
-// The standard error of a child, whole, and its last line.
-std::string contentsOf(const char* path) {
-    std::string all;
-    if (std::FILE* file = std::fopen(path, "r")) {
-        char chunk[4096];
-        for (size_t got; (got = std::fread(chunk, 1, sizeof(chunk), file)) > 0;) {
-            all.append(chunk, got);
-        }
-        std::fclose(file);
-    }
-    return all;
-}
-
+// The last line of `text`, with its newline.
 std::string lastLineOf(const std::string& text) {
-    const size_t end = text.size() > 0 && text.back() == '\n' ? text.size() - 1 : text.size();
-    const size_t start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+    const size_t start = text.size() < 2 ? std::string::npos : text.rfind('\n', text.size() - 2);
     return text.substr(start == std::string::npos ? 0 : start + 1);
 }
 
@@ -68,7 +56,8 @@ bool runChild(const char* name, int (*scenario)(uint32_t), uint32_t messages) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    const std::string errorText = contentsOf(errors);
+    std::ifstream errorFile(errors);
+    const std::string errorText{std::istreambuf_iterator<char>(errorFile), {}};
     const bool documented = std::any_of(
             std::begin(kDocumentedFatal), std::end(kDocumentedFatal),
             [&](const char* line) { return errorText.find(line) != std::string::npos; });
