@@ -40,8 +40,7 @@ struct RunCounts {
 // own: a runnable freed while a thread still runs it is a use-after-free under ASan.
 class CountedRunnable : public Runnable {
   public:
-    CountedRunnable(
-            RunCounts& counts, std::function<void()> body = [] {})
+    CountedRunnable(RunCounts& counts, std::function<void()> body)
         : mCounts(counts), mBody(std::move(body)) {}
     ~CountedRunnable() override { ++mCounts.destroyed; }
     void run() override {
@@ -137,7 +136,7 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     EXPECT_TRUE(ranBeforeDestruction);
     EXPECT_EQ(counts.destroyed, 1);
     {
-        CountedRunnable notOwned(counts);
+        CountedRunnable notOwned(counts, [] {});
         Thread(&notOwned, false).start();
         EXPECT_EQ(counts.destroyed, 1);
     }
@@ -181,7 +180,7 @@ TEST_F(ThreadTest, MoveHandsOnTheRunnableOnly_ItLivesUntilItsOwnerAndEveryRunnin
         EXPECT_EQ(counts.destroyed, 0);  // `assigned` still owns it
     }
     RunCounts counts;
-    Thread target(new CountedRunnable(counts), true);
+    Thread target(new CountedRunnable(counts, [] {}), true);
     target = Thread(new FunctionRunnable([] {}), true);
     EXPECT_EQ(counts.destroyed, 1);  // the replaced runnable went at once
 }
