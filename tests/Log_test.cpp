@@ -161,12 +161,9 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     EXPECT_EQ(capture.lines()[0].length, 2000);
 }
 
-// One call of each operation whose lines begin "[%s]", with the class that
-// logs them and the name the first of its debug lines gives (unregistering
-// dumps the set first, so its own line is picked by its text). Whatever helper
-// a refactor routes an operation through, its lines must keep naming the
-// operation: every debug line of the run names one of its class's
-// operations of this table.
+// One call of each operation whose debug lines begin "[%s]": the first line of
+// its class (or the one containing `text`) names it, and every debug line of
+// the run names an operation of its class here, whatever helper it went through.
 TEST_F(LogSinks, DebugLinesNameThePublicOperationNeverAHelper) {
     struct Operation {
         const char* tag;

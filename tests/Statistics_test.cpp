@@ -33,9 +33,7 @@ class StatisticsTest : public SocketPairFixture {
     ~StatisticsTest() override { Statistics::enable(false); }
 };
 
-// Every figure of a connection: sent, received (messages, bytes, descriptors),
-// receive failures, payload waits run out, out of step, descriptors dropped,
-// largest record, then the refusals by reason.
+// A connection's figures in the order of ConnectionStatistics, refusals last.
 std::vector<uint64_t> figuresOf(int fd) {
     const ConnectionStatistics c = Statistics::connection(fd);
     std::vector<uint64_t> figures = {

@@ -38,14 +38,9 @@ int serve(FileDescriptor&& end, const std::string& path) {
         return 2;
     }
     AnsweringServer server(std::move(end), kReplyType);
-    if (!server.start()) {
-        return 3;
-    }
-    if (!server.waitForHangUp(std::chrono::seconds(30))) {
-        return 4;
-    }
+    const int result = !server.start() ? 3 : !server.waitForHangUp(30s) ? 4 : 0;
     Tracing::finish();
-    return 0;
+    return result;
 }
 
 // No thread may run when the serving process is forked (a sanitizer refuses
