@@ -1,6 +1,7 @@
 // Lines from Message (core module) and CountingSemaphore (sync module). CTest
 // runs this suite with the debug property set, and the gate without.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/CountingSemaphore.h>
@@ -139,8 +140,8 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     logOneDebugLine();
     std::string err = testing::internal::GetCapturedStderr();
     // "%s[%s] %s:%d %s() %s": prefix "D ", tag, file, line, function, message.
-    EXPECT_NE(err.find("D [Message] ipc/Message:"), std::string::npos) << err;
-    EXPECT_NE(err.find(" Payload() [Payload] data_offset(3)\n"), std::string::npos) << err;
+    EXPECT_THAT(err, ::testing::HasSubstr("D [Message] ipc/Message:"));
+    EXPECT_THAT(err, ::testing::HasSubstr(" Payload() [Payload] data_offset(3)\n"));
 
     capture.clear();
     testing::internal::CaptureStderr();

@@ -1,6 +1,7 @@
 // Counters and state dumps: a scripted scenario drives each counted object
 // and checks every figure; the dumps of the same objects are read back.
 #include <errno.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/DefaultReactor.h>
@@ -25,6 +26,7 @@ namespace velacam::test {
 namespace {
 
 using namespace Kestrel::ipc;
+using ::testing::HasSubstr;
 
 // Counting is process-wide: on for each case, off after it.
 class StatisticsTest : public SocketPairFixture {
@@ -86,8 +88,8 @@ TEST_F(StatisticsTest, Connection_ScriptedTraffic_CountsEveryFigure) {
     EXPECT_EQ(figuresOf(near),
               (std::vector<uint64_t>{0, 0, 0, 2, 10, 2, 2, 1, 1, 3, 10, 0, 0, 0, 0, 0, 0, 0}));
     const std::string dump = dumpOf([&](int out) { return StateDump::writeConnection(out, near); });
-    EXPECT_NE(dump.find("received 2 messages, 10 bytes, 2 fds"), std::string::npos) << dump;
-    EXPECT_NE(dump.find("out of step 1, fds dropped 3"), std::string::npos) << dump;
+    EXPECT_THAT(dump, HasSubstr("received 2 messages, 10 bytes, 2 fds"));
+    EXPECT_THAT(dump, HasSubstr("out of step 1, fds dropped 3"));
 
     // Counting off: nothing moves. A socket bound again to the number starts from zero.
     Statistics::enable(false);
@@ -131,20 +133,16 @@ TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) 
     EXPECT_GT(registryFigures.oldestPendingAge.count(), 0);
     const std::string registryDump =
             dumpOf([&](int out) { return StateDump::write(out, registry); });
-    EXPECT_NE(registryDump.find("registered 4, replied 3, pending 1"), std::string::npos)
-            << registryDump;
-    EXPECT_NE(registryDump.find("callbacks waiting: 1\n    ids 99\n"), std::string::npos)
-            << registryDump;
+    EXPECT_THAT(registryDump, HasSubstr("registered 4, replied 3, pending 1"));
+    EXPECT_THAT(registryDump, HasSubstr("callbacks waiting: 1\n    ids 99\n"));
 
     // While the reactor runs: its registered handler and that connection
     // (whose last reply is counted once the loop's send has returned).
     ASSERT_TRUE(waitUntil([&] { return Statistics::connection(near).sentMessages == 3; }));
     const std::string reactorDump = dumpOf([&](int out) { return StateDump::write(out, reactor); });
-    EXPECT_NE(reactorDump.find("registered handlers: 1\n    fd " + std::to_string(near) +
-                               ": read\n      sent 3 messages, 3 bytes, 0 fds; received 3 "
-                               "messages, 12 bytes, 0 fds"),
-              std::string::npos)
-            << reactorDump;
+    EXPECT_THAT(reactorDump, HasSubstr("registered handlers: 1\n    fd " + std::to_string(near) +
+                                       ": read\n      sent 3 messages, 3 bytes, 0 fds; received 3 "
+                                       "messages, 12 bytes, 0 fds"));
 
     // The client goes: one hang-up, after which the listener ends the loop.
     client.bind(FileDescriptor());
@@ -164,9 +162,8 @@ TEST_F(StatisticsTest, ReactorLoopRegistry_ScriptedRoundTrips_CountEveryFigure) 
     EXPECT_LE(loopFigures.delayP50, loopFigures.delayP99);
     EXPECT_LE(loopFigures.delayP99, loopFigures.delayMax);
     const std::string loopDump = dumpOf([&](int out) { return StateDump::write(out, loop); });
-    EXPECT_NE(loopDump.find("enqueued 3, dispatched 3, waiting 0, high-water 1"), std::string::npos)
-            << loopDump;
-    EXPECT_NE(loopDump.find("slow-dispatch warning off"), std::string::npos) << loopDump;
+    EXPECT_THAT(loopDump, HasSubstr("enqueued 3, dispatched 3, waiting 0, high-water 1"));
+    EXPECT_THAT(loopDump, HasSubstr("slow-dispatch warning off"));
 
     EXPECT_EQ(figuresOf(near),
               (std::vector<uint64_t>{3, 3, 0, 3, 12, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0}));
