@@ -13,7 +13,8 @@ namespace {
 using namespace Kestrel::ipc;
 using namespace velacam::test;
 
-TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsWaiters) {
+TEST(CountingSemaphoreTest,
+     EachUnitLetsOneAcquireThroughAndANegativeCountHoldsWaiters_AcquireAllTakesEveryUnit) {
     Watchdog watchdog("CountingSemaphore case", 30s);
     CountingSemaphore semaphore(7);  // the key is not a count: it starts at 0
     semaphore.release(2);
@@ -62,24 +63,19 @@ TEST(CountingSemaphoreTest, EachUnitLetsOneAcquireThroughAndANegativeCountHoldsW
     for (std::thread& waiter : waiters) {
         waiter.join();
     }
-}
 
-TEST(CountingSemaphoreTest, AcquireAllTakesEveryUnitInOneHold) {
-    Watchdog watchdog("CountingSemaphore case", 30s);
-    CountingSemaphore semaphore(1);
+    // acquireAllWith takes every unit in one hold.
     semaphore.release(3);
     int calls = 0;
     semaphore.acquireAllWith([&calls] { ++calls; });
     EXPECT_EQ(calls, 1);
-    std::atomic<bool> acquired{false};
-    std::thread waiter([&] {
-        semaphore.acquire();  // none of the three is left
-        acquired = true;
-    });
-    EXPECT_TRUE(holdsThroughGrace([&] { return !acquired.load(); }));
-    semaphore.release(1);
-    EXPECT_TRUE(waitUntil([&] { return acquired.load(); }));
-    waiter.join();
+    waiters = acquirers();  // none of the three is left
+    EXPECT_TRUE(holdsThroughGrace([&] { return returned.load() == 4; }));
+    semaphore.release(2);
+    EXPECT_TRUE(waitUntil([&] { return returned.load() == 6; }));
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
 }
 
 }  // namespace

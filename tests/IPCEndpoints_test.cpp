@@ -19,9 +19,7 @@
 
 namespace {
 
-using Kestrel::ca::CameraAlgorithmBuffer;
-using Kestrel::ca::CameraAlgorithmOps;
-using Kestrel::ca::CameraAlgorithmRequest;
+using namespace Kestrel::ca;
 using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::ipc::wrapper::VelaIPCServer;
@@ -48,9 +46,8 @@ TEST(IPCServerFactoryTest, EveryCallerGetsTheOneServerOfEachTypeOfItsOwnClass) {
     }
     EXPECT_EQ(seen, std::vector<std::vector<IPCServer*>>(seen.size(), seen[0]));
     const std::vector<IPCServer*>& servers = seen[0];
-    IPCServer* base = servers[2];
-    EXPECT_EQ(std::vector<IPCServer*>(servers.begin() + 3, servers.end()),
-              std::vector<IPCServer*>(3, base));  // every unknown type
+    IPCServer* base = servers[2];  // and every other unknown type's
+    EXPECT_EQ(servers, (std::vector<IPCServer*>{servers[0], servers[1], base, base, base, base}));
     EXPECT_EQ(std::set<IPCServer*>(servers.begin(), servers.end()).size(), 3u);
     EXPECT_NE(dynamic_cast<VelaIPCServer*>(servers[0]), nullptr);
     EXPECT_NE(dynamic_cast<IPCDummyServer*>(servers[1]), nullptr);

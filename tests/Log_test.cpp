@@ -1,6 +1,7 @@
 // Lines from Message (core module) and CountingSemaphore (sync module). CTest
 // runs this suite with the debug property set, and the gate without.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ipc/CBRegistry.h>
 #include <ipc/CountingSemaphore.h>
@@ -51,13 +52,7 @@ using Kestrel::utils::sys::FileDescriptor;
 using Kestrel::Utils::ULog::ULogger;
 
 // Logs "[Payload] data_offset(3)" (among other debug lines) from ipc/Message.
-void logOneDebugLine() {
-    Message message;
-    Message::Payload payload;
-    payload.data = {1, 2, 3};
-    message.setPayload(payload);
-    (void)message.payload();
-}
+void logOneDebugLine() { (void)makeMessage(0, {1, 2, 3})->payload(); }
 
 // Logs the warning "no payload exists" from ipc/Message.
 void logOneWarning() { (void)Message().payload(); }
@@ -145,8 +140,8 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     logOneDebugLine();
     std::string err = testing::internal::GetCapturedStderr();
     // "%s[%s] %s:%d %s() %s": prefix "D ", tag, file, line, function, message.
-    EXPECT_NE(err.find("D [Message] ipc/Message:"), std::string::npos) << err;
-    EXPECT_NE(err.find(" Payload() [Payload] data_offset(3)\n"), std::string::npos) << err;
+    EXPECT_THAT(err, ::testing::HasSubstr("D [Message] ipc/Message:"));
+    EXPECT_THAT(err, ::testing::HasSubstr(" Payload() [Payload] data_offset(3)\n"));
 
     capture.clear();
     testing::internal::CaptureStderr();
@@ -167,12 +162,9 @@ TEST_F(LogSinks, ModeSelectsTheSinksWhichFrameTheirLinesAndTruncateLongOnes) {
     EXPECT_EQ(capture.lines()[0].length, 2000);
 }
 
-// One call of each operation whose lines begin "[%s]", with the class that
-// logs them and the name the first of its debug lines gives (unregistering
-// dumps the set first, so its own line is picked by its text). Whatever helper
-// a refactor routes an operation through, its lines must keep naming the
-// operation: every debug line of the run names one of its class's
-// operations of this table.
+// One call of each operation whose debug lines begin "[%s]": the first line of
+// its class (or the one containing `text`) names it, and every debug line of
+// the run names an operation of its class here, whatever helper it went through.
 TEST_F(LogSinks, DebugLinesNameThePublicOperationNeverAHelper) {
     struct Operation {
         const char* tag;

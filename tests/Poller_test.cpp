@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ipc/Poller.h>
 #include <sysutils/FileDescriptor.h>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "support/Descriptors.h"
+#include "support/EventFdHandler.h"
 #include "support/LogCapture.h"
 #include "support/Waiting.h"
 
@@ -16,20 +18,6 @@ using namespace Kestrel::ipc;
 using namespace velacam::test;
 using Kestrel::utils::sys::FileDescriptor;
 using Events = std::vector<Poller::PollEvent>;
-
-struct Pipe {
-    Pipe() {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        readEnd = FileDescriptor(ends[0], 0);
-        writeEnd = FileDescriptor(ends[1], 0);
-    }
-    void signal() const { ASSERT_EQ(::write(writeEnd.get(), "x", 1), 1); }
-    int fd() const { return readEnd.get(); }
-
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
-};
 
 class PollerTest : public ::testing::Test {
   protected:
@@ -63,18 +51,21 @@ TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
 
 // Idle entries too, and a closed peer's hang-up even with an empty mask.
 TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
-    Pipe a, b, c, d;
-    b.signal();
-    d.writeEnd = FileDescriptor();
+    const EventFdHandler a, b, c;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const FileDescriptor d(ends[0], 0);
+    ::close(ends[1]);  // gone: the pipe hangs up
+    b.ring();
     poller.registerPollEvent(c.fd(), POLLIN);
     poller.registerPollEvent(b.fd(), POLLIN);
     poller.registerPollEvent(a.fd(), POLLIN);
-    poller.registerPollEvent(d.fd(), 0);
+    poller.registerPollEvent(d.get(), 0);
     EXPECT_EQ(poller.poll(1000ms),
-              (Events{{c.fd(), 0}, {b.fd(), POLLIN}, {a.fd(), 0}, {d.fd(), POLLHUP}}));
+              (Events{{c.fd(), 0}, {b.fd(), POLLIN}, {a.fd(), 0}, {d.get(), POLLHUP}}));
 
     ASSERT_TRUE(poller.unregisterPollEvent(b.fd()));
-    ASSERT_TRUE(poller.unregisterPollEvent(d.fd()));
+    ASSERT_TRUE(poller.unregisterPollEvent(d.get()));
     errno = 0;
     EXPECT_TRUE(poller.poll(1ms).empty());
     EXPECT_EQ(errno, ETIME);
@@ -85,14 +76,13 @@ TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
 
 // A registration made during the wait neither blocks nor reaches it.
 TEST_F(PollerTest, ZeroTimeout_WaitsUntilTheDescriptorIsReady) {
-    Pipe pipe;
-    Pipe other;
-    poller.registerPollEvent(pipe.fd(), POLLIN);
+    const EventFdHandler ready, other;
+    poller.registerPollEvent(ready.fd(), POLLIN);
     auto waiting = startBlocked([&] { return poller.poll(0ms); });
     poller.registerPollEvent(other.fd(), POLLIN);
-    other.signal();
-    pipe.signal();
-    EXPECT_EQ(waiting.get(), (Events{{pipe.fd(), POLLIN}}));
+    other.ring();
+    ready.ring();
+    EXPECT_EQ(waiting.get(), (Events{{ready.fd(), POLLIN}}));
     EXPECT_EQ(poller.registeredPollEvents().size(), 2u);
 }
 

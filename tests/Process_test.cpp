@@ -24,18 +24,15 @@ namespace {
 using namespace Kestrel::ipc::utils;
 using namespace velacam::test;
 
-// Reaps `pid` and returns its wait status.
-int reap(pid_t pid) {
+// Reaps `pid`: "exit N" or "signal N".
+std::string endOf(pid_t pid) {
     Watchdog watchdog("waitpid", 20s);
     int status = 0;
     while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
-    return status;
+    return WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                             : "signal " + std::to_string(WTERMSIG(status));
 }
-
-bool exitedWith(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
-
-bool killedBy(int status, int signal) { return WIFSIGNALED(status) && WTERMSIG(status) == signal; }
 
 class ProcessTest : public ::testing::Test {
   protected:
@@ -75,16 +72,16 @@ TEST_F(ProcessTest, Create_RunsTheProgramWithItsArguments_OrReturnsMinusOneInThe
         observed.push_back(child.pid());
     }
     EXPECT_EQ(observed, (std::vector<int>{named.pid(), counted.pid(), missing.pid()}));
-    EXPECT_TRUE(exitedWith(reap(named.pid()), 3));
-    EXPECT_TRUE(exitedWith(reap(counted.pid()), 2));
-    EXPECT_TRUE(exitedWith(reap(missing.pid()), 42));
+    EXPECT_EQ(endOf(named.pid()), "exit 3");
+    EXPECT_EQ(endOf(counted.pid()), "exit 2");
+    EXPECT_EQ(endOf(missing.pid()), "exit 42");
 }
 
 TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllKeepTheirSteps) {
     Process self;
     Process sleeper = start(self, "/bin/sleep", {"30"});
     EXPECT_TRUE(sleeper.terminate());
-    EXPECT_TRUE(killedBy(reap(sleeper.pid()), SIGTERM));
+    EXPECT_EQ(endOf(sleeper.pid()), "signal " + std::to_string(SIGTERM));
     EXPECT_FALSE(sleeper.terminate());  // reaped already
     EXPECT_EQ(mCapture.count("failed to kill the process (No such process)"), 1u);
     EXPECT_FALSE(Process(-1).terminate());
@@ -97,10 +94,10 @@ TEST_F(ProcessTest, Terminate_SendsSigtermToAValidIdOnly_RemovalAndTerminateAllK
     EXPECT_FALSE(self.terminateAllChildProcess());
     ASSERT_EQ(self.children().size(), 1u);
     EXPECT_EQ(self.children().front().pid(), sleeper.pid());
-    EXPECT_TRUE(killedBy(reap(last.pid()), SIGTERM));
+    EXPECT_EQ(endOf(last.pid()), "signal " + std::to_string(SIGTERM));
     EXPECT_EQ(waitpid(skipped.pid(), nullptr, WNOHANG), 0);  // still running
     ASSERT_EQ(kill(skipped.pid(), SIGKILL), 0);
-    EXPECT_TRUE(killedBy(reap(skipped.pid()), SIGKILL));
+    EXPECT_EQ(endOf(skipped.pid()), "signal " + std::to_string(SIGKILL));
 
     ASSERT_EQ(copy.children().size(), 3u);
     copy.removeFromObservation(sleeper.pid());

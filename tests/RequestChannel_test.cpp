@@ -75,17 +75,23 @@ class RequestChannelTest : public SocketPairFixture {
         return result;
     }
     // Calls `client` on a thread of its own with a request carrying `text`;
-    // the call's result. A reply's descriptors are closed.
+    // the call's result, -1000 for a reply other than answerWithFile's, or
+    // -2000 for a failed call that left a reply.
     static std::future<int> callAsync(RequestChannel& client, const std::string& text,
                                       milliseconds timeout = kLong) {
         return std::async(std::launch::async, [&client, text, timeout] {
             auto request = requestOf(text);
-            std::unique_ptr<Message> reply;
+            auto reply = std::make_unique<Message>();
             const int result = client.call(*request, timeout, &reply);
-            if (reply) {
-                ipc::MessageHandler().handleMessage(*reply);
+            if (result != 0) {
+                return reply ? -2000 : result;
             }
-            return result;
+            const Message::Payload payload = reply->payload();
+            const bool whole = reply->isReply() && reply->id() == request->id() &&
+                               reply->type() == 3 && dataOf(*reply) == text &&
+                               payload.fds.size() == 1 && contentsOf(payload.fds[0]) == text;
+            ipc::MessageHandler().handleMessage(*reply);  // the reply's descriptor is ours
+            return whole ? result : -1000;
         });
     }
 };
@@ -94,22 +100,9 @@ TEST_F(RequestChannelTest, ConcurrentCalls_EachGetTheirOwnWholeReply) {
     startServer();
     RequestChannel client(std::move(pair.first));
     constexpr int kCallers = 6;
-    std::vector<std::future<bool>> callers;
+    std::vector<std::future<int>> callers;
     for (int i = 0; i < kCallers; ++i) {
-        callers.push_back(std::async(std::launch::async, [&client, i] {
-            const std::string text = "call " + std::to_string(i);
-            auto request = requestOf(text);
-            std::unique_ptr<Message> reply;
-            if (client.call(*request, kLong, &reply) != 0) {
-                return false;
-            }
-            const Message::Payload payload = reply->payload();
-            const bool whole = reply->isReply() && reply->id() == request->id() &&
-                               reply->type() == 3 && dataOf(*reply) == text &&
-                               payload.fds.size() == 1 && contentsOf(payload.fds[0]) == text;
-            ipc::MessageHandler().handleMessage(*reply);  // the reply's descriptor is ours
-            return whole;
-        }));
+        callers.push_back(callAsync(client, "call " + std::to_string(i)));
     }
     ASSERT_TRUE(waitForRequests(kCallers));
     for (int i = kCallers - 1; i >= 0; --i) {  // answered in the reverse order of arrival
@@ -117,45 +110,28 @@ TEST_F(RequestChannelTest, ConcurrentCalls_EachGetTheirOwnWholeReply) {
     }
     for (auto& caller : callers) {
         ASSERT_EQ(caller.wait_for(kLong), std::future_status::ready);
-        EXPECT_TRUE(caller.get());
+        EXPECT_EQ(caller.get(), 0);
     }
 }
 
-TEST_F(RequestChannelTest, NoReplyInTime_TimesOutAndTheLateReplyIsDroppedWithItsDescriptor) {
+// The first call reads for both and gives up: the second takes the socket
+// over and drops the late reply (the fixture's leak check sees its descriptor closed).
+TEST_F(RequestChannelTest,
+       CallTimingOut_HandsTheSocketOnAndItsLateReplyIsDroppedWithItsDescriptor) {
     startServer();
     RequestChannel client(std::move(pair.first));
-    auto request = requestOf("slow");
-    std::unique_ptr<Message> reply = std::make_unique<Message>();
-    EXPECT_EQ(client.call(*request, milliseconds(100), &reply), RequestChannel::kTimedOut);
-    EXPECT_EQ(reply, nullptr);
-    EXPECT_EQ(capture.countContaining("timed out after 100 ms"), 1u);
-
-    ASSERT_TRUE(waitForRequests(1));
-    EXPECT_EQ(answerWithFile(0), 0);
-
-    // The next call reads the late reply first and drops it; the leak check
-    // of the fixture sees its descriptor closed.
-    std::future<int> next = callAsync(client, "next");
-    ASSERT_TRUE(waitForRequests(2));
-    EXPECT_EQ(answerWithFile(1), 0);
-    ASSERT_EQ(next.wait_for(kLong), std::future_status::ready);
-    EXPECT_EQ(next.get(), 0);
-    EXPECT_EQ(capture.count("reply(id: 1) came after its call ended, dropped"), 1u);
-}
-
-TEST_F(RequestChannelTest, ReadingCallThatTimesOut_HandsTheSocketToTheNextCall) {
-    startServer();
-    RequestChannel client(std::move(pair.first));
-    // The first call reads for both and gives up first.
     std::future<int> first = callAsync(client, "given up", milliseconds(300));
     ASSERT_TRUE(waitForRequests(1));
     std::future<int> second = callAsync(client, "patient");
     ASSERT_TRUE(waitForRequests(2));
     ASSERT_EQ(first.wait_for(kLong), std::future_status::ready);
     EXPECT_EQ(first.get(), RequestChannel::kTimedOut);
-    EXPECT_EQ(answerWithFile(1), 0);  // someone must still be reading
+    EXPECT_EQ(capture.countContaining("timed out after 300 ms"), 1u);
+    EXPECT_EQ(answerWithFile(0), 0);
+    EXPECT_EQ(answerWithFile(1), 0);
     ASSERT_EQ(second.wait_for(kLong), std::future_status::ready);
     EXPECT_EQ(second.get(), 0);
+    EXPECT_EQ(capture.count("reply(id: 1) came after its call ended, dropped"), 1u);
 }
 
 TEST_F(RequestChannelTest, PeerHangUp_FailsEveryWaitingCallAtOnceAndEveryLaterOne) {

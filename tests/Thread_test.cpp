@@ -30,27 +30,29 @@ class ThreadTest : public ::testing::Test {
     LogCapture mCapture;  // before any thread starts
 };
 
-// Calls `body`; counts its own destruction in `destroyed`.
-class CountedRunnable : public Runnable {
-  public:
-    CountedRunnable(std::function<void()> body, std::atomic<int>& destroyed)
-        : mBody(std::move(body)), mDestroyed(destroyed) {}
-    ~CountedRunnable() override { ++mDestroyed; }
-    void run() override { mBody(); }
-
-  private:
-    std::function<void()> mBody;
-    std::atomic<int>& mDestroyed;
+struct RunCounts {
+    std::atomic<int> started{0};
+    std::atomic<int> finished{0};
+    std::atomic<int> destroyed{0};
 };
 
-// Marks each message it handles in a bit mask.
-class MarkingHandler : public MessageHandler {
+// Counts its runs and its destruction; after `body`, writes a member of its
+// own: a runnable freed while a thread still runs it is a use-after-free under ASan.
+class CountedRunnable : public Runnable {
   public:
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> message) override {
-        handled |= 1u << message->id();
+    CountedRunnable(RunCounts& counts, std::function<void()> body)
+        : mCounts(counts), mBody(std::move(body)) {}
+    ~CountedRunnable() override { ++mCounts.destroyed; }
+    void run() override {
+        ++mCounts.started;
+        mBody();
+        mCounts.finished = ++mRuns;
     }
-    std::atomic<uint32_t> handled{0};
+
+  private:
+    RunCounts& mCounts;
+    std::function<void()> mBody;
+    std::atomic<int> mRuns{0};
 };
 
 TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecordAndLoop) {
@@ -92,37 +94,37 @@ TEST_F(ThreadTest, MainHasTheStaticThreadAndNoLoop_EachStartedThreadItsOwnRecord
     EXPECT_EQ(mCapture.count("only non-main thread can reach here."), 1u);
 
     // What waits in thread 1's loop goes with that thread's record.
-    auto handler = std::make_shared<MarkingHandler>();
+    std::atomic<uint32_t> handled{0};  // a bit for each message handled
+    auto handler = std::make_shared<FunctionHandler>(
+            [&handled](std::unique_ptr<Message> m) { handled |= 1u << m->id(); });
     for (uint32_t id : {1u, 2u, 3u}) {
         loops[id == 2 ? 1 : 0].load()->messageQueue().enqueueMessage(
                 makeMessage(id, {}, {}, handler), 0ms);
     }
     constexpr uint32_t kOneAndThree = (1u << 1) | (1u << 3);
-    ASSERT_TRUE(waitUntil([&] { return handler->handled == kOneAndThree; }, kLimit));
+    ASSERT_TRUE(waitUntil([&] { return handled == kOneAndThree; }, kLimit));
     loops[0].load()->requestExit();
     EXPECT_TRUE(waitUntil([&] { return handler.use_count() == 2; }, kLimit));  // 2 still queued
     leave.set_value();
     threads[0].wait();
     threads[1].wait();
     EXPECT_EQ(handler.use_count(), 1);
-    EXPECT_EQ(handler->handled, kOneAndThree);
+    EXPECT_EQ(handled, kOneAndThree);
 }
 
 TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
-    std::atomic<int> destroyed{0};
+    RunCounts counts;
     std::atomic<bool> ranBeforeDestruction{false};
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
-    // Opened once this thread sleeps in the destructor, which must join first.
     const pid_t self = gettid();
-    std::thread opener;
+    std::thread opener;  // opens the gate once this thread sleeps in the destructor
     {
-        Thread thread(new CountedRunnable(
-                              [&, opened] {
-                                  opened.wait_for(kLimit);
-                                  ranBeforeDestruction = destroyed == 0;
-                              },
-                              destroyed),
+        Thread thread(new CountedRunnable(counts,
+                                          [&, opened] {
+                                              opened.wait_for(kLimit);
+                                              ranBeforeDestruction = counts.destroyed == 0;
+                                          }),
                       true);
         thread.start();
         opener = std::thread([&gate, self] {
@@ -132,46 +134,25 @@ TEST_F(ThreadTest, DestructionJoinsBeforeDestroyingTheOwnedRunnableOnly) {
     }
     opener.join();
     EXPECT_TRUE(ranBeforeDestruction);
-    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(counts.destroyed, 1);
     {
-        CountedRunnable notOwned([] {}, destroyed);
+        CountedRunnable notOwned(counts, [] {});
         Thread(&notOwned, false).start();
-        EXPECT_EQ(destroyed, 1);
+        EXPECT_EQ(counts.destroyed, 1);
     }
-    EXPECT_EQ(destroyed, 2);
+    EXPECT_EQ(counts.destroyed, 2);
 }
 
-struct RunCounts {
-    std::atomic<int> started{0};
-    std::atomic<int> finished{0};
-    std::atomic<int> destroyed{0};
-};
-
-// Waits for a gate, then writes a member of its own: a runnable freed while a
-// thread still runs it is a heap-use-after-free under ASan.
-class GatedRunnable : public Runnable {
-  public:
-    GatedRunnable(std::shared_future<void> gate, RunCounts& counts)
-        : mGate(std::move(gate)), mCounts(counts) {}
-    ~GatedRunnable() override { ++mCounts.destroyed; }
-    void run() override {
-        ++mCounts.started;
-        mGate.wait_for(kLimit);
-        mCounts.finished = ++mRuns;
-    }
-
-  private:
-    std::shared_future<void> mGate;
-    RunCounts& mCounts;
-    std::atomic<int> mRuns{0};
-};
+std::function<void()> waiterFor(std::promise<void>& gate) {
+    return [opened = gate.get_future().share()] { opened.wait_for(kLimit); };
+}
 
 TEST_F(ThreadTest, MoveHandsOnTheRunnableOnly_ItLivesUntilItsOwnerAndEveryRunningThreadLetGo) {
     Watchdog watchdog("moves of started threads", 60s);
     {  // the moved-to owner goes first, while the source's thread runs
         RunCounts counts;
         std::promise<void> gate;
-        Thread source(new GatedRunnable(gate.get_future().share(), counts), true);
+        Thread source(new CountedRunnable(counts, waiterFor(gate)), true);
         source.start();
         ASSERT_TRUE(waitUntil([&] { return counts.started == 1; }, kLimit));
         { Thread moved(std::move(source)); }
@@ -184,7 +165,7 @@ TEST_F(ThreadTest, MoveHandsOnTheRunnableOnly_ItLivesUntilItsOwnerAndEveryRunnin
     {  // start() on the moved-to object: a second thread on the same runnable
         RunCounts counts;
         std::promise<void> gate;
-        Thread source(new GatedRunnable(gate.get_future().share(), counts), true);
+        Thread source(new CountedRunnable(counts, waiterFor(gate)), true);
         source.start();
         ASSERT_TRUE(waitUntil([&] { return counts.started == 1; }, kLimit));
         Thread moved(std::move(source));
@@ -198,10 +179,10 @@ TEST_F(ThreadTest, MoveHandsOnTheRunnableOnly_ItLivesUntilItsOwnerAndEveryRunnin
         EXPECT_EQ(counts.finished, 2);
         EXPECT_EQ(counts.destroyed, 0);  // `assigned` still owns it
     }
-    std::atomic<int> destroyed{0};
-    Thread target(new CountedRunnable([] {}, destroyed), true);
+    RunCounts counts;
+    Thread target(new CountedRunnable(counts, [] {}), true);
     target = Thread(new FunctionRunnable([] {}), true);
-    EXPECT_EQ(destroyed, 1);  // the replaced runnable went at once
+    EXPECT_EQ(counts.destroyed, 1);  // the replaced runnable went at once
 }
 
 using ThreadDeathTest = ThreadTest;

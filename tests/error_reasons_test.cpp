@@ -7,7 +7,6 @@
 #include <ipc/SocketEventHandler.h>
 #include <ipc/UnixDomainSocket.h>
 
-#include <string>
 #include <vector>
 
 #include "support/Messages.h"
@@ -19,18 +18,10 @@ namespace ipc = Kestrel::ipc;
 using namespace velacam::test;
 using ipc::Message;
 
-class ErrorReasonsTest : public SocketPairFixture {
-  protected:
-    // No line quotes a reason the failure did not have.
-    void expectNoMisleadingReason() {
-        EXPECT_EQ(capture.countContaining("(Success)"), 0u);
-        EXPECT_EQ(capture.countContaining("No such file or directory"), 0u);
-    }
-};
+using ErrorReasonsTest = SocketPairFixture;
 
-// Every send and receive of an unbound socket gives -2; those of a whole
-// message log the reason.
-TEST_F(ErrorReasonsTest, UnboundSocket_IsCalledNotBound) {
+TEST_F(ErrorReasonsTest, UnboundSocketIsCalledNotBound_RefusedPayloadRecordsQuoteTheRefusal) {
+    // Every send and receive of an unbound socket gives -2; whole messages log why.
     ipc::UnixDomainSocket unbound;
     EXPECT_FALSE(unbound.isBound());
     Message message;
@@ -50,16 +41,12 @@ TEST_F(ErrorReasonsTest, UnboundSocket_IsCalledNotBound) {
     EXPECT_EQ(capture.count("send string failed (socket not bound)"), 1u);
     EXPECT_EQ(capture.count("receive string failed(socket not bound)"), 1u);
     EXPECT_EQ(capture.countContaining("failed (socket not bound)"), 5u);  // the socket's own too
-    expectNoMisleadingReason();
-}
 
-TEST_F(ErrorReasonsTest, RefusedPayloadRecord_QuotesTheRefusal) {
     ipc::UnixDomainSocket receiver;
     receiver.bind(std::move(pair.first));
     // A descriptor announced and none sent: -61.
     ASSERT_TRUE(writeHeaderRecord(far, 1, 0, 1));
     ASSERT_EQ(writeRecord(far, nullptr, 0, {}, false), 0);
-    Message message;
     EXPECT_EQ(receiver.recv(&message), -ENODATA);
     EXPECT_EQ(capture.count("receive file descriptors and message failed (No data available)"), 1u);
     // Two descriptors where one was announced: -90, both closed.
@@ -67,7 +54,9 @@ TEST_F(ErrorReasonsTest, RefusedPayloadRecord_QuotesTheRefusal) {
     ASSERT_EQ(writeRecord(far, nullptr, 0, {file.get(), file.get()}), 0);
     EXPECT_EQ(receiver.recv(&message), -EMSGSIZE);
     EXPECT_EQ(capture.count("receive file descriptors and message failed (Message too long)"), 1u);
-    expectNoMisleadingReason();
+    // No line quotes a reason the failure did not have.
+    EXPECT_EQ(capture.countContaining("(Success)"), 0u);
+    EXPECT_EQ(capture.countContaining("No such file or directory"), 0u);
 }
 
 }  // namespace

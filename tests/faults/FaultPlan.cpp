@@ -1,24 +1,39 @@
 #include "FaultPlan.h"
 
 #include <link.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <string>
 
 namespace velacam::faults {
 
 namespace {
 
 constexpr const char* kLibraryName = "libvelacam_ipc_core.so";
+const char* const kCallNames[kCallCount] = {"sendmmsg", "sendmsg", "recvmmsg", "recvmsg", "ppoll",
+                                            "read",     "write",   "eventfd",  "close"};
+const char* const kKindNames[kKindCount] = {"eintr",      "eagain", "enomem", "emfile",
+                                            "econnreset", "short",  "ctrunc"};
+// The faults the kernel can give each call, in the order of Call.
+const char* const kApplicable[kCallCount] = {"eintr,eagain,enomem,econnreset,short",
+                                             "eintr,eagain,enomem,econnreset",
+                                             "eintr,eagain,enomem,econnreset,short,ctrunc",
+                                             "eintr,eagain,enomem,econnreset,ctrunc",
+                                             "eintr,enomem",
+                                             "eintr,eagain",
+                                             "eintr,eagain",
+                                             "emfile,enomem",
+                                             "eintr"};
 
 struct Settings {
     uint64_t seed = 1;
     uint32_t ratePerMillion = 50000;
-    uint32_t calls = (1u << kCallCount) - 1;
-    uint32_t kinds = (1u << kKindCount) - 1;
+    uint32_t calls = 0;
+    uint32_t kinds[kCallCount] = {};  // the faults asked for that each call can get
     uint64_t limit = UINT64_MAX;
     const char* report = nullptr;
     uintptr_t textStart = 0;  // the library's executable segments
@@ -32,32 +47,17 @@ std::atomic<uint64_t> gPlantedTotal{0};  // decisions to plant, for the limit
 std::atomic<uint64_t> gTookEffect{0};    // faults planted that took effect
 std::atomic<uint64_t> gPlanted[kCallCount][kKindCount];
 
-const char* const kCallNames[kCallCount] = {"sendmmsg", "sendmsg", "recvmmsg", "recvmsg", "ppoll",
-                                            "read",     "write",   "eventfd",  "close"};
-const char* const kKindNames[kKindCount] = {"eintr",      "eagain", "enomem", "emfile",
-                                            "econnreset", "short",  "ctrunc"};
-
+// The bits of the names in the comma-separated `text` (all of them when empty).
 uint32_t parseList(const char* text, const char* const* names, size_t count) {
     if (text == nullptr || *text == '\0') {
         return (1u << count) - 1;
     }
     uint32_t mask = 0;
-    char item[32];
-    const char* start = text;
-    while (*start != '\0') {
-        const char* end = std::strchr(start, ',');
-        const size_t length =
-                end != nullptr ? static_cast<size_t>(end - start) : std::strlen(start);
-        if (length < sizeof(item)) {
-            std::memcpy(item, start, length);
-            item[length] = '\0';
-            for (size_t i = 0; i < count; ++i) {
-                if (std::strcmp(item, names[i]) == 0) {
-                    mask |= 1u << i;
-                }
-            }
+    std::istringstream list(text);
+    for (std::string item; std::getline(list, item, ',');) {
+        for (size_t i = 0; i < count; ++i) {
+            mask |= item == names[i] ? 1u << i : 0;
         }
-        start += length + (end != nullptr ? 1 : 0);
     }
     return mask;
 }
@@ -93,9 +93,11 @@ __attribute__((constructor)) void readSettings() {
         s.ratePerMillion = static_cast<uint32_t>(std::strtod(rate, nullptr) * 1e6);
     }
     s.calls = parseList(std::getenv("VELACAM_FAULT_CALLS"), kCallNames, kCallCount);
-    s.kinds = parseList(std::getenv("VELACAM_FAULT_KINDS"), kKindNames, kKindCount);
-    if (const char* limit = std::getenv("VELACAM_FAULT_LIMIT");
-        limit != nullptr && *limit != '\0') {
+    const uint32_t kinds = parseList(std::getenv("VELACAM_FAULT_KINDS"), kKindNames, kKindCount);
+    for (size_t c = 0; c < kCallCount; ++c) {
+        s.kinds[c] = kinds & parseList(kApplicable[c], kKindNames, kKindCount);
+    }
+    if (const char* limit = std::getenv("VELACAM_FAULT_LIMIT"); limit != nullptr && *limit) {
         s.limit = std::strtoull(limit, nullptr, 10);
     }
     s.report = std::getenv("VELACAM_FAULT_REPORT");
@@ -105,17 +107,13 @@ __attribute__((constructor)) void readSettings() {
 }
 
 __attribute__((destructor)) void writeReport() {
-    if (gSettings.report == nullptr) {
-        return;
-    }
-    std::FILE* out = std::fopen(gSettings.report, "a");
+    std::FILE* out = gSettings.report != nullptr ? std::fopen(gSettings.report, "a") : nullptr;
     if (out == nullptr) {
         return;
     }
     for (size_t c = 0; c < kCallCount; ++c) {
         for (size_t k = 0; k < kKindCount; ++k) {
-            const uint64_t count = gPlanted[c][k].load();
-            if (count != 0) {
+            if (const uint64_t count = gPlanted[c][k].load(); count != 0) {
                 std::fprintf(out, "%s %s %llu\n", kCallNames[c], kKindNames[k],
                              static_cast<unsigned long long>(count));
             }
@@ -126,49 +124,20 @@ __attribute__((destructor)) void writeReport() {
 
 }  // namespace
 
-const char* callName(Call call) { return kCallNames[static_cast<size_t>(call)]; }
-const char* kindName(Kind kind) { return kKindNames[static_cast<size_t>(kind)]; }
-
-bool faultApplies(Call call, Kind kind) {
-    switch (call) {
-        case Call::kSendmmsg:
-            return kind != Kind::kEmfile && kind != Kind::kCtrunc;
-        case Call::kSendmsg:
-            return kind == Kind::kEintr || kind == Kind::kEagain || kind == Kind::kEnomem ||
-                   kind == Kind::kEconnreset;
-        case Call::kRecvmmsg:
-            return kind != Kind::kEmfile;
-        case Call::kRecvmsg:
-            return kind != Kind::kEmfile && kind != Kind::kShort;
-        case Call::kPpoll:
-            return kind == Kind::kEintr || kind == Kind::kEnomem;
-        case Call::kRead:
-        case Call::kWrite:
-            return kind == Kind::kEintr || kind == Kind::kEagain;
-        case Call::kEventfd:
-            return kind == Kind::kEmfile || kind == Kind::kEnomem;
-        case Call::kClose:
-            return kind == Kind::kEintr;
-    }
-    return false;
-}
-
 bool plant(Call call, const void* caller, Kind& kind) {
     const Settings& s = gSettings;
+    const auto index = static_cast<unsigned>(call);
     const auto address = reinterpret_cast<uintptr_t>(caller);
-    if (!s.ready || (s.calls & (1u << static_cast<unsigned>(call))) == 0 || address < s.textStart ||
-        address >= s.textEnd) {
+    if (!s.ready || (s.calls & (1u << index)) == 0 || address < s.textStart ||
+        address >= s.textEnd || s.kinds[index] == 0) {
         return false;
     }
     Kind applicable[kKindCount];
     size_t count = 0;
     for (size_t k = 0; k < kKindCount; ++k) {
-        if ((s.kinds & (1u << k)) != 0 && faultApplies(call, static_cast<Kind>(k))) {
+        if ((s.kinds[index] & (1u << k)) != 0) {
             applicable[count++] = static_cast<Kind>(k);
         }
-    }
-    if (count == 0) {
-        return false;
     }
     const uint64_t draw = mix(s.seed ^ mix(gDecisions.fetch_add(1, std::memory_order_relaxed)));
     if (draw % 1000000 >= s.ratePerMillion ||
@@ -189,5 +158,3 @@ void planted(Call call, Kind kind) {
 extern "C" __attribute__((visibility("default"))) uint64_t velacam_faults_planted() {
     return velacam::faults::gTookEffect.load();
 }
-
-namespace velacam::faults {}  // namespace velacam::faults

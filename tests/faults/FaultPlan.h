@@ -16,8 +16,8 @@
 // planted fault explains from one that an earlier fault left behind.
 //
 // Only calls made from the library itself (libvelacam_ipc_core) are eligible,
-// and each call takes only the faults the kernel can give it (see
-// faultApplies). Thread: decisions are lock-free; any thread may ask.
+// and each call takes only the faults the kernel can give it (kApplicable in
+// FaultPlan.cpp). Thread: decisions are lock-free; any thread may ask.
 #pragma once
 
 #include <cstddef>
@@ -25,25 +25,13 @@
 
 namespace velacam::faults {
 
-enum class Call : uint8_t {
-    kSendmmsg,
-    kSendmsg,
-    kRecvmmsg,
-    kRecvmsg,
-    kPpoll,
-    kRead,
-    kWrite,
-    kEventfd,
-    kClose
-};
+// clang-format off
+enum class Call : uint8_t { kSendmmsg, kSendmsg, kRecvmmsg, kRecvmsg, kPpoll, kRead, kWrite, kEventfd,
+                            kClose };
+// clang-format on
 constexpr size_t kCallCount = 9;
 enum class Kind : uint8_t { kEintr, kEagain, kEnomem, kEmfile, kEconnreset, kShort, kCtrunc };
 constexpr size_t kKindCount = 7;
-
-const char* callName(Call call);
-const char* kindName(Kind kind);
-// Whether the kernel can give `call` the fault `kind`.
-bool faultApplies(Call call, Kind kind);
 
 // The fault to plant in this call from `caller` (a return address), if any.
 bool plant(Call call, const void* caller, Kind& kind);

@@ -28,29 +28,24 @@ Function next(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-int errnoOf(Kind kind) {
-    switch (kind) {
-        case Kind::kEintr:
-            return EINTR;
-        case Kind::kEagain:
-            return EAGAIN;
-        case Kind::kEnomem:
-            return ENOMEM;
-        case Kind::kEmfile:
-            return EMFILE;
-        case Kind::kEconnreset:
-            return ECONNRESET;
-        default:
-            return 0;
-    }
-}
-
 // Fails the call with the planted error.
 template <typename Result>
 Result fail(Call call, Kind kind) {
+    constexpr int kErrno[] = {EINTR, EAGAIN, ENOMEM, EMFILE, ECONNRESET, 0, 0};
     velacam::faults::planted(call, kind);
-    errno = errnoOf(kind);
+    errno = kErrno[static_cast<size_t>(kind)];
     return static_cast<Result>(-1);
+}
+
+// Fails a call of `caller` (the interposer's return address) with a planted
+// error, or makes the real one.
+template <typename Function, typename... Args>
+auto failOrCall(Call call, const void* caller, Function real, Args... args) {
+    Kind kind;
+    if (velacam::faults::plant(call, caller, kind)) {
+        return fail<decltype(real(args...))>(call, kind);
+    }
+    return real(args...);
 }
 
 // Leaves room for at most two descriptors (chosen by `pick`) where `header`
@@ -93,11 +88,7 @@ int sendmmsg(int fd, mmsghdr* vector, unsigned int count, int flags) {
 
 ssize_t sendmsg(int fd, const msghdr* header, int flags) {
     static const auto real = next<ssize_t (*)(int, const msghdr*, int)>("sendmsg");
-    Kind kind;
-    if (velacam::faults::plant(Call::kSendmsg, __builtin_return_address(0), kind)) {
-        return fail<ssize_t>(Call::kSendmsg, kind);
-    }
-    return real(fd, header, flags);
+    return failOrCall(Call::kSendmsg, __builtin_return_address(0), real, fd, header, flags);
 }
 
 int recvmmsg(int fd, mmsghdr* vector, unsigned int count, int flags, timespec* timeout) {
@@ -152,38 +143,22 @@ ssize_t recvmsg(int fd, msghdr* header, int flags) {
 int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
     static const auto real =
             next<int (*)(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
-    Kind kind;
-    if (velacam::faults::plant(Call::kPpoll, __builtin_return_address(0), kind)) {
-        return fail<int>(Call::kPpoll, kind);
-    }
-    return real(fds, count, timeout, mask);
+    return failOrCall(Call::kPpoll, __builtin_return_address(0), real, fds, count, timeout, mask);
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
     static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
-    Kind kind;
-    if (velacam::faults::plant(Call::kRead, __builtin_return_address(0), kind)) {
-        return fail<ssize_t>(Call::kRead, kind);
-    }
-    return real(fd, buffer, size);
+    return failOrCall(Call::kRead, __builtin_return_address(0), real, fd, buffer, size);
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
     static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
-    Kind kind;
-    if (velacam::faults::plant(Call::kWrite, __builtin_return_address(0), kind)) {
-        return fail<ssize_t>(Call::kWrite, kind);
-    }
-    return real(fd, buffer, size);
+    return failOrCall(Call::kWrite, __builtin_return_address(0), real, fd, buffer, size);
 }
 
 int eventfd(unsigned int initial, int flags) {
     static const auto real = next<int (*)(unsigned int, int)>("eventfd");
-    Kind kind;
-    if (velacam::faults::plant(Call::kEventfd, __builtin_return_address(0), kind)) {
-        return fail<int>(Call::kEventfd, kind);
-    }
-    return real(initial, flags);
+    return failOrCall(Call::kEventfd, __builtin_return_address(0), real, initial, flags);
 }
 
 int close(int fd) {

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <string>
 
 namespace velacam::test {
 

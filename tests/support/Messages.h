@@ -1,10 +1,11 @@
-// Test helper: the one way suites build a message.
+// Test helpers: the one way suites build a message, and a handler made of a function.
 #pragma once
 
 #include <ipc/Message.h>
 #include <ipc/MessageHandler.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -26,5 +27,19 @@ inline std::unique_ptr<Kestrel::ipc::Message> makeMessage(
                        static_cast<uint16_t>(payload.fds.size()));
     return message;
 }
+
+// Hands each message dispatched to it to a function.
+class FunctionHandler : public Kestrel::ipc::MessageHandler {
+  public:
+    using Function = std::function<void(std::unique_ptr<Kestrel::ipc::Message>)>;
+    explicit FunctionHandler(Function handle) : mHandle(std::move(handle)) {}
+    using MessageHandler::handleMessage;
+    void handleMessage(std::unique_ptr<Kestrel::ipc::Message> message) override {
+        mHandle(std::move(message));
+    }
+
+  private:
+    Function mHandle;
+};
 
 }  // namespace velacam::test
