@@ -226,6 +226,12 @@ TEST_F(ReceiveBoundsTest, RecordsLongerThanTheMaximumOrShorterThanAnnounced_AreR
     for (const auto timeout : kPayloadTimeouts) {
         receiver.setPayloadTimeout(timeout);
         for (const Case& c : cases) {
+            // Read a record at a time, the control room fits what the header
+            // announced; the kernel closes what does not fit, qemu-user
+            // leaves it open in the process.
+            if (underEmulation() && timeout == 0ms && c.sentFds > c.announcedFds) {
+                continue;
+            }
             SCOPED_TRACE(std::string(c.what) + ", payload time-out " +
                          std::to_string(timeout.count()) + " ms");
             ASSERT_TRUE(writeHeaderRecord(peer.get(), 1, c.announced, c.announcedFds));
