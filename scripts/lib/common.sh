@@ -1,4 +1,4 @@
-# Shared by the scripts: printing, package set-up and preset runs.
+# Shared by the scripts: printing, package set-up, preset builds and runs.
 
 step() { printf '\n==> %s\n' "$*"; }
 
@@ -30,13 +30,25 @@ ensure_build_tools() {
         libbenchmark-dev
 }
 
+# Configures one preset of CMakePresets.json (with any further cache settings
+# given) and builds it: whole, or only TARGET when it is not empty.
+#   build_preset PRESET [TARGET [-DNAME=VALUE ...]]
+build_preset() {
+    local preset=$1 target=${2:-}
+    step "configure and build: $preset${target:+ ($target)}"
+    cmake --preset "$preset" "${@:3}" >/dev/null
+    cmake --build --preset "$preset" -j "$(nproc)" ${target:+--target "$target"}
+}
+
+# build/release/bench/velacam_bench, built without the examples.
+build_bench() {
+    build_preset release velacam_bench -DVELACAM_BUILD_EXAMPLES=OFF
+}
+
 # Configures, builds and tests one preset of CMakePresets.json.
 run_preset() {
     local preset=$1
-    step "configure: $preset"
-    cmake --preset "$preset" >/dev/null
-    step "build: $preset"
-    cmake --build --preset "$preset" -j "$(nproc)"
+    build_preset "$preset"
     step "test: $preset"
     ctest --preset "$preset" --timeout 300
 }
