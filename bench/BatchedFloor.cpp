@@ -20,15 +20,12 @@ constexpr size_t kControlSpace = CMSG_SPACE(sizeof(int) * kMaxFds);
 // The most descriptors one record carries (the kernel's SCM_MAX_FD).
 constexpr size_t kMostRecordFds = 253;
 constexpr size_t kGuardedControlSpace = CMSG_SPACE(sizeof(int) * kMostRecordFds);
-// The most data bytes the library's messages carry inline
-// (UnixDomainSocket::kMaxInlineData): room and buffer together offer this much.
-constexpr size_t kInlineMaximum = size_t{64} * 1024;
-
-// The process's buffer behind the room, or null when it cannot be had.
+// The process's buffer behind the room, or null when it cannot be had. Room
+// and buffer together offer kMaxData, the library's inline maximum.
 void* spillBuffer() {
     static void* const buffer = [] {
-        void* mapped = mmap(nullptr, kInlineMaximum, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* mapped =
+                mmap(nullptr, kMaxData, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         return mapped == MAP_FAILED ? nullptr : mapped;
     }();
     return buffer;
@@ -66,8 +63,8 @@ class RecordPair {
         if (spill == nullptr) {
             return false;
         }
-        mVectors[1].iov_len = std::min(std::max(mVectors[1].iov_len, kGuardedRoom), kInlineMaximum);
-        mVectors[2] = {spill, kInlineMaximum - mVectors[1].iov_len};
+        mVectors[1].iov_len = std::min(std::max(mVectors[1].iov_len, kGuardedRoom), kMaxData);
+        mVectors[2] = {spill, kMaxData - mVectors[1].iov_len};
         mMessages[1].msg_hdr.msg_iovlen = mVectors[2].iov_len != 0 ? 2 : 1;
         for (mmsghdr& message : mMessages) {
             message.msg_hdr.msg_controllen = kGuardedControlSpace;
