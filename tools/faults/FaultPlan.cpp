@@ -33,7 +33,9 @@ struct Settings {
     uint64_t seed = 1;
     uint32_t ratePerMillion = 50000;
     uint32_t calls = 0;
-    uint32_t kinds[kCallCount] = {};  // the faults asked for that each call can get
+    // The faults asked for that each call can get, in the order of Kind.
+    Kind applicable[kCallCount][kKindCount] = {};
+    size_t applicableCount[kCallCount] = {};
     uint64_t limit = UINT64_MAX;
     const char* report = nullptr;
     uintptr_t textStart = 0;  // the library's executable segments
@@ -95,7 +97,12 @@ __attribute__((constructor)) void readSettings() {
     s.calls = parseList(std::getenv("VELACAM_FAULT_CALLS"), kCallNames, kCallCount);
     const uint32_t kinds = parseList(std::getenv("VELACAM_FAULT_KINDS"), kKindNames, kKindCount);
     for (size_t c = 0; c < kCallCount; ++c) {
-        s.kinds[c] = kinds & parseList(kApplicable[c], kKindNames, kKindCount);
+        const uint32_t mask = kinds & parseList(kApplicable[c], kKindNames, kKindCount);
+        for (size_t k = 0; k < kKindCount; ++k) {
+            if ((mask & (1u << k)) != 0) {
+                s.applicable[c][s.applicableCount[c]++] = static_cast<Kind>(k);
+            }
+        }
     }
     if (const char* limit = std::getenv("VELACAM_FAULT_LIMIT"); limit != nullptr && *limit) {
         s.limit = std::strtoull(limit, nullptr, 10);
@@ -128,23 +135,17 @@ bool plant(Call call, const void* caller, Kind& kind) {
     const Settings& s = gSettings;
     const auto index = static_cast<unsigned>(call);
     const auto address = reinterpret_cast<uintptr_t>(caller);
+    const size_t count = s.applicableCount[index];
     if (!s.ready || (s.calls & (1u << index)) == 0 || address < s.textStart ||
-        address >= s.textEnd || s.kinds[index] == 0) {
+        address >= s.textEnd || count == 0) {
         return false;
-    }
-    Kind applicable[kKindCount];
-    size_t count = 0;
-    for (size_t k = 0; k < kKindCount; ++k) {
-        if ((s.kinds[index] & (1u << k)) != 0) {
-            applicable[count++] = static_cast<Kind>(k);
-        }
     }
     const uint64_t draw = mix(s.seed ^ mix(gDecisions.fetch_add(1, std::memory_order_relaxed)));
     if (draw % 1000000 >= s.ratePerMillion ||
         gPlantedTotal.fetch_add(1, std::memory_order_relaxed) >= s.limit) {
         return false;
     }
-    kind = applicable[(draw >> 32) % count];
+    kind = s.applicable[index][(draw >> 32) % count];
     return true;
 }
 
