@@ -67,6 +67,7 @@ struct SoakServer::Connection {
     uint32_t slot;
     int fd;
     std::shared_ptr<SocketEventHandler> handler;
+    std::shared_ptr<RequestHandler> requests;  // the handler of every request received
     std::atomic<bool> closed{false};
     std::atomic<uint32_t> queued{0};
     std::atomic<bool> paused{false};
@@ -140,6 +141,7 @@ void SoakServer::addClient(uint32_t slot, FileDescriptor&& end) {
     connection->fd = end.get();
     connection->handler = std::make_shared<SocketEventHandler>(std::move(end), EventType::READ);
     std::weak_ptr<Connection> weak = connection;
+    connection->requests = std::make_shared<RequestHandler>(*this, weak);
     connection->handler->setRunnable(std::make_shared<FunctionRunnable>([this, weak] {
         if (auto c = weak.lock()) {
             receive(c);
@@ -178,16 +180,15 @@ void SoakServer::receive(const std::shared_ptr<Connection>& connection) {
     if (connection->closed) {
         return;
     }
-    auto request = std::make_unique<Message>(std::make_shared<RequestHandler>(*this, connection));
+    auto request = std::make_unique<Message>(connection->requests);
     const int result = connection->handler->receiveMessage(request.get());
-    if (result == -EAGAIN || result == -EINTR) {
-        // Nothing was taken: the reactor calls again while data waits.
-        count([result](ServerCounters& c) { ++c.receiveErrors[errorSlot(result)]; });
-        return;
-    }
     if (result != 0) {
         count([result](ServerCounters& c) { ++c.receiveErrors[errorSlot(result)]; });
-        close(connection);
+        // After -EAGAIN or -EINTR nothing was taken: the reactor calls again
+        // while data waits.
+        if (result != -EAGAIN && result != -EINTR) {
+            close(connection);
+        }
         return;
     }
     if (request->type() != kRequestType) {
