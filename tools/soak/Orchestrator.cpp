@@ -132,11 +132,7 @@ class Orchestrator {
             return;
         }
         const ClientPlan plan{role, index, mRandom(), pair.second.get(), mReportWriter.get()};
-        std::vector<std::string> arguments{"--client"};
-        for (int field = 0; field < 5; ++field) {
-            arguments.push_back(clientArgument(plan, field));
-        }
-        Process child = mSelf.create(mExe, arguments, {});
+        Process child = mSelf.create(mExe, clientArguments(plan), {});
         if (::getpid() != mSelfPid) {
             ::_exit(127);  // the exec failed in the child
         }

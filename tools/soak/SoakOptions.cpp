@@ -142,19 +142,13 @@ CommandLine parseCommandLine(int argc, char** argv) {
     return CommandLine{options, std::nullopt, 0};
 }
 
-std::string clientArgument(const ClientPlan& plan, int field) {
-    switch (field) {
-        case 0:
-            return std::to_string(static_cast<unsigned>(plan.role));
-        case 1:
-            return std::to_string(plan.slot);
-        case 2:
-            return std::to_string(plan.seed);
-        case 3:
-            return std::to_string(plan.socketFd);
-        default:
-            return std::to_string(plan.reportFd);
-    }
+std::vector<std::string> clientArguments(const ClientPlan& plan) {
+    return {"--client",
+            std::to_string(static_cast<unsigned>(plan.role)),
+            std::to_string(plan.slot),
+            std::to_string(plan.seed),
+            std::to_string(plan.socketFd),
+            std::to_string(plan.reportFd)};
 }
 
 }  // namespace velacam::soak

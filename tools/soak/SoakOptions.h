@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ClientPlan.h"
 
@@ -31,6 +32,6 @@ struct CommandLine {
 CommandLine parseCommandLine(int argc, char** argv);
 
 // The arguments that make a started copy of this program play `plan`.
-std::string clientArgument(const ClientPlan& plan, int field);
+std::vector<std::string> clientArguments(const ClientPlan& plan);
 
 }  // namespace velacam::soak
