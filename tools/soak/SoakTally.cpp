@@ -31,6 +31,11 @@ uint64_t sum(const uint64_t (&values)[kErrorKinds]) {
 
 double mebibytes(size_t bytes) { return static_cast<double>(bytes) / (1024.0 * 1024.0); }
 
+// One indented line of the table: a label and its count.
+void countLine(std::FILE* out, const std::string& label, uint64_t count) {
+    std::fprintf(out, "  %-46s %llu\n", label.c_str(), static_cast<unsigned long long>(count));
+}
+
 }  // namespace
 
 void SoakTally::add(const ClientReport& report) {
@@ -83,49 +88,40 @@ void SoakTally::print(std::FILE* out) const {
 
     std::fprintf(out, "\nfaults injected (clients started by the seed)\n");
     for (size_t r = 1; r < kRoleCount; ++r) {
-        std::fprintf(out, "  %-46s %llu\n", roleName(static_cast<Role>(r)),
-                     static_cast<unsigned long long>(roles[r].started));
+        countLine(out, roleName(static_cast<Role>(r)), roles[r].started);
     }
-    std::fprintf(out, "  %-46s %llu\n", "  SIGKILL sent mid-stream",
-                 static_cast<unsigned long long>(killsSent));
+    countLine(out, "  SIGKILL sent mid-stream", killsSent);
     std::fprintf(out, "  %-46s %llu (%.1f s in all)\n", "  SIGSTOP ... SIGCONT",
                  static_cast<unsigned long long>(stopsSent), static_cast<double>(stoppedMs) / 1000);
     std::fprintf(out, "  %-46s %llu within, %llu beyond the payload wait\n", "  stalls",
                  static_cast<unsigned long long>(stallsWithinBound),
                  static_cast<unsigned long long>(stallsBeyondBound));
     for (size_t i = 0; i < kLieCount; ++i) {
-        std::fprintf(out, "  %-46s %llu\n",
-                     (std::string("  lie: ") + lieName(static_cast<Lie>(i))).c_str(),
-                     static_cast<unsigned long long>(lies[i]));
+        countLine(out, std::string("  lie: ") + lieName(static_cast<Lie>(i)), lies[i]);
     }
     const RoleTally& full = roles[static_cast<size_t>(Role::kFullDescriptors)];
     std::fprintf(out, "  %-46s %llu (%llu descriptors)\n", "  messages with 253 descriptors",
                  static_cast<unsigned long long>(full.requests),
                  static_cast<unsigned long long>(full.descriptorsSent));
     const RoleTally& deaf = roles[static_cast<size_t>(Role::kDeaf)];
-    std::fprintf(out, "  %-46s %llu\n", "  requests never read back",
-                 static_cast<unsigned long long>(deaf.requests));
+    countLine(out, "  requests never read back", deaf.requests);
 
     std::fprintf(out, "\nserver\n");
     std::fprintf(out, "  %-46s %llu (%llu refused as malformed or wrong)\n", "requests served",
                  static_cast<unsigned long long>(server.requests),
                  static_cast<unsigned long long>(server.refusedRequests));
-    std::fprintf(out, "  %-46s %llu\n", "replies sent",
-                 static_cast<unsigned long long>(server.replies));
-    std::fprintf(out, "  %-46s %llu\n", "descriptors received (and closed)",
-                 static_cast<unsigned long long>(server.descriptorsReceived));
+    countLine(out, "replies sent", server.replies);
+    countLine(out, "descriptors received (and closed)", server.descriptorsReceived);
     std::fprintf(out, "  %-46s %s\n", "receive errors by kind",
                  errorsText(server.receiveErrors).c_str());
     std::fprintf(out, "  %-46s %s\n", "reply send errors by kind",
                  errorsText(server.sendErrors).c_str());
-    std::fprintf(out, "  %-46s %llu\n", "messages not requests (peer gone or lying)",
-                 static_cast<unsigned long long>(server.notRequests));
+    countLine(out, "messages not requests (peer gone or lying)", server.notRequests);
     std::fprintf(out, "  %-46s %llu hang-ups; %llu opened, %llu closed\n", "connections",
                  static_cast<unsigned long long>(server.hangUps),
                  static_cast<unsigned long long>(server.connectionsOpened),
                  static_cast<unsigned long long>(server.connectionsClosed));
-    std::fprintf(out, "  %-46s %llu\n", "requests dropped, their client disconnected",
-                 static_cast<unsigned long long>(server.droppedAfterClose));
+    countLine(out, "requests dropped, their client disconnected", server.droppedAfterClose);
     std::fprintf(out, "  %-46s %zu at start, %zu at end\n", "open descriptors", descriptorsAtStart,
                  descriptorsAtEnd);
     std::fprintf(out, "  %-46s %.1f MiB at start, %.1f MiB at end%s\n", "resident memory (RSS)",
