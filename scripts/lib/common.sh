@@ -2,6 +2,9 @@
 
 step() { printf '\n==> %s\n' "$*"; }
 
+# Prints the comment block at the top of the running script: its usage.
+usage() { awk 'NR > 1 && !/^#/ { exit } NR > 1' "$0"; }
+
 # Installs the Debian packages given that are missing (only as root; otherwise
 # names them and fails).
 ensure_packages() {
