@@ -98,6 +98,12 @@ void traceToFile(TraceKind kind, int64_t beginNs, int64_t endNs, int fd, int res
 
 bool tracing() { return anyOn(kTraceFile); }
 
+// Whether the loop of `queue` is watched for slow dispatches.
+bool watched(const void* queue) {
+    const LoopRecord* record = SideTable<LoopRecord>::instance().recordFor(queue);
+    return record != nullptr && record->slowThresholdNs() > 0;
+}
+
 }  // namespace
 
 int sendSlow(int fd, const Message& message, Body body, void* context) {
@@ -221,6 +227,10 @@ void HandlerRunScope::end() {
 }
 
 void DispatchScope::begin(const void* queue, const Message& message) {
+    // With only the watch on, a loop nobody watches is not timed.
+    if (!anyOn(kCountOrTrace) && !watched(queue)) {
+        return;
+    }
     mActive = true;
     mQueue = queue;
     mMessage = tracedOf(message);
