@@ -178,7 +178,7 @@ class ReplyScope {
   public:
     ReplyScope(const void* registry, const Message& reply,
                TraceKind kind = TraceKind::kReplyCallback) {
-        if (anyOn(kCountOrTrace)) {
+        if (anyOn(kind == TraceKind::kReplyCallback ? kCountOrTrace : uint8_t{kTraceFile})) {
             begin(registry, reply, kind);
         }
     }
