@@ -306,19 +306,19 @@ void DefaultReactor::handlePollEvent(const std::vector<std::pair<int, short>>& e
             continue;
         }
         if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-            // A peer that closed its end is news to an owner who listens for
-            // it, not a failure; an error or an invalid descriptor still is.
-            bool heard = false;
+            std::shared_ptr<const HangUpListener> listener;
             {
                 utils::LockGuard lock(mListenerLock);
-                heard = mHangUpListener != nullptr;
+                listener = mHangUpListener;
             }
-            if (heard && (revents & (POLLERR | POLLNVAL)) == 0) {
+            // A peer that closed its end is news to an owner who listens for
+            // it, not a failure; an error or an invalid descriptor still is.
+            if (listener && (revents & (POLLERR | POLLNVAL)) == 0) {
                 IPC_LOGI("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
             } else {
                 IPC_LOGE("fd(%d): output event failed: %s", fd, describeFailure(revents).c_str());
             }
-            notifyHangUp(fd, revents, ascendingActiveHandlers);
+            notifyHangUp(fd, revents, ascendingActiveHandlers, listener.get());
             continue;
         }
         const std::shared_ptr<EventHandler>* found = findHandler(ascendingActiveHandlers, fd);
@@ -348,15 +348,10 @@ void DefaultReactor::setHangUpListener(HangUpListener listener) {
     // is released, or later by a dispatch still calling it.
 }
 
-void DefaultReactor::notifyHangUp(int fd, short revents,
-                                  const HandlerList& ascendingActiveHandlers) {
+void DefaultReactor::notifyHangUp(int fd, short revents, const HandlerList& ascendingActiveHandlers,
+                                  const HangUpListener* listener) {
     observe::hangUp(this, revents);
-    std::shared_ptr<const HangUpListener> listener;
-    {
-        utils::LockGuard lock(mListenerLock);
-        listener = mHangUpListener;
-    }
-    if (!listener) {
+    if (listener == nullptr) {
         return;
     }
     // Every polled descriptor but the exit eventfd comes from the active list.

@@ -183,11 +183,11 @@ class IPC_EXPORT DefaultReactor {
     // its handler is alive again: the number may have been reused by a
     // handler registered after the entry was found expired.
     bool eraseEntryLocked(int fd, bool onlyIfExpired) IPC_REQUIRES(mMutex);
-    // Calls the hang-up listener, if any, for the handler of `fd`; no lock is
-    // held during the call.
+    // Calls `listener` (the hang-up listener the cycle copied; null: none)
+    // for the handler of `fd`; no lock is held during the call.
     void notifyHangUp(int fd, short revents,
-                      const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers)
-            IPC_EXCLUDES(mMutex, mListenerLock);
+                      const std::vector<std::shared_ptr<EventHandler>>& ascendingActiveHandlers,
+                      const HangUpListener* listener) IPC_EXCLUDES(mMutex, mListenerLock);
 
     utils::Mutex mMutex;
     [[maybe_unused]] std::condition_variable mCond;

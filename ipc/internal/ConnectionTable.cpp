@@ -25,6 +25,15 @@ uint64_t load(const std::atomic<uint64_t>& figure) {
     return figure.load(std::memory_order_relaxed);
 }
 
+// The slot of `fd` if its chunk was ever made; null otherwise.
+ConnectionSlot* madeSlot(int fd) {
+    if (fd < 0 || fd >= ConnectionTable::kLimit) {
+        return nullptr;
+    }
+    Chunk* chunk = sChunks[fd / kChunkSlots].load(std::memory_order_acquire);
+    return chunk != nullptr ? &chunk->slots[fd % kChunkSlots] : nullptr;
+}
+
 }  // namespace
 
 void ConnectionSlot::reset() {
@@ -83,21 +92,11 @@ ConnectionSlot* ConnectionTable::slotFor(int fd) {
     return &chunk->slots[fd % kChunkSlots];
 }
 
-const ConnectionSlot* ConnectionTable::find(int fd) {
-    if (fd < 0 || fd >= kLimit) {
-        return nullptr;
-    }
-    const Chunk* chunk = sChunks[fd / kChunkSlots].load(std::memory_order_acquire);
-    return chunk != nullptr ? &chunk->slots[fd % kChunkSlots] : nullptr;
-}
+const ConnectionSlot* ConnectionTable::find(int fd) { return madeSlot(fd); }
 
 void ConnectionTable::reset(int fd) {
-    if (fd < 0 || fd >= kLimit) {
-        return;
-    }
-    Chunk* chunk = sChunks[fd / kChunkSlots].load(std::memory_order_acquire);
-    if (chunk != nullptr) {
-        chunk->slots[fd % kChunkSlots].reset();
+    if (ConnectionSlot* slot = madeSlot(fd)) {
+        slot->reset();
     }
 }
 

@@ -27,21 +27,6 @@ void DelayHistogram::add(int64_t nanoseconds) {
     }
 }
 
-void DelayHistogram::reset() {
-    for (auto& bucket : mBuckets) {
-        bucket.store(0, std::memory_order_relaxed);
-    }
-    mMax.store(0, std::memory_order_relaxed);
-}
-
-uint64_t DelayHistogram::count() const {
-    uint64_t total = 0;
-    for (const auto& bucket : mBuckets) {
-        total += bucket.load(std::memory_order_relaxed);
-    }
-    return total;
-}
-
 int64_t DelayHistogram::percentile(unsigned permille) const {
     uint64_t counts[kBuckets];
     uint64_t total = 0;

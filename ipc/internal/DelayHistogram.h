@@ -14,8 +14,6 @@ class DelayHistogram {
     static constexpr size_t kBuckets = 48;  // up to 2^47 ns, about 39 hours
 
     void add(int64_t nanoseconds);
-    void reset();
-    uint64_t count() const;
     // The upper bound of the bucket holding the `permille`-th value of the
     // sorted sample (0 when empty).
     int64_t percentile(unsigned permille) const;

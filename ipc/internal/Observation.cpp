@@ -96,7 +96,13 @@ void traceToFile(TraceKind kind, int64_t beginNs, int64_t endNs, int fd, int res
     TraceFile::instance().write(event);
 }
 
-bool tracing() { return isOn(kTraceFile) || platformTraceEnabled(); }
+bool tracing() { return anyOn(kTraceFile); }
+
+// Whether the loop of `queue` is watched for slow dispatches.
+bool watched(const void* queue) {
+    const LoopRecord* record = SideTable<LoopRecord>::instance().recordFor(queue);
+    return record != nullptr && record->slowThresholdNs() > 0;
+}
 
 }  // namespace
 
@@ -168,16 +174,13 @@ void droppedSlow(size_t count) {
 void bound(int fd) { ConnectionTable::reset(fd); }
 
 void cycleSlow(const void* reactor) {
-    if (!isOn(kCounters)) {
-        return;
-    }
     if (ReactorRecord* record = SideTable<ReactorRecord>::instance().recordFor(reactor)) {
         add(record->cycles, 1);
     }
 }
 
 void hangUpSlow(const void* reactor, short revents) {
-    if (!isOn(kCounters) || (revents & POLLHUP) == 0) {
+    if ((revents & POLLHUP) == 0) {
         return;
     }
     if (ReactorRecord* record = SideTable<ReactorRecord>::instance().recordFor(reactor)) {
@@ -186,18 +189,12 @@ void hangUpSlow(const void* reactor, short revents) {
 }
 
 void enqueuedSlow(const void* queue, const Message* message) {
-    if (!isOn(kCounters)) {
-        return;
-    }
     if (LoopRecord* record = SideTable<LoopRecord>::instance().recordFor(queue)) {
         record->enqueued(message, monotonicNanoseconds());
     }
 }
 
 void registeredSlow(const void* registry, const Message& message) {
-    if (!isOn(kCounters)) {
-        return;
-    }
     if (RegistryRecord* record = SideTable<RegistryRecord>::instance().recordFor(registry)) {
         record->registered(tracedOf(message).id, monotonicNanoseconds());
     }
@@ -230,6 +227,10 @@ void HandlerRunScope::end() {
 }
 
 void DispatchScope::begin(const void* queue, const Message& message) {
+    // With only the watch on, a loop nobody watches is not timed.
+    if (!anyOn(kCountOrTrace) && !watched(queue)) {
+        return;
+    }
     mActive = true;
     mQueue = queue;
     mMessage = tracedOf(message);

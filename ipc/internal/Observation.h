@@ -4,7 +4,9 @@
 //
 // Each hook is one line at the entry or exit of the operation it observes.
 // Off, it costs what ObserveSwitches.h says (a load and a branch); the work
-// is done out of line, and only while a switch is on.
+// is done out of line, and only while a switch the hook serves is on: the
+// hooks that only count test the counters alone, and only the dispatch's
+// hook wakes for the slow-dispatch watch.
 #pragma once
 
 #include <cstddef>
@@ -34,7 +36,7 @@ void registeredSlow(const void* registry, const Message& message);
 template <typename Socket>
 int send(Socket* socket, int (Socket::*sendRecords)(const Message&), int fd,
          const Message& message) {
-    if (!anyOn()) {
+    if (!anyOn(kCountOrTrace)) {
         return (socket->*sendRecords)(message);
     }
     struct Call {
@@ -55,7 +57,7 @@ int send(Socket* socket, int (Socket::*sendRecords)(const Message&), int fd,
 // counting and tracing it.
 template <typename Socket>
 int receive(Socket* socket, int (Socket::*receiveRecords)(Message*), int fd, Message* message) {
-    if (!anyOn()) {
+    if (!anyOn(kCountOrTrace)) {
         return (socket->*receiveRecords)(message);
     }
     struct Call {
@@ -74,7 +76,7 @@ int receive(Socket* socket, int (Socket::*receiveRecords)(Message*), int fd, Mes
 
 // A receive closed `count` descriptors that came instead of handing them over.
 inline void dropped(size_t count) {
-    if (count != 0 && anyOn()) {
+    if (count != 0 && isOn(kCounters)) {
         droppedSlow(count);
     }
 }
@@ -84,28 +86,28 @@ void bound(int fd);
 
 // A reactor's wait returned ready descriptors.
 inline void cycle(const void* reactor) {
-    if (anyOn()) {
+    if (isOn(kCounters)) {
         cycleSlow(reactor);
     }
 }
 
 // A reactor saw error flags on a handler's descriptor.
 inline void hangUp(const void* reactor, short revents) {
-    if (anyOn()) {
+    if (isOn(kCounters)) {
         hangUpSlow(reactor, revents);
     }
 }
 
 // A message is about to be queued on `queue`.
 inline void enqueued(const void* queue, const Message* message) {
-    if (anyOn()) {
+    if (isOn(kCounters)) {
         enqueuedSlow(queue, message);
     }
 }
 
 // A reply callback is about to be registered.
 inline void registered(const void* registry, const Message& message) {
-    if (anyOn()) {
+    if (isOn(kCounters)) {
         registeredSlow(registry, message);
     }
 }
@@ -120,7 +122,7 @@ void forgetRegistry(const void* registry);
 class HandlerRunScope {
   public:
     HandlerRunScope(const void* reactor, int fd) {
-        if (anyOn()) {
+        if (anyOn(kCountOrTrace)) {
             begin(reactor, fd);
         }
     }
@@ -147,7 +149,7 @@ class HandlerRunScope {
 class DispatchScope {
   public:
     DispatchScope(const void* queue, const Message& message) {
-        if (anyOn()) {
+        if (anyOn(kCountOrTrace | kSlowWatch)) {
             begin(queue, message);
         }
     }
@@ -176,7 +178,7 @@ class ReplyScope {
   public:
     ReplyScope(const void* registry, const Message& reply,
                TraceKind kind = TraceKind::kReplyCallback) {
-        if (anyOn()) {
+        if (anyOn(kind == TraceKind::kReplyCallback ? kCountOrTrace : uint8_t{kTraceFile})) {
             begin(registry, reply, kind);
         }
     }

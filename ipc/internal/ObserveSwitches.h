@@ -2,9 +2,9 @@
 // slow-dispatch watch), read by every hook on the message path before it does
 // anything else. Library-internal.
 //
-// Off, a hook costs one relaxed load of one byte and a branch (on Android
-// also the platform's trace-enabled check); everything else lives out of
-// line, behind that test.
+// Off, a hook costs one relaxed load of one byte and a branch (on Android a
+// hook that traces also asks whether the platform's trace is capturing);
+// everything else lives out of line, behind that test.
 #pragma once
 
 #include <atomic>
@@ -32,11 +32,16 @@ bool platformTraceEnabled();
 constexpr bool platformTraceEnabled() { return false; }
 #endif
 
-inline bool anyOn() {
-    return __builtin_expect(gSwitches.load(std::memory_order_relaxed) != 0, 0) ||
-           platformTraceEnabled();
+// The switches of the hooks that only count or trace: the slow-dispatch watch
+// times dispatches alone, so watching a loop leaves every other hook off.
+inline constexpr uint8_t kCountOrTrace = kCounters | kTraceFile;
+
+inline bool isOn(uint8_t which) {
+    return __builtin_expect((gSwitches.load(std::memory_order_relaxed) & which) != 0, 0);
 }
 
-inline bool isOn(Switch which) { return (gSwitches.load(std::memory_order_relaxed) & which) != 0; }
+// Whether a hook that serves `which` has work: one of them is on, or the
+// platform's trace is capturing.
+inline bool anyOn(uint8_t which) { return isOn(which) || platformTraceEnabled(); }
 
 }  // namespace Kestrel::ipc::observe

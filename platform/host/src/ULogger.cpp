@@ -1,3 +1,4 @@
+#include <properties/Properties.h>
 #include <ulog/ULogger.h>
 
 #include <array>
@@ -32,19 +33,10 @@ RecentLinesLogger sRecentLines;
 
 constexpr const char* kLevelVariable = "VELACAM_LOG_LEVEL";
 
-// The camera stack's debug property, as the host's property stand-in reads
-// it (the environment, under its own name or upper-cased with underscores):
-// a value of 1 or more asks for debug lines.
+// The camera stack's debug property, read as the library reads it: a value
+// of 1 or more asks for debug lines.
 bool debugPropertySet() {
-    for (const char* name : {"vendor.debug.ipc.framework.log", "VENDOR_DEBUG_IPC_FRAMEWORK_LOG"}) {
-        const char* value = std::getenv(name);
-        if (value != nullptr && value[0] != '\0') {
-            char* end = nullptr;
-            const long level = std::strtol(value, &end, 10);
-            return *end == '\0' && level >= 1;
-        }
-    }
-    return false;
+    return Kestrel::Utils::Properties::property_get_int32("vendor.debug.ipc.framework.log", 0) >= 1;
 }
 
 // Reads kLevelVariable: unset or empty means errors only, or every level
