@@ -272,7 +272,7 @@ int UnixDomainSocket::sendPayloadAfterHeader(msghdr& payload, RoomWait& wait) {
     for (;;) {
         const ssize_t sent = ::sendmsg(socketFd, &payload, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
-            IPC_LOGD("[%s] bytes_sent(%zd)", __func__, sent);
+            IPC_LOGD("[%s] bytes_sent(%zd)", kSendRecord, sent);
             return 0;
         }
         int error = errno;
