@@ -21,7 +21,6 @@
 
 #include "support/EventFdHandler.h"
 #include "support/Messages.h"
-#include "support/ProcessStatus.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 

@@ -16,7 +16,6 @@
 #include <thread>
 #include <utility>
 
-#include "support/ProcessStatus.h"
 #include "support/SocketPairFixture.h"
 #include "support/interpose/ReceiveCalls.h"
 

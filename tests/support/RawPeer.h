@@ -1,5 +1,5 @@
-// Test helpers that play the far end of a socket without the library, and
-// forked peers.
+// Test helpers that play the far end of a socket without the library, forked
+// peers, and this process's memory figures.
 #pragma once
 
 #include <sys/types.h>
@@ -60,5 +60,8 @@ bool underEmulation();
 // True under AddressSanitizer, whose quarantine and fake stacks keep memory
 // resident: there a resident size says nothing of the library.
 bool underAddressSanitizer();
+
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM", "VmSize"), or -1.
+long statusKiB(const std::string& field);
 
 }  // namespace velacam::test
