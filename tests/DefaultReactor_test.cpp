@@ -177,7 +177,9 @@ TEST_F(DefaultReactorTest, ExitRequestedBeforeTogetherWithOrJustAfterTheStart_En
         const Timing timing = static_cast<Timing>(round % 3);
         const bool withHandler = round % 2 == 0;
         DefaultReactor reactor;
-        auto handler = std::make_shared<EventFdHandler>(EventFdHandler::Readiness::kAlwaysReady);
+        const EventFdHandler source;  // rung and never drained: ready on every cycle
+        source.ring();
+        auto handler = std::make_shared<CountingHandler>(source.fd(), EventType::READ);
         if (withHandler) {
             ASSERT_TRUE(reactor.registerEventHandler(handler));
         }

@@ -53,7 +53,6 @@ TEST(MessageHeader, FieldsSitAtTheirOffsetsAndNoSetterWritesTheReservedBytes) {
 }
 
 TEST(MessagePayload, PacksDataThenUnalignedDescriptorsAndEmptyingKeepsTheCounts) {
-    LogCapture capture;
     const auto message = makeMessage(1, {0xA1, 0xA2, 0xA3}, {70000, -5});
     EXPECT_EQ(message->dataCount(), 3u);
     EXPECT_EQ(message->fileDescriptorCount(), 2u);
@@ -68,7 +67,6 @@ TEST(MessagePayload, PacksDataThenUnalignedDescriptorsAndEmptyingKeepsTheCounts)
     message->setPayload(Message::Payload());
     EXPECT_EQ(message->dataCount(), 1000u);
     EXPECT_TRUE(message->payload().data.empty());
-    EXPECT_EQ(capture.count("no payload exists"), 1u);
 }
 
 TEST(MessageMove, ConstructionTakesTheHandlerAndAssignmentSwapsThem) {

@@ -5,6 +5,7 @@
 #include <sysutils/FileDescriptor.h>
 #include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "support/Descriptors.h"
@@ -27,44 +28,34 @@ class PollerTest : public ::testing::Test {
     Poller poller;
 };
 
-TEST_F(PollerTest, RegisterOverwritesInPlaceAndUnregisterKeepsTheOrder) {
-    // Empty: returns at once (0 would wait forever if it reached ppoll).
-    errno = 12345;
+// Idle entries too, and a closed peer's hang-up even with an empty mask.
+TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
+    errno = 12345;  // nothing registered: returns at once (0 would wait forever in ppoll)
     EXPECT_TRUE(poller.poll(0ms).empty());
     EXPECT_EQ(errno, 12345);
     EXPECT_EQ(capture.count("no available registered file descriptor, do nothing"), 1u);
 
-    poller.registerPollEvent(7, POLLIN);
-    poller.registerPollEvent(9, POLLPRI);
-    poller.registerPollEvent(7, POLLOUT);
-    poller.registerPollEvent(5, POLLIN);
-    poller.registerPollEvent(3, POLLIN);
-    EXPECT_EQ(poller.registeredPollEvents(),
-              (Events{{7, POLLOUT}, {9, POLLPRI}, {5, POLLIN}, {3, POLLIN}}));
-    EXPECT_TRUE(poller.unregisterPollEvent(9));
-    EXPECT_EQ(poller.registeredPollEvents(), (Events{{7, POLLOUT}, {5, POLLIN}, {3, POLLIN}}));
-    EXPECT_FALSE(poller.unregisterPollEvent(9));
-    EXPECT_EQ(capture.levelOf("fd(9) is not registered before, do nothing"), 2u);
-    poller.clear();
-    EXPECT_TRUE(poller.registeredPollEvents().empty());
-}
-
-// Idle entries too, and a closed peer's hang-up even with an empty mask.
-TEST_F(PollerTest, PollReportsEveryEntryInOrderOrAnEmptyResultWithItsErrno) {
     const EventFdHandler a, b, c;
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     const FileDescriptor d(ends[0], 0);
     ::close(ends[1]);  // gone: the pipe hangs up
     b.ring();
-    poller.registerPollEvent(c.fd(), POLLIN);
+    poller.registerPollEvent(c.fd(), POLLOUT);  // writable: replaced in place below
     poller.registerPollEvent(b.fd(), POLLIN);
     poller.registerPollEvent(a.fd(), POLLIN);
+    poller.registerPollEvent(c.fd(), POLLIN);
     poller.registerPollEvent(d.get(), 0);
     EXPECT_EQ(poller.poll(1000ms),
               (Events{{c.fd(), 0}, {b.fd(), POLLIN}, {a.fd(), 0}, {d.get(), POLLHUP}}));
 
     ASSERT_TRUE(poller.unregisterPollEvent(b.fd()));
+    EXPECT_EQ(poller.registeredPollEvents(),
+              (Events{{c.fd(), POLLIN}, {a.fd(), POLLIN}, {d.get(), 0}}));
+    EXPECT_FALSE(poller.unregisterPollEvent(b.fd()));
+    EXPECT_EQ(capture.levelOf("fd(" + std::to_string(b.fd()) +
+                              ") is not registered before, do nothing"),
+              2u);
     ASSERT_TRUE(poller.unregisterPollEvent(d.get()));
     errno = 0;
     EXPECT_TRUE(poller.poll(1ms).empty());

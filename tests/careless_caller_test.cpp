@@ -21,7 +21,6 @@
 
 #include "support/EventFdHandler.h"
 #include "support/Messages.h"
-#include "support/ProcessStatus.h"
 #include "support/ReactorThread.h"
 #include "support/SocketPairFixture.h"
 
@@ -32,17 +31,6 @@ using namespace velacam::test;
 using Kestrel::ipc::utils::FunctionRunnable;
 // With a leak check, a log capture and a watchdog; the raw peer is for the payload wait.
 using CarelessCallerTest = RawPeerTest;
-
-// Ends its loop when it handles a message.
-class ExitingHandler : public MessageHandler {
-  public:
-    explicit ExitingHandler(MessageLoop& loop) : mLoop(loop) {}
-    using MessageHandler::handleMessage;
-    void handleMessage(std::unique_ptr<Message> /*message*/) override { mLoop.requestExit(); }
-
-  private:
-    MessageLoop& mLoop;
-};
 
 // A reply of `id` with status byte 0 that carries a fresh eventfd.
 std::unique_ptr<Message> replyWithDescriptor(uint32_t id) {
@@ -103,8 +91,8 @@ TEST_F(CarelessCallerTest, MovedFromMessagesDroppedByAQueueLoopOrTable_DoNotEndT
     // Having no handler, it is dropped; the next message ends the loop.
     MessageLoop loop;
     loop.messageQueue().enqueueMessage(movedFrom(), 0ms);
-    loop.messageQueue().enqueueMessage(
-            makeMessage(2, {}, {}, std::make_shared<ExitingHandler>(loop)), 0ms);
+    auto exiting = std::make_shared<FunctionHandler>([&loop](auto) { loop.requestExit(); });
+    loop.messageQueue().enqueueMessage(makeMessage(2, {}, {}, exiting), 0ms);
     loop.dispatchMessages();
     MessageTable table(1);
     table.update(makeMessage(3));

@@ -16,7 +16,6 @@
 #include <thread>
 #include <utility>
 
-#include "support/ProcessStatus.h"
 #include "support/SocketPairFixture.h"
 #include "support/interpose/ReceiveCalls.h"
 
@@ -29,6 +28,36 @@ using Bytes = std::vector<uint8_t>;
 constexpr size_t kMost = UnixDomainSocket::kMaxInlineData;
 // Both records in one call, and a record at a time.
 const std::chrono::milliseconds kPayloadTimeouts[] = {1000ms, 0ms};
+
+// `size` bytes of a pattern that differs with `seed`.
+std::vector<uint8_t> patterned(size_t size, uint8_t seed) {
+    std::vector<uint8_t> bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(i * 13 + seed);
+    }
+    return bytes;
+}
+
+// AddressSanitizer's quarantine and fake stacks keep memory resident: there a
+// resident size says nothing of the library.
+bool underAddressSanitizer() {
+#if defined(__SANITIZE_ADDRESS__)
+    return true;
+#elif defined(__has_feature)
+    return __has_feature(address_sanitizer);
+#else
+    return false;
+#endif
+}
+
+// The bytes a record header offers for data: the sum of its vectors.
+size_t offeredBytes(const msghdr& record) {
+    size_t bytes = 0;
+    for (size_t i = 0; i < record.msg_iovlen; ++i) {
+        bytes += record.msg_iov[i].iov_len;
+    }
+    return bytes;
+}
 
 // Runs `body` on a thread that has not received yet, and returns its result.
 template <typename Body>

@@ -31,6 +31,19 @@ void expectHeader(const RawRecord& record, uint32_t id) {
     EXPECT_EQ(sentId, id);
 }
 
+// Every record waiting on `socketFd` now, taken off it without waiting.
+std::vector<RawRecord> drainRecords(int socketFd) {
+    std::vector<RawRecord> records;
+    for (;;) {
+        RawRecord record = readRecord(socketFd, 4096, 16, MSG_DONTWAIT);
+        if (record.result < 0) {
+            EXPECT_EQ(record.error, EAGAIN) << "the socket failed while drained";
+            return records;
+        }
+        records.push_back(std::move(record));
+    }
+}
+
 // records[at] and records[at + 1] are message `id` whole: its header and a
 // payload of `dataBytes`; the `at` records before are fillers.
 void expectMessageAt(const std::vector<RawRecord>& records, size_t at, uint32_t id,

@@ -10,16 +10,11 @@ namespace velacam::test {
 
 using Kestrel::utils::sys::FileDescriptor;
 
-EventFdHandler::EventFdHandler(Readiness readiness)
-    : EventFdHandler(FileDescriptor(eventfd(readiness == Readiness::kAlwaysReady ? 1 : 0,
-                                            EFD_CLOEXEC | EFD_NONBLOCK),
-                                    0),
-                     readiness) {}
+EventFdHandler::EventFdHandler()
+    : EventFdHandler(FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), 0)) {}
 
-EventFdHandler::EventFdHandler(FileDescriptor&& fd, Readiness readiness)
-    : EventHandler(fd.get(), Kestrel::ipc::EventType::READ),
-      mFd(std::move(fd)),
-      mReadiness(readiness) {}
+EventFdHandler::EventFdHandler(FileDescriptor&& fd)
+    : EventHandler(fd.get(), Kestrel::ipc::EventType::READ), mFd(std::move(fd)) {}
 
 void EventFdHandler::ring() const {
     const uint64_t one = 1;
@@ -27,10 +22,8 @@ void EventFdHandler::ring() const {
 }
 
 void EventFdHandler::handleEvent() {
-    if (mReadiness == Readiness::kDrainedByEachCall) {
-        uint64_t count = 0;
-        EXPECT_EQ(read(mFd.get(), &count, sizeof(count)), static_cast<ssize_t>(sizeof(count)));
-    }
+    uint64_t count = 0;
+    EXPECT_EQ(read(mFd.get(), &count, sizeof(count)), static_cast<ssize_t>(sizeof(count)));
     thread = gettid();
     ++calls;
 }

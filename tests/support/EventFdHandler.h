@@ -1,4 +1,4 @@
-// An EventHandler owning an eventfd; each call drains it (unless kAlwaysReady).
+// An EventHandler owning an eventfd; each call drains it.
 #pragma once
 
 #include <ipc/EventHandler.h>
@@ -11,9 +11,7 @@ namespace velacam::test {
 
 class EventFdHandler : public Kestrel::ipc::EventHandler {
   public:
-    enum class Readiness { kDrainedByEachCall, kAlwaysReady };
-
-    explicit EventFdHandler(Readiness readiness = Readiness::kDrainedByEachCall);
+    EventFdHandler();
     void ring() const;
     void handleEvent() override;
 
@@ -21,10 +19,9 @@ class EventFdHandler : public Kestrel::ipc::EventHandler {
     std::atomic<pid_t> thread{0};  // the kernel id of the last caller
 
   private:
-    EventFdHandler(Kestrel::utils::sys::FileDescriptor&& fd, Readiness readiness);
+    explicit EventFdHandler(Kestrel::utils::sys::FileDescriptor&& fd);
 
     Kestrel::utils::sys::FileDescriptor mFd;
-    Readiness mReadiness;
 };
 
 }  // namespace velacam::test

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 namespace velacam::test {
@@ -76,26 +77,6 @@ bool writeHeaderRecord(int socketFd, uint32_t id, uint32_t dataCount, uint16_t d
     return writeRecord(socketFd, bytes, size, {}) == static_cast<ssize_t>(size);
 }
 
-std::vector<RawRecord> drainRecords(int socketFd) {
-    std::vector<RawRecord> records;
-    for (;;) {
-        RawRecord record = readRecord(socketFd, 4096, 16, MSG_DONTWAIT);
-        if (record.result < 0) {
-            EXPECT_EQ(record.error, EAGAIN) << "the socket failed while drained";
-            return records;
-        }
-        records.push_back(std::move(record));
-    }
-}
-
-std::vector<uint8_t> patterned(size_t size, uint8_t seed) {
-    std::vector<uint8_t> bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 13 + seed);
-    }
-    return bytes;
-}
-
 FileDescriptor memoryFile(const std::string& contents) {
     FileDescriptor file(::memfd_create("velacam-test", MFD_CLOEXEC), 0);
     EXPECT_GE(file.get(), 0);
@@ -147,14 +128,15 @@ bool underEmulation() {
 #endif
 }
 
-bool underAddressSanitizer() {
-#if defined(__SANITIZE_ADDRESS__)
-    return true;
-#elif defined(__has_feature)
-    return __has_feature(address_sanitizer);
-#else
-    return false;
-#endif
+long statusKiB(const std::string& field) {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind(field + ":", 0) == 0) {
+            return std::stol(line.substr(field.size() + 1));
+        }
+    }
+    return -1;
 }
 
 }  // namespace velacam::test

@@ -1,5 +1,5 @@
-// Test helpers that play the far end of a socket without the library, and
-// forked peers.
+// Test helpers that play the far end of a socket without the library, forked
+// peers, and this process's memory figures.
 #pragma once
 
 #include <sys/types.h>
@@ -38,12 +38,6 @@ ssize_t writeRecord(int socketFd, const void* data, size_t size, const std::vect
 // Sends only the header record of a message announcing these counts.
 bool writeHeaderRecord(int socketFd, uint32_t id, uint32_t dataCount, uint16_t descriptorCount);
 
-// Every record waiting on `socketFd` now, taken off it without waiting.
-std::vector<RawRecord> drainRecords(int socketFd);
-
-// `size` bytes of a pattern that differs with `seed`.
-std::vector<uint8_t> patterned(size_t size, uint8_t seed);
-
 // A new anonymous file holding `contents`, and what such a file holds.
 FileDescriptor memoryFile(const std::string& contents = "");
 std::string contentsOf(int fd);
@@ -57,8 +51,7 @@ int waitPeer(pid_t pid, unsigned limitSeconds = 20);
 // True in the cross build, whose suites run under qemu-user.
 bool underEmulation();
 
-// True under AddressSanitizer, whose quarantine and fake stacks keep memory
-// resident: there a resident size says nothing of the library.
-bool underAddressSanitizer();
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM", "VmSize"), or -1.
+long statusKiB(const std::string& field);
 
 }  // namespace velacam::test

@@ -41,14 +41,6 @@ ScopedReceiveObserver::ScopedReceiveObserver(ReceiveObserver observer)
 
 ScopedReceiveObserver::~ScopedReceiveObserver() { gObserver.store(nullptr); }
 
-size_t offeredBytes(const msghdr& record) {
-    size_t bytes = 0;
-    for (size_t i = 0; i < record.msg_iovlen; ++i) {
-        bytes += record.msg_iov[i].iov_len;
-    }
-    return bytes;
-}
-
 }  // namespace velacam::test
 
 using velacam::test::gObserver;

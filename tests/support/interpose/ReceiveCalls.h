@@ -1,14 +1,9 @@
-// Test helper: sees every recvmsg and recvmmsg the test executable makes, the
-// library's included, before the kernel does.
-//
-// Linked into a suite's executable (not into the shared support library), its
-// definitions of recvmsg and recvmmsg come before the C library's, so the
-// library's calls reach them; each shows the records it offers the kernel to
-// the observer installed, then makes the real call (through the sanitizer's
-// interceptor where there is one). Without an observer a call just goes on.
-//
-// Thread: the observer is called on the receiving thread; install and remove
-// it while no receive runs.
+// Test helper: sees every recvmsg and recvmmsg of the suite's executable (the
+// library's included) before the kernel does: linked into that executable, its
+// definitions come before the C library's. Each call shows the records it offers
+// to the installed observer, then makes the real call (through the sanitizer's
+// interceptor where there is one). The observer runs on the receiving thread:
+// install and remove it while no receive runs.
 #pragma once
 
 #include <sys/socket.h>
@@ -34,8 +29,5 @@ class ScopedReceiveObserver {
   private:
     ReceiveObserver mObserver;
 };
-
-// The bytes a record header offers for data: the sum of its vectors.
-size_t offeredBytes(const msghdr& record);
 
 }  // namespace velacam::test
